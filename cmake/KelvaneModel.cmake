@@ -1,0 +1,50 @@
+# kelvane_add_model(<target> DIRECTORY <model dir> NAME <name> [OPTIONS <kelvane options>...])
+#
+# Converts a model directory at build time and compiles the generated
+# <name>.c into <target>, which also gets the directory of <name>.h on its
+# include path and links dl_lib::dl_lib. The conversion runs again when a
+# file of the directory changes, or when one is added or removed.
+#
+#   kelvane_add_model(firmware DIRECTORY ${CMAKE_SOURCE_DIR}/model NAME kws)
+#   kelvane_add_model(firmware DIRECTORY model_f NAME kws_f OPTIONS -no-quantized)
+include_guard(GLOBAL)
+
+function(kelvane_add_model target)
+  cmake_parse_arguments(PARSE_ARGV 1 KM "" "DIRECTORY;NAME" "OPTIONS")
+  if(NOT KM_DIRECTORY OR NOT KM_NAME)
+    message(FATAL_ERROR "kelvane_add_model: DIRECTORY and NAME are required")
+  endif()
+  if(TARGET kelvane)
+    set(converter kelvane)
+  elseif(TARGET dl_lib::kelvane)
+    set(converter dl_lib::kelvane)
+  else()
+    message(FATAL_ERROR "kelvane_add_model: no kelvane target; build dl_lib with DL_LIB_BUILD_TOOL")
+  endif()
+  if(TARGET dl_lib::dl_lib)
+    set(library dl_lib::dl_lib)
+  else()
+    set(library dl_lib)
+  endif()
+
+  get_filename_component(model_dir "${KM_DIRECTORY}" ABSOLUTE)
+  file(GLOB model_files CONFIGURE_DEPENDS "${model_dir}/*")
+  set(out_dir "${CMAKE_CURRENT_BINARY_DIR}/kelvane_${KM_NAME}")
+  set(c_file "${out_dir}/${KM_NAME}.c")
+  set(h_file "${out_dir}/${KM_NAME}.h")
+  add_custom_command(
+    OUTPUT "${c_file}" "${h_file}"
+    COMMAND ${CMAKE_COMMAND} -E make_directory "${out_dir}"
+    COMMAND ${converter} "${model_dir}" "${c_file}" "${h_file}" ${KM_NAME} ${KM_OPTIONS}
+    DEPENDS ${converter} ${model_files}
+    COMMENT "kelvane: converting ${KM_DIRECTORY} to ${KM_NAME}.c"
+    VERBATIM)
+  target_sources(${target} PRIVATE "${c_file}" "${h_file}")
+  target_include_directories(${target} PRIVATE "${out_dir}")
+  target_link_libraries(${target} PRIVATE ${library})
+  # The generated text declares "const static" tables and lookups that do
+  # not use all their parameters; quiet those two -Wextra warnings for the
+  # generated source alone.
+  set_property(SOURCE "${c_file}" TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_OPTIONS
+               -Wno-unused-parameter $<$<C_COMPILER_ID:GNU>:-Wno-old-style-declaration>)
+endfunction()

@@ -1,0 +1,78 @@
+/*
+ * dl_lib_internal.h - helpers shared by the library's modules; not installed.
+ *
+ * The number helpers spell out conversions that plain C++ casts leave
+ * undefined (NaN or out-of-range float to int), so that a microcontroller
+ * computes bit for bit what the PC computed.
+ */
+#ifndef DL_LIB_INTERNAL_H
+#define DL_LIB_INTERNAL_H
+
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "dl_lib_types.h"
+
+namespace dl {
+
+/* Contract assertions stay on in every build type. The message names the
+ * source file, the line, the function and the condition as written. */
+[[noreturn]] inline void assert_fail(const char *cond, const char *file, int line, const char *func)
+{
+    const char *base = strrchr(file, '/');
+    fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", base ? base + 1 : file, line, func, cond);
+    fflush(stderr);
+    abort();
+}
+
+constexpr int32_t kItemMax = 32767;  // saturation is symmetric: -32767..32767
+
+/* Truncation toward zero to a signed 32-bit integer. A NaN, or a value whose
+ * truncation does not fit, gives the lowest 32-bit integer. */
+inline int32_t trunc_i32(float v)
+{
+    if (v >= -2147483648.0f && v < 2147483648.0f) return static_cast<int32_t>(v);
+    return INT32_MIN;
+}
+
+inline int32_t trunc_i32(double v)
+{
+    if (v > -2147483649.0 && v < 2147483648.0) return static_cast<int32_t>(v);
+    return INT32_MIN;
+}
+
+/* The low 16 bits of a 32-bit integer, as a signed item (two's complement). */
+inline qtp_t low16(int32_t v)
+{
+    return static_cast<qtp_t>(static_cast<uint16_t>(static_cast<uint32_t>(v)));
+}
+
+inline int32_t saturate(int64_t v)
+{
+    if (v > kItemMax) return kItemMax;
+    if (v < -kItemMax) return -kItemMax;
+    return static_cast<int32_t>(v);
+}
+
+/* 2^e as a 32-bit float, exact wherever it is representable (subnormals
+ * included); 0 below and infinity above that range. No libm call. */
+inline float pow2f(int e)
+{
+    uint32_t bits;
+    if (e > 127) bits = 0x7f800000u;
+    else if (e >= -126) bits = static_cast<uint32_t>(e + 127) << 23;
+    else if (e >= -149) bits = 1u << (e + 149);
+    else bits = 0;
+    float f;
+    memcpy(&f, &bits, sizeof f);
+    return f;
+}
+
+}  // namespace dl
+
+#define DL_ASSERT(cond) \
+    ((cond) ? static_cast<void>(0) : ::dl::assert_fail(#cond, __FILE__, __LINE__, __func__))
+
+#endif /* DL_LIB_INTERNAL_H */

@@ -1,0 +1,261 @@
+#include "convert.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "emit.h"
+
+namespace kelvane {
+
+namespace {
+
+const char *const kModelInfoFilename = "_MODEL_INFO_";
+const fptp_t kBatchNormEpsilon = 0.001f;
+
+struct converted_matrix_t {
+    std::string name;
+    uint8_t flags;
+};
+
+struct FileCloser {
+    void operator()(FILE *f) const { fclose(f); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+// One run's state: the settings, the two outputs and the names converted so
+// far, in sorted order (the lookups list them newest first).
+class Converter {
+public:
+    Converter(const Settings &s, FILE *cfile, FILE *hfile) : s_(s), cfile_(cfile), hfile_(hfile) {}
+
+    // Runs one directory entry through the pipeline; false means stop with
+    // status 1.
+    bool entry(const char *entry_name);
+    void write_tail();
+
+private:
+    template <class Record>
+    bool convert_file(const char *entry_name, const std::string &name, const std::string &path,
+                      Record *(*load)(const char *), void (*emit)(const char *, const Record *, FILE *, FILE *),
+                      void (*release)(Record *));
+    int final_flags(const std::string &name) const;
+    void write_lookup(const char *head, bool quantised_members) const;
+
+    const Settings &s_;
+    FILE *cfile_;
+    FILE *hfile_;
+    std::vector<converted_matrix_t> converted_;
+};
+
+int Converter::final_flags(const std::string &name) const
+{
+    int flags = get_flags_for_file(name, s_.bnmatrices);
+    if (s_.float_flag || s_.tensor_flag) {
+        flags &= ~MF_QUANTISED;
+        if (s_.exclude_flag) {
+            // Split at commas; empty items vanish, as with strtok.
+            const std::string &list = s_.exclude_list;
+            for (size_t start = 0; start <= list.size();) {
+                size_t end = list.find(',', start);
+                if (end == std::string::npos) end = list.size();
+                if (end > start && list.compare(start, end - start, name) == 0) flags |= MF_QUANTISED;
+                start = end + 1;
+            }
+        }
+    }
+    return flags;
+}
+
+template <class Record>
+bool Converter::convert_file(const char *entry_name, const std::string &name, const std::string &path,
+                             Record *(*load)(const char *),
+                             void (*emit)(const char *, const Record *, FILE *, FILE *), void (*release)(Record *))
+{
+    std::unique_ptr<Record, void (*)(Record *)> m(load(path.c_str()), release);
+    if (!m) {
+        printf("WARNING: Could not parse file %s, not converting.\n", entry_name);
+        return true;
+    }
+    int flags = final_flags(name);
+    if constexpr (!std::is_same_v<Record, dl_matrix2d_t>) {
+        // Batch-norm roots and fixed-point 2-D tables are for 2-D matrices.
+        flags &= ~(MF_QUANTISED | MF_BATCHNORM);
+    }
+    fputs("\n", cfile_);
+    if constexpr (std::is_same_v<Record, dl_matrix2d_t>) {
+        if (flags & MF_BATCHNORM) {
+            fprintf(cfile_, "//Warning: this has been pre-processed by dl_batch_normalize_get_sqrtvar (epsilon=%f)\n",
+                    static_cast<double>(kBatchNormEpsilon));
+            dl_batch_normalize_get_sqrtvar(m.get(), kBatchNormEpsilon, m.get());
+        }
+        if (flags & MF_QUANTISED) {
+            if (!emit_matrix2dq(name.c_str(), m.get(), cfile_, hfile_)) {
+                printf("ERROR: Out of memory while converting %s.\n", entry_name);
+                return false;
+            }
+            converted_.push_back({name, static_cast<uint8_t>(flags)});
+            return true;
+        }
+    }
+    emit(name.c_str(), m.get(), cfile_, hfile_);
+    converted_.push_back({name, static_cast<uint8_t>(flags)});
+    return true;
+}
+
+bool Converter::entry(const char *entry_name)
+{
+    if (entry_name[0] == '.') return true;  // ., .. and hidden files
+    const std::string name = sanitize_name(entry_name);
+    const std::string path = s_.modeldir + "/" + entry_name;
+    if (strcmp(entry_name, kModelInfoFilename) == 0) return emit_model_info(path.c_str(), cfile_);
+
+    // The name becomes C identifiers in the generated source: anything else
+    // would not compile, or would put text of the directory into the code.
+    if (!is_c_identifier(name)) {
+        printf("WARNING: Name %s of file %s is not a C identifier, not converting.\n", name.c_str(), entry_name);
+        return true;
+    }
+    // Opening a FIFO or a device could block or never end; such an entry is
+    // no coefficient file. Directories go on to the loader, which refuses them.
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        fprintf(stderr, "%s: not a regular file\n", path.c_str());
+        printf("WARNING: Could not parse file %s, not converting.\n", entry_name);
+        return true;
+    }
+
+    switch (s_.mode()) {
+    case Mode::quantised_2d:
+    case Mode::float_2d:
+        return convert_file<dl_matrix2d_t>(entry_name, name, path, dl_matrix2d_from_numpy_file, emit_matrix2d,
+                                           dl_matrix_free);
+    case Mode::quantised_tensor:
+    case Mode::float_tensor:
+    case Mode::input_tensor:
+        break;
+    }
+    return false;
+}
+
+void Converter::write_lookup(const char *head, bool quantised_members) const
+{
+    fputs(head, cfile_);
+    for (auto it = converted_.rbegin(); it != converted_.rend(); ++it) {
+        if (((it->flags & MF_QUANTISED) != 0) != quantised_members) continue;
+        fprintf(cfile_, "\tif (strcmp(name, \"%s\")==0) return &%s;\n", it->name.c_str(), it->name.c_str());
+    }
+    fputs("\treturn NULL;\n", cfile_);
+    fputs("}\n", cfile_);
+}
+
+void Converter::write_tail()
+{
+    const char *head = nullptr;
+    const char *member = nullptr;
+    switch (s_.mode()) {
+    case Mode::quantised_2d:
+        head = "static const dl_matrix2dq_t *get_coeff_q(const char *name, void *arg, int hint) {\n";
+        member = "\t.getter_q=get_coeff_q,\n";
+        break;
+    case Mode::float_2d:
+        head = "static const dl_matrix2d_t *get_coeff_f(const char *name, void *arg, int hint) {\n";
+        member = "\t.getter_f=get_coeff_f,\n";
+        break;
+    case Mode::quantised_tensor:
+        head = "static const dl_matrix3dq_t *get_coeff_3dq(const char *name, void *arg, int hint) {\n";
+        member = "\t.getter_3dq=get_coeff_3dq,\n";
+        break;
+    case Mode::float_tensor:
+        head = "static const dl_matrix3d_t *get_coeff_3d(const char *name, void *arg, int hint) {\n";
+        member = "\t.getter_3d=get_coeff_3d,\n";
+        break;
+    case Mode::input_tensor:
+        head = "static const dl_matrix3du_t *get_coeff_3d(const char *name, void *arg, int hint) {\n";
+        member = "\t.getter_3d=get_coeff_3d,\n";
+        break;
+    }
+    // In quantised 2-D mode every matrix is quantised and stands in the one
+    // lookup; otherwise the first lookup lists the others and a second one,
+    // written whenever -exclude is in force in a float mode, the quantised.
+    const bool all_quantised = s_.mode() == Mode::quantised_2d;
+    write_lookup(head, all_quantised);
+    const bool second = s_.float_flag && s_.exclude_flag;
+    if (second) write_lookup("static const dl_matrix2dq_t *get_coeff_q(const char *name, void *arg, int hint) {\n", true);
+    fputs("static const model_info_t *get_info(void *arg) {\n", cfile_);
+    fputs("\treturn &model_info;\n", cfile_);
+    fputs("}\n", cfile_);
+    fprintf(cfile_, "const model_coeff_getter_t get_coeff_%s={\n", s_.name.c_str());
+    fputs("\t.getter_info=get_info,\n", cfile_);
+    fputs(member, cfile_);
+    if (second) fputs("\t.getter_q=get_coeff_q,\n", cfile_);
+    fputs("};\n", cfile_);
+    fprintf(hfile_, "extern const model_coeff_getter_t get_coeff_%s;\n", s_.name.c_str());
+}
+
+File open_output(const std::string &path)
+{
+    File f(fopen(path.c_str(), "w"));
+    if (!f) perror(path.c_str());
+    return f;
+}
+
+// Closes an output and reports a failed write (a full disk, say).
+bool close_output(File &f, const std::string &path)
+{
+    const bool ok = !ferror(f.get()) && fclose(f.release()) == 0;
+    if (!ok) perror(path.c_str());
+    return ok;
+}
+
+}  // namespace
+
+int convert(const Settings &s)
+{
+    switch (s.mode()) {
+    case Mode::quantised_2d:
+    case Mode::float_2d: break;
+    case Mode::quantised_tensor:
+    case Mode::float_tensor:
+    case Mode::input_tensor:
+        printf("Tensor conversion (-3d) is not available in this version of kelvane.\n");
+        return 1;
+    }
+
+    File cfile = open_output(s.cfile);
+    if (!cfile) return 1;
+    File hfile = open_output(s.hfile);
+    if (!hfile) return 1;
+    emit_c_hdr(cfile.get(), s.name.c_str());
+    emit_h_hdr(hfile.get());
+
+    struct dirent **entries = nullptr;
+    const int count = scandir(s.modeldir.c_str(), &entries, nullptr, alphasort);
+    if (count < 0) {
+        perror(s.modeldir.c_str());
+        return 1;
+    }
+    Converter converter(s, cfile.get(), hfile.get());
+    bool ok = true;
+    for (int i = 0; i < count; i++) {
+        if (ok) ok = converter.entry(entries[i]->d_name);
+        free(entries[i]);
+    }
+    free(entries);
+    if (!ok) return 1;
+
+    emit_h_footer(hfile.get(), s.name.c_str());
+    converter.write_tail();
+    const bool c_ok = close_output(cfile, s.cfile);
+    const bool h_ok = close_output(hfile, s.hfile);
+    return c_ok && h_ok ? 0 : 1;
+}
+
+}  // namespace kelvane
