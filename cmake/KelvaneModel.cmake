@@ -29,7 +29,7 @@ function(kelvane_add_model target)
 
   get_filename_component(model_dir "${KM_DIRECTORY}" ABSOLUTE)
   file(GLOB model_files CONFIGURE_DEPENDS "${model_dir}/*")
-  set(out_dir "${CMAKE_CURRENT_BINARY_DIR}/kelvane_${KM_NAME}")
+  set(out_dir "${CMAKE_CURRENT_BINARY_DIR}/kelvane/${target}/${KM_NAME}")
   set(c_file "${out_dir}/${KM_NAME}.c")
   set(h_file "${out_dir}/${KM_NAME}.h")
   add_custom_command(

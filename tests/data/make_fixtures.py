@@ -1,0 +1,150 @@
+#!/usr/bin/python3
+"""Writes the .npy fixtures of the loader, converter and golden-output tests.
+
+Provenance: every .npy file under tests/data/npy, tests/data/fetch_model*,
+tests/cli/*/model and examples/demo/model was written by numpy.save (or
+numpy.lib.format for the version 2 file) from this script, run as
+    /usr/bin/python3 tests/data/make_fixtures.py
+with Debian's python3-numpy 1.24. Tests read the committed files and never
+need Python. Rerun after changing a fixture and review the diff.
+"""
+import os
+import shutil
+
+import numpy as np
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+
+def path(*parts):
+    p = os.path.join(ROOT, *parts)
+    os.makedirs(os.path.dirname(p), exist_ok=True)
+    return p
+
+
+def save(rel, array):
+    np.save(path(rel), array)
+
+
+def fresh_dir(rel):
+    d = os.path.join(ROOT, rel)
+    shutil.rmtree(d, ignore_errors=True)
+    os.makedirs(d)
+    return rel
+
+
+def fetch_values(seed, count):
+    """The values the compile-and-fetch test recomputes in C: multiples of
+    1/7, which six decimals cannot hold exactly."""
+    return [((i * 37 + seed * 11) % 101 - 50) / 7.0 for i in range(count)]
+
+
+def loader_fixtures():
+    base = np.arange(6).reshape(2, 3) * 1.25 - 2.5
+    for descr, dtype in (("f4", np.float32), ("f8", np.float64), ("i4", np.int32), ("i8", np.int64)):
+        save(f"tests/data/npy/{descr}_2x3.npy", (base * 4).astype(dtype))
+    save("tests/data/npy/f4_vec5.npy", np.array([1, -2, 3.5, 0.25, 8], dtype=np.float32))
+    save("tests/data/npy/f4_2x3x4.npy", np.arange(24, dtype=np.float32).reshape(2, 3, 4))
+    save("tests/data/npy/f4_fortran.npy", np.asfortranarray(np.arange(6, dtype=np.float32).reshape(2, 3)))
+    save("tests/data/npy/f4_0x3.npy", np.zeros((0, 3), dtype=np.float32))
+    save("tests/data/npy/f4_3x0.npy", np.zeros((3, 0), dtype=np.float32))
+    save("tests/data/npy/u1_2x3.npy", np.arange(6, dtype=np.uint8).reshape(2, 3))
+    save("tests/data/npy/be_f4_2x3.npy", np.arange(6, dtype=">f4").reshape(2, 3))
+    save("tests/data/npy/f4_scalar.npy", np.float32(7.5))
+    with open(path("tests/data/npy/v2_f4_2x3.npy"), "wb") as f:
+        np.lib.format.write_array(f, np.arange(6, dtype=np.float32).reshape(2, 3), version=(2, 0))
+    big = np.float64(1e40)
+    save("tests/data/npy/f8_out_of_float_range.npy", np.array([big, -big, 2.0**-160, 1 / 3], dtype=np.float64))
+    save("tests/data/npy/i8_extremes.npy", np.array([2**63 - 1, -2**63, 2**24 + 1, -7], dtype=np.int64))
+
+
+def fetch_models():
+    d = fresh_dir("tests/data/fetch_model")
+    shapes = {"dense": (3, 5), "bias": (5,), "odd": (5, 3), "tiny": (1, 1), "pop_var": (1, 4), "zero": (2, 2)}
+    for seed, (name, shape) in enumerate(sorted(shapes.items())):
+        count = int(np.prod(shape))
+        values = np.array(fetch_values(seed, count), dtype=np.float32).reshape(shape)
+        if name == "pop_var":
+            values = np.abs(values)
+        if name == "zero":
+            values = np.zeros(shape, dtype=np.float32)
+        save(f"{d}/{name}.npy", values)
+    with open(path(d, "_MODEL_INFO_"), "w") as f:
+        f.write("# wake words of the fetch test\n")
+        f.write("kws_v1_hey_5_0.72_0.65_stop_x_0.8_0.7\n")
+    d3 = fresh_dir("tests/data/escape_model")
+    save(f"{d3}/w.npy", np.array([1.0], dtype=np.float32))
+    with open(path(d3, "_MODEL_INFO_"), "wb") as f:
+        # A quote, a backslash, a trigraph and a carriage return (DOS line end).
+        f.write(b'm_v1_say"hi"_3_0.5_0.25_back\\slash_4_0.1236_abc_what??=_1_1_2\r\n')
+    d2 = fresh_dir("tests/data/fetch_model_noinfo")
+    save(f"{d2}/w.npy", np.array([[0.5, -1.0], [2.0, 0.125]], dtype=np.float32))
+
+
+def cli_case_models():
+    def model(case):
+        return fresh_dir(f"tests/cli/{case}/model")
+
+    for case in ("float_demo", "quant_demo"):
+        d = model(case)
+        save(f"{d}/a.npy", np.array([0.5, -2], dtype=np.float32))
+        save(f"{d}/b c.v2.npy", np.array([1.5, 0.25, 3], dtype=np.float32))
+        with open(path(d, ".x"), "w") as f:
+            f.write("hidden\n")
+
+    for case in ("exclude_bn", "quant_bn"):
+        d = model(case)
+        save(f"{d}/dense.npy", np.array([[1.0, -0.5, 0.25], [2.0, 0.0, -3.0]], dtype=np.float32))
+        save(f"{d}/pop_var.npy", np.array([0.0, 1.0, 0.25, -0.001, -0.5], dtype=np.float32))
+        save(f"{d}/gamma.npy", np.array([1.0, 2.0], dtype=np.float64))
+
+    d = model("quant_layouts")
+    save(f"{d}/odd.npy", np.arange(6, dtype=np.float32).reshape(3, 2) - 2.5)
+    save(f"{d}/n17.npy", np.linspace(-1, 1, 17).astype(np.float32))
+    save(f"{d}/n32.npy", (np.arange(32, dtype=np.int32) - 16).reshape(2, 16))
+    save(f"{d}/zeros.npy", np.zeros((2, 3), dtype=np.float32))
+    save(f"{d}/empty.npy", np.zeros((0,), dtype=np.float32))
+    save(f"{d}/tiny.npy", np.array([1e-7, 0.5], dtype=np.float32))
+
+    d = model("model_info")
+    save(f"{d}/A.npy", np.array([1.0], dtype=np.float32))
+    save(f"{d}/b.npy", np.array([2.0], dtype=np.float32))
+    with open(path(d, "_MODEL_INFO_"), "w") as f:
+        f.write("# comment_with_the_right_count_of_under_scores\n")
+        f.write("five_fields_are_skipped\n")
+        f.write("cnn_v2_alpha_5_0.72_0.65_beta_x_0.8_0.7\n")
+        f.write("x_y_later_1_0.5_0.5\n")
+
+    for case in ("empty_dir", "flags_repeat"):
+        with open(path(model(case), ".keep"), "w") as f:
+            f.write("")
+
+    d = model("info_no_line")
+    save(f"{d}/B.npy", np.array([1.0], dtype=np.float32))
+    save(f"{d}/c.npy", np.array([1.0], dtype=np.float32))
+    with open(path(d, "_MODEL_INFO_"), "w") as f:
+        f.write("# only_comments_and_blank_lines_here_x\n\n   \n_a_b\n")
+
+    d = model("info_empty_field")
+    with open(path(d, "_MODEL_INFO_"), "w") as f:
+        f.write("m_v1_word__0.5_0.5\n")
+
+    d = model("bad_files")
+    save(f"{d}/good.npy", np.array([[1, 2], [3, 4]], dtype=np.float32))
+    save(f"{d}/my-weights.npy", np.array([1.0], dtype=np.float32))
+    save(f"{d}/2nd.npy", np.array([1.0], dtype=np.float32))
+    with open(path(d, "notes.txt"), "w") as f:
+        f.write("not a numpy file\n")
+    with open(path(d, "subdir", ".keep"), "w") as f:
+        f.write("")
+    full = open(path(d, "good.npy"), "rb").read()
+    with open(path(d, "truncated.npy"), "wb") as f:
+        f.write(full[:-6])
+    with open(path(d, "_MODEL_INFO_.txt"), "w") as f:
+        f.write("a_b_c_1_0.5_0.5\n")
+
+
+if __name__ == "__main__":
+    loader_fixtures()
+    fetch_models()
+    cli_case_models()
