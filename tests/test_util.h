@@ -1,0 +1,92 @@
+// Helpers shared by the unit tests.
+#ifndef DL_LIB_TEST_UTIL_H
+#define DL_LIB_TEST_UTIL_H
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dl_lib.h"
+
+namespace testutil {
+
+using MatrixPtr = std::unique_ptr<dl_matrix2d_t, decltype(&dl_matrix_free)>;
+using MatrixqPtr = std::unique_ptr<dl_matrix2dq_t, decltype(&dl_matrixq_free)>;
+
+inline MatrixPtr own(dl_matrix2d_t *m) { return MatrixPtr(m, dl_matrix_free); }
+inline MatrixqPtr own(dl_matrix2dq_t *m) { return MatrixqPtr(m, dl_matrixq_free); }
+
+// A row-major float matrix from rows of values.
+inline MatrixPtr matrix(int w, int h, const std::vector<float> &values)
+{
+    MatrixPtr m = own(dl_matrix_alloc(w, h));
+    for (int i = 0; i < w * h; i++) m->item[i] = values[i];
+    return m;
+}
+
+// The bytes of a version 1.0 .npy file with the given header text and data.
+inline std::string npy_bytes(const std::string &header, const std::string &data)
+{
+    std::string b("\x93NUMPY\x01\x00", 8);
+    b += static_cast<char>(header.size() & 0xff);
+    b += static_cast<char>(header.size() >> 8);
+    return b + header + data;
+}
+
+template <class T>
+std::string raw(const std::vector<T> &values)
+{
+    return std::string(reinterpret_cast<const char *>(values.data()), values.size() * sizeof(T));
+}
+
+// A file in the test's temporary directory, removed with the object.
+class TempFile {
+public:
+    explicit TempFile(const std::string &contents, const std::string &name = "t.npy")
+    {
+        char dir[] = "/tmp/dl_lib_test_XXXXXX";
+        dir_ = mkdtemp(dir);
+        path_ = dir_ + "/" + name;
+        FILE *f = fopen(path_.c_str(), "wb");
+        fwrite(contents.data(), 1, contents.size(), f);
+        fclose(f);
+    }
+    ~TempFile()
+    {
+        remove(path_.c_str());
+        remove(dir_.c_str());
+    }
+    const char *path() const { return path_.c_str(); }
+
+private:
+    std::string dir_, path_;
+};
+
+// The contents of a memory stream that a test writes through a FILE*.
+class MemStream {
+public:
+    MemStream() : f_(open_memstream(&buf_, &size_)) {}
+    ~MemStream()
+    {
+        if (f_) fclose(f_);
+        free(buf_);
+    }
+    FILE *get() const { return f_; }
+    std::string str()
+    {
+        fflush(f_);
+        return std::string(buf_, size_);
+    }
+
+private:
+    char *buf_ = nullptr;
+    size_t size_ = 0;
+    FILE *f_;
+};
+
+}  // namespace testutil
+
+#endif
