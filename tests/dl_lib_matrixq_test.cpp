@@ -16,6 +16,8 @@ struct QuantCase {
     std::vector<int> items;
 };
 
+void PrintTo(const QuantCase &c, std::ostream *os) { *os << c.values.size() << " values"; }
+
 class QuantiseTest : public testing::TestWithParam<QuantCase> {};
 
 TEST_P(QuantiseTest, ExponentAndItems)

@@ -20,6 +20,8 @@ struct OptionCase {
     std::string bn;
 };
 
+void PrintTo(const OptionCase &c, std::ostream *os) { *os << c.opts.size() << " options"; }
+
 class OptionsTest : public testing::TestWithParam<OptionCase> {};
 
 TEST_P(OptionsTest, Parse)
@@ -162,6 +164,8 @@ struct InfoCase {
     std::string printed;  // stdout; "@" stands for the path
     std::string windows, thresholds, words, info_str;
 };
+
+void PrintTo(const InfoCase &c, std::ostream *os) { *os << c.label; }
 
 class ModelInfoTest : public testing::TestWithParam<InfoCase> {};
 

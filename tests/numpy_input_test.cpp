@@ -77,6 +77,8 @@ std::vector<LoadCase> load_cases()
     };
 }
 
+void PrintTo(const LoadCase &c, std::ostream *os) { *os << c.label; }
+
 class LoadTest : public testing::TestWithParam<LoadCase> {};
 
 TEST_P(LoadTest, MatrixLoader)
@@ -107,6 +109,8 @@ struct FixtureCase {
     int w, h;  // -1: refused
     std::vector<float> items;
 };
+
+void PrintTo(const FixtureCase &c, std::ostream *os) { *os << c.file; }
 
 class FixtureTest : public testing::TestWithParam<FixtureCase> {};
 
