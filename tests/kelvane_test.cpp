@@ -241,3 +241,89 @@ TEST(ModelInfo, UnopenableFileGivesPerror)
 }
 
 }  // namespace
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "convert.h"
+
+namespace {
+
+std::string read_file(const std::string &path)
+{
+    std::string text;
+    if (FILE *f = fopen(path.c_str(), "rb")) {
+        char buf[4096];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) text.append(buf, n);
+        fclose(f);
+    }
+    return text;
+}
+
+// The driver on real directories whose entries no golden case can hold.
+class DriverTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        char dir[] = "/tmp/kelvane_driver_XXXXXX";
+        root_ = mkdtemp(dir);
+    }
+    void TearDown() override { EXPECT_EQ(system(("rm -rf " + root_).c_str()), 0); }
+
+    void write_npy(const std::string &path)
+    {
+        const std::string bytes = npy_bytes("{'descr': '<f4', 'shape': (1,)}", raw<float>({0.5f}));
+        FILE *f = fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr) << path;
+        fwrite(bytes.data(), 1, bytes.size(), f);
+        fclose(f);
+    }
+
+    int run(const std::string &modeldir, std::string *stdout_text)
+    {
+        Settings s;
+        s.modeldir = modeldir;
+        s.cfile = root_ + "/out.c";
+        s.hfile = root_ + "/out.h";
+        s.name = "t";
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const int status = convert(s);
+        fflush(stdout);
+        *stdout_text = testing::internal::GetCapturedStdout();
+        testing::internal::GetCapturedStderr();
+        return status;
+    }
+
+    std::string root_;
+};
+
+TEST_F(DriverTest, PathsLongerThanAnyFixedBuffer)
+{
+    std::string dir = root_;
+    for (int i = 0; i < 6; i++) {
+        dir += "/" + std::string(200, static_cast<char>('a' + i));
+        ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    }
+    const std::string name = std::string(200, 'w');
+    write_npy(dir + "/" + name + ".npy");
+    ASSERT_GT(dir.size(), 1200u);
+    std::string printed;
+    EXPECT_EQ(run(dir, &printed), 0);
+    EXPECT_EQ(printed, "");
+    EXPECT_NE(read_file(root_ + "/out.c").find("if (strcmp(name, \"" + name + "\")==0)"), std::string::npos);
+}
+
+TEST_F(DriverTest, FifoIsSkippedNotOpened)
+{
+    const std::string dir = root_ + "/m";
+    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    ASSERT_EQ(mkfifo((dir + "/pipe.npy").c_str(), 0600), 0);
+    write_npy(dir + "/w.npy");
+    std::string printed;
+    EXPECT_EQ(run(dir, &printed), 0);
+    EXPECT_EQ(printed, "WARNING: Could not parse file pipe.npy, not converting.\n");
+    EXPECT_NE(read_file(root_ + "/out.c").find("return &w;"), std::string::npos);
+}
+
+}  // namespace
