@@ -32,11 +32,16 @@ function(kelvane_add_model target)
   set(out_dir "${CMAKE_CURRENT_BINARY_DIR}/kelvane/${target}/${KM_NAME}")
   set(c_file "${out_dir}/${KM_NAME}.c")
   set(h_file "${out_dir}/${KM_NAME}.h")
+  # The listing changes (and so is rewritten) only when entries come or go;
+  # depending on it converts again after a file is removed.
+  set(listing "${out_dir}/model_files.txt")
+  string(REPLACE ";" "\n" listing_text "${model_files}")
+  file(CONFIGURE OUTPUT "${listing}" CONTENT "${listing_text}\n" @ONLY)
   add_custom_command(
     OUTPUT "${c_file}" "${h_file}"
     COMMAND ${CMAKE_COMMAND} -E make_directory "${out_dir}"
     COMMAND ${converter} "${model_dir}" "${c_file}" "${h_file}" ${KM_NAME} ${KM_OPTIONS}
-    DEPENDS ${converter} ${model_files}
+    DEPENDS ${converter} ${model_files} "${listing}"
     COMMENT "kelvane: converting ${KM_DIRECTORY} to ${KM_NAME}.c"
     VERBATIM)
   target_sources(${target} PRIVATE "${c_file}" "${h_file}")
