@@ -47,6 +47,39 @@ void dl_matrix_flip(dl_matrix2d_t *a);
 /* Prints the shape and the items, row by row, to stdout. */
 void dl_printmatrix(const dl_matrix2d_t *a);
 
+/* Element-wise arithmetic: out = a op b at each position, rows a->h, columns
+ * a->w. a and b must have out's shape (strides may differ). out may be a or
+ * b: each position is read before it is written. Division by 0 gives what
+ * IEEE float division gives. */
+void dl_matrix_add(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out);
+void dl_matrix_sub(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out);
+void dl_matrix_div(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out);
+
+/* out = a * b element by element over a->h rows and b->w columns. a and b
+ * must have the same shape; out's shape is not checked and should be a's.
+ * out may be a or b. */
+void dl_matrix_mul(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out);
+
+/* Adds value to every item of a, in place. */
+void dl_matrix_add_const(dl_matrix2d_t *a, fptp_t value);
+
+/* Matrix product res = a x b: a is h x w, b has a->w rows, res has a->h rows
+ * and b->w columns. Each item is summed over k in ascending order from 0.0,
+ * every product and sum rounded to float on its own (no fused multiply-add),
+ * so every build and machine gives the same bits. Not in place: res must not
+ * share items with a or b. */
+void dl_matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);
+
+/* New dense matrix of a->w + b->w columns: a's columns, then b's. a and b
+ * must have the same h. The caller frees it with dl_matrix_free. */
+dl_matrix2d_t *dl_matrix_concat(const dl_matrix2d_t *a, const dl_matrix2d_t *b);
+
+/* Relative error of two matrices of one shape: the Euclidean norm of a - b
+ * divided by that of (a + b) / 2 (no division by the item count). A mean
+ * whose squares sum below 1e-9 counts as 1.0, so the result is then the norm
+ * of the difference alone. */
+fptp_t dl_matrix_get_avg_sq_err(const dl_matrix2d_t *a, const dl_matrix2d_t *b);
+
 #ifdef __cplusplus
 }
 #endif

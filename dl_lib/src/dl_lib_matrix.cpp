@@ -1,6 +1,9 @@
 #include "dl_lib_matrix.h"
 
+#include <math.h>
+
 #include "dl_lib_internal.h"
+#include "kernels_internal.h"
 
 dl_matrix2d_t *dl_matrix_alloc(int w, int h)
 {
@@ -101,4 +104,109 @@ void dl_printmatrix(const dl_matrix2d_t *a)
         for (int x = 0; x < a->w; x++) printf("%f\t", static_cast<double>(a->item[x + a->stride * y]));
         printf("\n\n");
     }
+}
+
+void dl_matrix_mul(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out)
+{
+    DL_ASSERT(dl_matrix_same_shape(a, b));
+    for (int y = 0; y < a->h; y++)
+        for (int x = 0; x < b->w; x++)
+            out->item[x + out->stride * y] = a->item[x + a->stride * y] * b->item[x + b->stride * y];
+}
+
+void dl_matrix_add_const(dl_matrix2d_t *a, fptp_t value)
+{
+    for (int y = 0; y < a->h; y++)
+        for (int x = 0; x < a->w; x++) a->item[x + a->stride * y] += value;
+}
+
+void dl_matrix_add(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out)
+{
+    DL_ASSERT(dl_matrix_same_shape(a, b));
+    DL_ASSERT(dl_matrix_same_shape(a, out));
+    for (int y = 0; y < a->h; y++)
+        for (int x = 0; x < a->w; x++)
+            out->item[x + out->stride * y] = a->item[x + a->stride * y] + b->item[x + b->stride * y];
+}
+
+void dl_matrix_sub(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out)
+{
+    DL_ASSERT(dl_matrix_same_shape(a, b));
+    DL_ASSERT(dl_matrix_same_shape(a, out));
+    for (int y = 0; y < a->h; y++)
+        for (int x = 0; x < a->w; x++)
+            out->item[x + out->stride * y] = a->item[x + a->stride * y] - b->item[x + b->stride * y];
+}
+
+void dl_matrix_div(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out)
+{
+    DL_ASSERT(dl_matrix_same_shape(a, b));
+    DL_ASSERT(dl_matrix_same_shape(a, out));
+    for (int y = 0; y < a->h; y++)
+        for (int x = 0; x < a->w; x++)
+            out->item[x + out->stride * y] = a->item[x + a->stride * y] / b->item[x + b->stride * y];
+}
+
+namespace dl {
+
+// The product in its defined loop order: k outermost, then the columns of b,
+// then the rows of a. Each item of res thus sums its products in ascending k,
+// starting from 0.0, with the multiplication and the addition rounded apart.
+void matrix_dot_plain(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res)
+{
+    dl_matrix_zero(res);
+    for (int k = 0; k < b->h; k++) {
+        for (int x = 0; x < b->w; x++) {
+            const fptp_t v = b->item[x + b->stride * k];
+            for (int y = 0; y < a->h; y++) {
+                fptp_t &r = res->item[x + res->stride * y];
+                r = a->item[k + a->stride * y] * v + r;
+            }
+        }
+    }
+}
+
+}  // namespace dl
+
+void dl_matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res)
+{
+    DL_ASSERT(a->w==b->h);
+    DL_ASSERT(a->h==res->h);
+    DL_ASSERT(b->w==res->w);
+    dl::matrix_dot_plain(a, b, res);
+}
+
+dl_matrix2d_t *dl_matrix_concat(const dl_matrix2d_t *a, const dl_matrix2d_t *b)
+{
+    DL_ASSERT(a->h==b->h);
+    dl_matrix2d_t *ret = dl_matrix_alloc(a->w + b->w, a->h);
+    DL_ASSERT(ret);
+    for (int y = 0; y < a->h; y++) {
+        fptp_t *row = ret->item + ret->stride * y;
+        for (int x = 0; x < a->w; x++) row[x] = a->item[x + a->stride * y];
+        for (int x = 0; x < b->w; x++) row[a->w + x] = b->item[x + b->stride * y];
+    }
+    return ret;
+}
+
+fptp_t dl_matrix_get_avg_sq_err(const dl_matrix2d_t *a, const dl_matrix2d_t *b)
+{
+    DL_ASSERT(a->h==b->h);
+    DL_ASSERT(a->w==b->w);
+    // Both sums stay in float, as the items are; only the roots and the
+    // final quotient are taken in double.
+    fptp_t err = 0.0f, mag = 0.0f;
+    for (int y = 0; y < a->h; y++) {
+        for (int x = 0; x < a->w; x++) {
+            const fptp_t p = a->item[x + a->stride * y];
+            const fptp_t q = b->item[x + b->stride * y];
+            const fptp_t d = p - q;
+            const fptp_t m = (p + q) / 2.0f;
+            err += d * d;
+            mag += m * m;
+        }
+    }
+    // The limit is on the sum of squares; a NaN sum fails the test and stays.
+    if (static_cast<double>(mag) < 1e-9) mag = 1.0f;
+    return static_cast<fptp_t>(sqrt(static_cast<double>(err)) / sqrt(static_cast<double>(mag)));
 }

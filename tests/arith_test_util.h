@@ -1,0 +1,118 @@
+// Random operands for the arithmetic tests: matrices that sit inside larger
+// buffers (views with a wider stride, odd fixed-point heights), filled with
+// values that reach the awkward corners, with sentinels around them.
+#ifndef DL_LIB_ARITH_TEST_UTIL_H
+#define DL_LIB_ARITH_TEST_UTIL_H
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "dl_lib.h"
+
+namespace arith {
+
+using Rng = std::mt19937;
+
+inline int uniform(Rng &rng, int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); }
+
+inline uint32_t bits(float f)
+{
+    uint32_t u;
+    memcpy(&u, &f, sizeof u);
+    return u;
+}
+
+// Bitwise equality, except that any NaN equals any NaN: the payload of a NaN
+// made from two NaNs depends on operand order, which no path promises.
+inline bool same_float(float a, float b) { return bits(a) == bits(b) || (std::isnan(a) && std::isnan(b)); }
+
+// Mostly ordinary values, with signed zeros, small integers, subnormals and
+// values large enough to overflow in a product mixed in.
+inline float any_float(Rng &rng)
+{
+    switch (uniform(rng, 0, 19)) {
+    case 0: return uniform(rng, 0, 1) ? 0.0f : -0.0f;
+    case 1: return static_cast<float>(uniform(rng, -4, 4));
+    case 2: return std::ldexp(static_cast<float>(uniform(rng, -100, 100)), -140);
+    case 3: return std::ldexp(static_cast<float>(uniform(rng, -100, 100)), 90);
+    default: return std::uniform_real_distribution<float>(-2.0f, 2.0f)(rng);
+    }
+}
+
+// Items with the extremes 32767, -32767 and -32768 and the smallest ones
+// well represented.
+inline qtp_t any_item(Rng &rng)
+{
+    static const qtp_t corners[] = {32767, -32767, -32768, 0, 1, -1, 16383, -16384};
+    switch (uniform(rng, 0, 5)) {
+    case 0: return corners[uniform(rng, 0, 7)];
+    case 1: return static_cast<qtp_t>(uniform(rng, -64, 64));
+    default: return static_cast<qtp_t>(uniform(rng, -32768, 32767));
+    }
+}
+
+constexpr float kFloatSentinel = -12345.5f;
+constexpr qtp_t kItemSentinel = 0x5a5a;
+
+// A w x h float matrix inside a buffer with `pad` spare items after each row
+// and before the first: stride w + pad.
+struct FloatBox {
+    std::vector<float> buf;
+    dl_matrix2d_t m;
+
+    FloatBox(int w, int h, int pad) : buf(static_cast<size_t>((w + pad) * h + pad), kFloatSentinel)
+    {
+        m = {w, h, w + pad, DL_MF_FOREIGNDATA, buf.data() + pad};
+    }
+    FloatBox(Rng &rng, int w, int h, int pad) : FloatBox(w, h, pad)
+    {
+        for (int y = 0; y < h; y++)
+            for (int x = 0; x < w; x++) at(x, y) = any_float(rng);
+    }
+    float &at(int x, int y) { return m.item[x + m.stride * y]; }
+    // True when no item outside the matrix has changed.
+    bool margins_intact() const
+    {
+        for (size_t i = 0; i < buf.size(); i++) {
+            const long off = static_cast<long>(i) - (m.item - buf.data());
+            const bool inside = m.w > 0 && m.h > 0 && off >= 0 && off % m.stride < m.w && off / m.stride < m.h;
+            if (!inside && bits(buf[i]) != bits(kFloatSentinel)) return false;
+        }
+        return true;
+    }
+};
+
+// A w x h fixed-point matrix inside a buffer: stride h + pad, so pad 0 gives
+// the odd strides of generated tables and pad 1 those of dl_matrixq_alloc.
+struct ItemBox {
+    std::vector<qtp_t> buf;
+    dl_matrix2dq_t m;
+
+    ItemBox(int w, int h, int pad, int exponent = 0)
+        : buf(static_cast<size_t>((h + pad) * w + pad), kItemSentinel)
+    {
+        m = {w, h, h + pad, DL_MF_FOREIGNDATA, exponent, buf.data() + pad};
+    }
+    ItemBox(Rng &rng, int w, int h, int pad, int exponent) : ItemBox(w, h, pad, exponent)
+    {
+        for (int x = 0; x < w; x++)
+            for (int y = 0; y < h; y++) at(x, y) = any_item(rng);
+    }
+    qtp_t &at(int x, int y) { return m.itemq[y + m.stride * x]; }
+    bool margins_intact() const
+    {
+        for (size_t i = 0; i < buf.size(); i++) {
+            const long off = static_cast<long>(i) - (m.itemq - buf.data());
+            const bool inside = m.w > 0 && m.h > 0 && off >= 0 && off % m.stride < m.h && off / m.stride < m.w;
+            if (!inside && buf[i] != kItemSentinel) return false;
+        }
+        return true;
+    }
+};
+
+}  // namespace arith
+
+#endif

@@ -1,0 +1,275 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "arith_test_util.h"
+#include "dl_lib.h"
+#include "test_util.h"
+
+using namespace testutil;
+using namespace arith;
+
+namespace {
+
+// ---- Element-wise operations -------------------------------------------
+
+using FloatOp = void (*)(const dl_matrix2d_t *, const dl_matrix2d_t *, dl_matrix2d_t *);
+
+struct ElementCase {
+    const char *name;
+    FloatOp op;
+    float (*ref)(float, float);
+};
+
+// Where the result goes: a fresh record, or over one of the operands.
+enum class Into { fresh, a, b };
+
+class FloatElementTest : public testing::TestWithParam<std::tuple<ElementCase, Into>> {};
+
+TEST_P(FloatElementTest, MatchesReferenceThroughViews)
+{
+    const auto [c, into] = GetParam();
+    Rng rng(7);
+    for (int round = 0; round < 60; round++) {
+        const int w = uniform(rng, 0, 9), h = uniform(rng, 0, 6);
+        FloatBox a(rng, w, h, uniform(rng, 0, 3)), b(rng, w, h, uniform(rng, 0, 3)), fresh(w, h, uniform(rng, 0, 3));
+        std::vector<float> want;
+        for (int y = 0; y < h; y++)
+            for (int x = 0; x < w; x++) want.push_back(c.ref(a.at(x, y), b.at(x, y)));
+        FloatBox &out = into == Into::a ? a : into == Into::b ? b : fresh;
+        c.op(&a.m, &b.m, &out.m);
+        for (int y = 0; y < h; y++)
+            for (int x = 0; x < w; x++)
+                ASSERT_TRUE(same_float(out.at(x, y), want[x + w * y])) << "round " << round << " at " << x << "," << y;
+        EXPECT_TRUE(a.margins_intact() && b.margins_intact() && out.margins_intact());
+    }
+}
+
+const ElementCase kElementCases[] = {
+    {"add", dl_matrix_add, [](float p, float q) { return p + q; }},
+    {"sub", dl_matrix_sub, [](float p, float q) { return p - q; }},
+    {"mul", dl_matrix_mul, [](float p, float q) { return p * q; }},
+    {"div", dl_matrix_div, [](float p, float q) { return p / q; }},
+};
+
+std::string element_case_name(const testing::TestParamInfo<FloatElementTest::ParamType> &info)
+{
+    const char *into[] = {"fresh", "over_a", "over_b"};
+    return std::string(std::get<0>(info.param).name) + "_" + into[static_cast<int>(std::get<1>(info.param))];
+}
+
+INSTANTIATE_TEST_SUITE_P(Ops, FloatElementTest,
+                         testing::Combine(testing::ValuesIn(kElementCases),
+                                          testing::Values(Into::fresh, Into::a, Into::b)),
+                         element_case_name);
+
+TEST(FloatElement, AddInPlaceOnViewLeavesSourceAround)
+{
+    MatrixPtr src = matrix(3, 3, {1, 2, 3, 4, 5, 6, 7, 8, 9});
+    dl_matrix2d_t *v = dl_matrix_slice(src.get(), 1, 1, 2, 2, nullptr);
+    MatrixPtr b = matrix(2, 2, {10, 20, 30, 40});
+    dl_matrix_add(v, b.get(), v);
+    dl_matrix_add_const(v, 0.5f);
+    dl_matrix_free(v);
+    const float want[] = {1, 2, 3, 4, 15.5f, 26.5f, 7, 38.5f, 49.5f};
+    for (int i = 0; i < 9; i++) EXPECT_EQ(src->item[i], want[i]) << i;
+}
+
+TEST(FloatElement, DivisionByZeroFollowsFloats)
+{
+    MatrixPtr a = matrix(3, 1, {1, -1, 0}), z = matrix(3, 1, {0, 0, 0});
+    dl_matrix_div(a.get(), z.get(), a.get());
+    EXPECT_EQ(a->item[0], INFINITY);
+    EXPECT_EQ(a->item[1], -INFINITY);
+    EXPECT_TRUE(std::isnan(a->item[2]));
+}
+
+// ---- Product -------------------------------------------------------------
+
+// The product as defined: res cleared, then k outermost, the columns of b,
+// the rows of a, each step res = a * v + res.
+std::vector<float> reference_dot(FloatBox &a, FloatBox &b)
+{
+    const int M = a.m.h, K = a.m.w, N = b.m.w;
+    std::vector<float> res(static_cast<size_t>(M * N), 0.0f);
+    for (int k = 0; k < K; k++)
+        for (int x = 0; x < N; x++) {
+            const float v = b.at(x, k);
+            for (int y = 0; y < M; y++) res[x + N * y] = a.at(k, y) * v + res[x + N * y];
+        }
+    return res;
+}
+
+TEST(FloatDot, MatchesReferenceOnRandomShapes)
+{
+    Rng rng(11);
+    for (int round = 0; round < 150; round++) {
+        // Mostly small shapes, some past the blocking sizes of the fast paths.
+        const int top = round % 5 == 0 ? 200 : 24;
+        const int M = uniform(rng, 0, top), K = uniform(rng, 0, top), N = uniform(rng, 0, top);
+        FloatBox a(rng, K, M, uniform(rng, 0, 3)), b(rng, N, K, uniform(rng, 0, 3));
+        FloatBox res(N, M, uniform(rng, 0, 3));
+        for (int y = 0; y < M; y++)
+            for (int x = 0; x < N; x++) res.at(x, y) = NAN;  // old contents play no part
+        const std::vector<float> want = reference_dot(a, b);
+        dl_matrix_dot(&a.m, &b.m, &res.m);
+        for (int y = 0; y < M; y++)
+            for (int x = 0; x < N; x++)
+                ASSERT_TRUE(same_float(res.at(x, y), want[x + N * y]))
+                    << M << "x" << K << "x" << N << " at " << x << "," << y;
+        ASSERT_TRUE(res.margins_intact());
+    }
+}
+
+TEST(FloatDot, SumsInAscendingOrder)
+{
+    // 1e8 + 1 rounds back to 1e8, so the 1.0 is lost before -1e8 comes.
+    MatrixPtr a = matrix(3, 2, {1e8f, 1.0f, -1e8f, -1e8f, 1.0f, 1e8f});
+    MatrixPtr b = matrix(1, 3, {1, 1, 1});
+    MatrixPtr res = own(dl_matrix_alloc(1, 2));
+    dl_matrix_dot(a.get(), b.get(), res.get());
+    EXPECT_EQ(res->item[0], 0.0f);
+    EXPECT_EQ(res->item[1], 0.0f);
+}
+
+TEST(FloatDot, EmptySumGivesPositiveZeros)
+{
+    MatrixPtr a = own(dl_matrix_alloc(0, 2)), b = own(dl_matrix_alloc(3, 0));
+    MatrixPtr res = matrix(3, 2, {1, 2, -0.0f, 4, 5, 6});
+    dl_matrix_dot(a.get(), b.get(), res.get());
+    for (int i = 0; i < 6; i++) EXPECT_EQ(bits(res->item[i]), 0u) << i;
+}
+
+TEST(FloatDot, IntoOneRowViewOfLargerMatrix)
+{
+    MatrixPtr a = matrix(2, 1, {1, 2});
+    MatrixPtr b = matrix(2, 2, {1, 2, 3, 4});
+    MatrixPtr big = matrix(3, 3, {9, 9, 9, 9, 9, 9, 9, 9, 9});
+    dl_matrix2d_t *row = dl_matrix_slice(big.get(), 1, 1, 2, 1, nullptr);
+    dl_matrix_dot(a.get(), b.get(), row);
+    dl_matrix_free(row);
+    const float want[] = {9, 9, 9, 9, 7, 10, 9, 9, 9};
+    for (int i = 0; i < 9; i++) EXPECT_EQ(big->item[i], want[i]) << i;
+}
+
+// ---- Concatenation and error measure -------------------------------------
+
+TEST(FloatConcat, JoinsViewsDensely)
+{
+    Rng rng(5);
+    for (int round = 0; round < 30; round++) {
+        const int h = uniform(rng, 0, 5), wa = uniform(rng, 0, 4), wb = uniform(rng, 0, 4);
+        FloatBox a(rng, wa, h, uniform(rng, 0, 2)), b(rng, wb, h, uniform(rng, 0, 2));
+        MatrixPtr r = own(dl_matrix_concat(&a.m, &b.m));
+        ASSERT_EQ(r->w, wa + wb);
+        ASSERT_EQ(r->h, h);
+        ASSERT_EQ(r->stride, wa + wb);
+        for (int y = 0; y < h; y++)
+            for (int x = 0; x < wa + wb; x++)
+                ASSERT_EQ(bits(r->item[x + r->stride * y]), bits(x < wa ? a.at(x, y) : b.at(x - wa, y)));
+    }
+}
+
+struct ErrCase {
+    std::vector<float> a, b;
+    float want;  // NaN: the result must be NaN
+};
+
+class AvgSqErrTest : public testing::TestWithParam<ErrCase> {};
+
+TEST_P(AvgSqErrTest, Value)
+{
+    const ErrCase &c = GetParam();
+    const int w = static_cast<int>(c.a.size());
+    MatrixPtr a = matrix(w, 1, c.a), b = matrix(w, 1, c.b);
+    const float got = dl_matrix_get_avg_sq_err(a.get(), b.get());
+    if (std::isnan(c.want)) EXPECT_TRUE(std::isnan(got));
+    else EXPECT_EQ(got, c.want);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, AvgSqErrTest,
+    testing::Values(ErrCase{{1, 3, -2}, {1, 3, -2}, 0.0f},                            // equal
+                    ErrCase{{0, 0}, {0, 0}, 0.0f},                                    // S set to 1.0
+                    ErrCase{{1, 3}, {1, 1}, static_cast<float>(2.0 / std::sqrt(5.0))}, // E 4, S 5
+                    // Mean 0, so S is 0 and the result is the root of E alone.
+                    ErrCase{{1e-5f}, {-1e-5f}, static_cast<float>(std::sqrt(static_cast<double>(2e-5f * 2e-5f)))},
+                    ErrCase{{1, NAN}, {1, 2}, NAN}));
+
+// ---- Contract ------------------------------------------------------------
+
+// One test per asserted condition, in the order the conditions are checked.
+using FloatArithDeathTest = testing::Test;
+
+const FloatOp kCheckedOps[] = {dl_matrix_add, dl_matrix_sub, dl_matrix_div};
+
+TEST_F(FloatArithDeathTest, MulOperandShapes)
+{
+    MatrixPtr a = own(dl_matrix_alloc(2, 2)), b = own(dl_matrix_alloc(2, 3));
+    EXPECT_DEATH(dl_matrix_mul(a.get(), b.get(), a.get()),
+                 "a: 2 x 2, b: 2 x 3\n.*dl_lib_matrix.cpp:[0-9]+: dl_matrix_mul: "
+                 "Assertion `dl_matrix_same_shape\\(a, b\\)' failed");
+}
+
+TEST_F(FloatArithDeathTest, ElementOperandShapes)
+{
+    MatrixPtr a = own(dl_matrix_alloc(2, 2)), b = own(dl_matrix_alloc(3, 2)), out = own(dl_matrix_alloc(1, 1));
+    for (FloatOp op : kCheckedOps)
+        EXPECT_DEATH(op(a.get(), b.get(), out.get()), "Assertion `dl_matrix_same_shape\\(a, b\\)' failed");
+}
+
+TEST_F(FloatArithDeathTest, ElementOutShape)
+{
+    MatrixPtr a = own(dl_matrix_alloc(2, 2)), out = own(dl_matrix_alloc(2, 1));
+    for (FloatOp op : kCheckedOps)
+        EXPECT_DEATH(op(a.get(), a.get(), out.get()), "Assertion `dl_matrix_same_shape\\(a, out\\)' failed");
+}
+
+TEST_F(FloatArithDeathTest, DotInnerDimension)
+{
+    MatrixPtr a = own(dl_matrix_alloc(3, 2)), b = own(dl_matrix_alloc(2, 2)), res = own(dl_matrix_alloc(1, 1));
+    EXPECT_DEATH(dl_matrix_dot(a.get(), b.get(), res.get()), "dl_matrix_dot: Assertion `a->w==b->h' failed");
+}
+
+TEST_F(FloatArithDeathTest, DotResultHeight)
+{
+    MatrixPtr a = own(dl_matrix_alloc(3, 2)), b = own(dl_matrix_alloc(4, 3)), res = own(dl_matrix_alloc(1, 1));
+    EXPECT_DEATH(dl_matrix_dot(a.get(), b.get(), res.get()), "Assertion `a->h==res->h' failed");
+}
+
+TEST_F(FloatArithDeathTest, DotResultWidth)
+{
+    MatrixPtr a = own(dl_matrix_alloc(3, 2)), b = own(dl_matrix_alloc(4, 3)), res = own(dl_matrix_alloc(3, 2));
+    EXPECT_DEATH(dl_matrix_dot(a.get(), b.get(), res.get()), "Assertion `b->w==res->w' failed");
+}
+
+TEST_F(FloatArithDeathTest, ConcatHeights)
+{
+    MatrixPtr a = own(dl_matrix_alloc(1, 2)), b = own(dl_matrix_alloc(1, 3));
+    EXPECT_DEATH(dl_matrix_concat(a.get(), b.get()), "dl_matrix_concat: Assertion `a->h==b->h' failed");
+}
+
+TEST_F(FloatArithDeathTest, ConcatAllocation)
+{
+    // A negative total width is one that no allocation can satisfy.
+    float item = 0.0f;
+    dl_matrix2d_t a = {-5, 1, 1, DL_MF_FOREIGNDATA, &item}, b = {1, 1, 1, DL_MF_FOREIGNDATA, &item};
+    EXPECT_DEATH(dl_matrix_concat(&a, &b), "dl_matrix_concat: Assertion `ret' failed");
+}
+
+TEST_F(FloatArithDeathTest, AvgSqErrHeights)
+{
+    MatrixPtr a = own(dl_matrix_alloc(2, 2)), b = own(dl_matrix_alloc(3, 3));
+    EXPECT_DEATH(dl_matrix_get_avg_sq_err(a.get(), b.get()), "Assertion `a->h==b->h' failed");
+}
+
+TEST_F(FloatArithDeathTest, AvgSqErrWidths)
+{
+    MatrixPtr a = own(dl_matrix_alloc(2, 2)), b = own(dl_matrix_alloc(3, 2));
+    EXPECT_DEATH(dl_matrix_get_avg_sq_err(a.get(), b.get()), "Assertion `a->w==b->w' failed");
+}
+
+}  // namespace
