@@ -1,24 +1,17 @@
 #include "convert.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 #include "emit.h"
+#include "model_dir.h"
 
 namespace kelvane {
 
 namespace {
-
-const char *const kModelInfoFilename = "_MODEL_INFO_";
-const fptp_t kBatchNormEpsilon = 0.001f;
 
 struct converted_matrix_t {
     std::string name;
@@ -46,7 +39,6 @@ private:
     bool convert_file(const char *entry_name, const std::string &name, const std::string &path,
                       Record *(*load)(const char *), void (*emit)(const char *, const Record *, FILE *, FILE *),
                       void (*release)(Record *));
-    int final_flags(const std::string &name) const;
     void write_lookup(const char *head, bool quantised_members) const;
 
     const Settings &s_;
@@ -54,25 +46,6 @@ private:
     FILE *hfile_;
     std::vector<converted_matrix_t> converted_;
 };
-
-int Converter::final_flags(const std::string &name) const
-{
-    int flags = get_flags_for_file(name, s_.bnmatrices);
-    if (s_.float_flag || s_.tensor_flag) {
-        flags &= ~MF_QUANTISED;
-        if (s_.exclude_flag) {
-            // Split at commas; empty items vanish, as with strtok.
-            const std::string &list = s_.exclude_list;
-            for (size_t start = 0; start <= list.size();) {
-                size_t end = list.find(',', start);
-                if (end == std::string::npos) end = list.size();
-                if (end > start && list.compare(start, end - start, name) == 0) flags |= MF_QUANTISED;
-                start = end + 1;
-            }
-        }
-    }
-    return flags;
-}
 
 template <class Record>
 bool Converter::convert_file(const char *entry_name, const std::string &name, const std::string &path,
@@ -84,7 +57,7 @@ bool Converter::convert_file(const char *entry_name, const std::string &name, co
         printf("WARNING: Could not parse file %s, not converting.\n", entry_name);
         return true;
     }
-    int flags = final_flags(name);
+    int flags = final_flags(s_, name);
     if constexpr (!std::is_same_v<Record, dl_matrix2d_t>) {
         // Batch-norm roots and fixed-point 2-D tables are for 2-D matrices.
         flags &= ~(MF_QUANTISED | MF_BATCHNORM);
@@ -94,7 +67,7 @@ bool Converter::convert_file(const char *entry_name, const std::string &name, co
         if (flags & MF_BATCHNORM) {
             fprintf(cfile_, "//Warning: this has been pre-processed by dl_batch_normalize_get_sqrtvar (epsilon=%f)\n",
                     static_cast<double>(kBatchNormEpsilon));
-            dl_batch_normalize_get_sqrtvar(m.get(), kBatchNormEpsilon, m.get());
+            precalculate_batch_norm(m.get());
         }
         if (flags & MF_QUANTISED) {
             if (!emit_matrix2dq(name.c_str(), m.get(), cfile_, hfile_)) {
@@ -112,24 +85,20 @@ bool Converter::convert_file(const char *entry_name, const std::string &name, co
 
 bool Converter::entry(const char *entry_name)
 {
-    if (entry_name[0] == '.') return true;  // ., .. and hidden files
-    const std::string name = sanitize_name(entry_name);
-    const std::string path = s_.modeldir + "/" + entry_name;
-    if (strcmp(entry_name, kModelInfoFilename) == 0) return emit_model_info(path.c_str(), cfile_);
-
-    // The name becomes C identifiers in the generated source: anything else
-    // would not compile, or would put text of the directory into the code.
-    if (!is_c_identifier(name)) {
+    const ModelEntry e = classify_entry(s_.modeldir, entry_name);
+    const std::string &name = e.name;
+    const std::string &path = e.path;
+    switch (e.kind) {
+    case EntryKind::hidden: return true;
+    case EntryKind::model_info: return emit_model_info(path.c_str(), cfile_);
+    case EntryKind::bad_name:
         printf("WARNING: Name %s of file %s is not a C identifier, not converting.\n", name.c_str(), entry_name);
         return true;
-    }
-    // Opening a FIFO or a device could block or never end; such an entry is
-    // no coefficient file. Directories go on to the loader, which refuses them.
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+    case EntryKind::not_regular:
         fprintf(stderr, "%s: not a regular file\n", path.c_str());
         printf("WARNING: Could not parse file %s, not converting.\n", entry_name);
         return true;
+    case EntryKind::load: break;
     }
 
     switch (s_.mode()) {
@@ -236,20 +205,14 @@ int convert(const Settings &s)
     emit_c_hdr(cfile.get(), s.name.c_str());
     emit_h_hdr(hfile.get());
 
-    struct dirent **entries = nullptr;
-    const int count = scandir(s.modeldir.c_str(), &entries, nullptr, alphasort);
-    if (count < 0) {
+    std::vector<std::string> entries;
+    if (!list_model_dir(s.modeldir, entries)) {
         perror(s.modeldir.c_str());
         return 1;
     }
     Converter converter(s, cfile.get(), hfile.get());
-    bool ok = true;
-    for (int i = 0; i < count; i++) {
-        if (ok) ok = converter.entry(entries[i]->d_name);
-        free(entries[i]);
-    }
-    free(entries);
-    if (!ok) return 1;
+    for (const std::string &entry : entries)
+        if (!converter.entry(entry.c_str())) return 1;
 
     emit_h_footer(hfile.get(), s.name.c_str());
     converter.write_tail();
