@@ -72,6 +72,8 @@ struct FloatBox {
         for (int y = 0; y < h; y++)
             for (int x = 0; x < w; x++) at(x, y) = any_float(rng);
     }
+    FloatBox(const FloatBox &o) : buf(o.buf), m(o.m) { m.item = buf.data() + (o.m.item - o.buf.data()); }
+    FloatBox &operator=(const FloatBox &) = delete;
     float &at(int x, int y) { return m.item[x + m.stride * y]; }
     // True when no item outside the matrix has changed.
     bool margins_intact() const
@@ -101,7 +103,15 @@ struct ItemBox {
         for (int x = 0; x < w; x++)
             for (int y = 0; y < h; y++) at(x, y) = any_item(rng);
     }
+    ItemBox(const ItemBox &o) : buf(o.buf), m(o.m) { m.itemq = buf.data() + (o.m.itemq - o.buf.data()); }
+    ItemBox &operator=(const ItemBox &) = delete;
     qtp_t &at(int x, int y) { return m.itemq[y + m.stride * x]; }
+    template <class F>
+    void each(F f)
+    {
+        for (int x = 0; x < m.w; x++)
+            for (int y = 0; y < m.h; y++) at(x, y) = static_cast<qtp_t>(f(at(x, y)));
+    }
     bool margins_intact() const
     {
         for (size_t i = 0; i < buf.size(); i++) {

@@ -56,6 +56,9 @@ inline int32_t saturate(int64_t v)
     return static_cast<int32_t>(v);
 }
 
+/* v * 2^n in 32-bit two's complement, for negative v too (n from 0 to 31). */
+inline int32_t shl(int32_t v, int n) { return static_cast<int32_t>(static_cast<uint32_t>(v) << n); }
+
 /* 2^e as a 32-bit float, exact wherever it is representable (subnormals
  * included); 0 below and infinity above that range. No libm call. */
 inline float pow2f(int e)

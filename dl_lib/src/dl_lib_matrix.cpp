@@ -173,7 +173,7 @@ void dl_matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t
     DL_ASSERT(a->w==b->h);
     DL_ASSERT(a->h==res->h);
     DL_ASSERT(b->w==res->w);
-    dl::matrix_dot_plain(a, b, res);
+    if (!dl::matrix_dot_kernel(dl::detected_isa(), a, b, res)) dl::matrix_dot_plain(a, b, res);
 }
 
 dl_matrix2d_t *dl_matrix_concat(const dl_matrix2d_t *a, const dl_matrix2d_t *b)

@@ -2,6 +2,7 @@
 
 #include "dl_lib_internal.h"
 #include "dl_lib_matrix.h"
+#include "kernels_internal.h"
 
 using dl::low16;
 using dl::pow2f;
@@ -154,4 +155,332 @@ void dl_printmatrixq(const dl_matrix2dq_t *m)
         }
         printf("\n");
     }
+}
+
+// ---- Products ------------------------------------------------------------
+
+namespace dl {
+
+// Each sum is exact in 64 bits, so the loop order is free; this one walks
+// the items of the result column by column, as they are stored.
+void matrixq_dot_plain(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out)
+{
+    for (int x = 0; x < b->w; x++) {
+        const qtp_t *bcol = b->itemq + b->stride * x;
+        for (int y = 0; y < a->h; y++) {
+            int64_t sum = 0;
+            for (int k = 0; k < b->h; k++) sum += static_cast<int64_t>(a->itemq[y + a->stride * k]) * bcol[k];
+            out.store(x, y, sum);
+        }
+    }
+}
+
+}  // namespace dl
+
+// The shift that brings a sum of w products of two items back to item size:
+// 15 + floor(log2(w)), and 15 for a width of 0.
+static int product_shift(int w)
+{
+    int s = 15;
+    for (int n = w; n > 1; n /= 2) s++;
+    return s;
+}
+
+void dl_matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *res, int shift)
+{
+    dl_matrixq_dot_c_impl(a, b, res, shift);
+}
+
+void dl_matrixq_dot_c_impl(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *res, int shift)
+{
+    DL_ASSERT(a->w==b->h);
+    DL_ASSERT(a->h==res->h);
+    DL_ASSERT(b->w==res->w);
+    const int s = product_shift(a->w) - shift;
+    const dl::QDotOut out = dl::QDotOut::to_items(res, s);
+    if (!dl::matrixq_dot_kernel(dl::detected_isa(), a, b, out)) dl::matrixq_dot_plain(a, b, out);
+    res->exponent = a->exponent + b->exponent + s;
+}
+
+void dl_matrixq_dot_matrix_out(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2d_t *res)
+{
+    dl_matrixq_dot_matrix_out_c_impl(a, b, res);
+}
+
+void dl_matrixq_dot_matrix_out_c_impl(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2d_t *res)
+{
+    DL_ASSERT(a->w==b->h);
+    DL_ASSERT(a->h==res->h);
+    DL_ASSERT(b->w==res->w);
+    const dl::QDotOut out = dl::QDotOut::to_floats(res, pow2f(a->exponent + b->exponent));
+    if (!dl::matrixq_dot_kernel(dl::detected_isa(), a, b, out)) dl::matrixq_dot_plain(a, b, out);
+}
+
+void dl_matrix_matrixq_dot(const dl_matrix2d_t *a, const dl_matrix2dq_t *b, dl_matrix2d_t *res)
+{
+    dl_matrix2dq_t *qa = dl_matrixq_from_matrix2d(a, nullptr);
+    dl_matrixq_dot_matrix_out(qa, b, res);
+    dl_matrixq_free(qa);
+}
+
+// ---- Element-wise arithmetic and reshaping -------------------------------
+
+// Brings an item to an exponent d higher: an arithmetic shift, which rounds
+// toward minus infinity. Differences beyond 31 shift as far as 31 does.
+static int32_t align(int32_t item, int d) { return item >> (d < 31 ? d : 31); }
+
+// Add and subtract share the alignment: the operand with the smaller
+// exponent is shifted to the other's, and only it loses bits.
+static void add_or_sub(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *res, int shift, bool sub)
+{
+    const bool a_high = a->exponent >= b->exponent;
+    const dl_matrix2dq_t *high = a_high ? a : b;
+    const dl_matrix2dq_t *low = a_high ? b : a;
+    const int d = high->exponent - low->exponent;
+    const int exponent = shift == 0 ? high->exponent + 1 : high->exponent;
+    for (int x = 0; x < a->w; x++) {
+        for (int y = 0; y < a->h; y++) {
+            const int32_t p = high->itemq[y + high->stride * x];
+            const int32_t q = align(low->itemq[y + low->stride * x], d);
+            // The difference keeps the order of the arguments, not of the
+            // alignment.
+            const int32_t t = !sub ? p + q : a_high ? p - q : q - p;
+            // shift 0 halves (rounding down) so that the sum always fits;
+            // shift 1 keeps the exponent and saturates.
+            res->itemq[y + res->stride * x] = static_cast<qtp_t>(shift == 0 ? t >> 1 : dl::saturate(t));
+        }
+    }
+    res->exponent = exponent;
+}
+
+void dl_matrixq_add(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *res, int shift)
+{
+    DL_ASSERT(dl_matrixq_same_shape(a, b));
+    DL_ASSERT(dl_matrixq_same_shape(a, res));
+    DL_ASSERT(shift==0 || shift==1);
+    add_or_sub(a, b, res, shift, false);
+}
+
+void dl_matrixq_sub(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *res, int shift)
+{
+    DL_ASSERT(dl_matrixq_same_shape(a, b));
+    DL_ASSERT(dl_matrixq_same_shape(a, res));
+    add_or_sub(a, b, res, shift == 0 ? 0 : 1, true);
+}
+
+void dl_matrixq_mul(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *res)
+{
+    DL_ASSERT(dl_matrixq_same_shape(a, b));
+    DL_ASSERT(dl_matrixq_same_shape(a, res));
+    const int exponent = a->exponent + b->exponent + 16;
+    // The upper half of the 32-bit product, rounded down. It lies within
+    // -16384..16384, so nothing needs saturating.
+    for (int x = 0; x < a->w; x++)
+        for (int y = 0; y < a->h; y++) {
+            const int32_t p = static_cast<int32_t>(a->itemq[y + a->stride * x]) * b->itemq[y + b->stride * x];
+            res->itemq[y + res->stride * x] = static_cast<qtp_t>(p >> 16);
+        }
+    res->exponent = exponent;
+}
+
+void dl_matrixq_div(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *out, int shift)
+{
+    DL_ASSERT(dl_matrixq_same_shape(a, b));
+    DL_ASSERT(dl_matrixq_same_shape(a, out));
+    const int exponent = a->exponent - b->exponent - shift;
+    for (int x = 0; x < a->w; x++) {
+        for (int y = 0; y < a->h; y++) {
+            // The dividend gains `shift` fractional bits in 32 bits; the
+            // quotient truncates toward zero. A zero divisor, outside the
+            // contract, saturates by the dividend's sign instead of trapping.
+            const int64_t num = dl::shl(a->itemq[y + a->stride * x], shift);
+            const int64_t den = b->itemq[y + b->stride * x];
+            const int64_t q = den != 0 ? num / den : num > 0 ? dl::kItemMax : num < 0 ? -dl::kItemMax : 0;
+            out->itemq[y + out->stride * x] = static_cast<qtp_t>(dl::saturate(q));
+        }
+    }
+    out->exponent = exponent;
+}
+
+void dl_matrixq_add_const(dl_matrix2dq_t *m, fptp_t value, int shift)
+{
+    DL_ASSERT(shift==0 || shift==1);
+    const fptp_t units = m->exponent < 0 ? pow2f(-m->exponent) * value : value / pow2f(m->exponent);
+    int32_t c = trunc_i32(units);  // no half unit: truncated toward zero
+    if (c == 0) return;
+    // Keep the constant within one less than the saturation range, halving
+    // it (toward zero) and the items (down) together.
+    int n = 0;
+    while (c > 32766 || c < -32766) {
+        n++;
+        c /= 2;
+    }
+    if (shift == 0) m->exponent += 1;
+    m->exponent += n;
+    for (int x = 0; x < m->w; x++) {
+        for (int y = 0; y < m->h; y++) {
+            qtp_t &item = m->itemq[y + m->stride * x];
+            const int32_t t = (static_cast<int32_t>(item) >> n) + c;
+            // Halving truncates toward zero here, unlike dl_matrixq_add.
+            item = static_cast<qtp_t>(shift == 0 ? t / 2 : dl::saturate(t));
+        }
+    }
+}
+
+dl_matrix2dq_t *dl_matrixq_concat(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b)
+{
+    DL_ASSERT(a->h==b->h);
+    dl_matrix2dq_t *ret = dl_matrixq_alloc(a->w + b->w, a->h);
+    DL_ASSERT(ret);
+    // The result takes the larger exponent; the other operand is aligned.
+    const int exponent = a->exponent > b->exponent ? a->exponent : b->exponent;
+    const int da = exponent - a->exponent, db = exponent - b->exponent;
+    for (int x = 0; x < a->w; x++)
+        for (int y = 0; y < a->h; y++)
+            ret->itemq[y + ret->stride * x] = static_cast<qtp_t>(align(a->itemq[y + a->stride * x], da));
+    for (int x = 0; x < b->w; x++)
+        for (int y = 0; y < b->h; y++)
+            ret->itemq[y + ret->stride * (a->w + x)] = static_cast<qtp_t>(align(b->itemq[y + b->stride * x], db));
+    ret->exponent = exponent;
+    return ret;
+}
+
+dl_matrix2dq_t *dl_matrixq_slice(const dl_matrix2dq_t *src, int x, int y, int w, int h, dl_matrix2dq_t *in)
+{
+    if (!in) {
+        in = static_cast<dl_matrix2dq_t *>(calloc(1, sizeof(dl_matrix2dq_t)));
+        if (!in) return nullptr;
+        in->flags = DL_MF_FOREIGNDATA;
+    }
+    // A record that owned its items would lose them here, and freeing the
+    // view later would free a pointer into src.
+    DL_ASSERT(in->flags&DL_MF_FOREIGNDATA);
+    DL_ASSERT(x+w<=src->w);
+    DL_ASSERT(y+h<=src->h);
+    in->w = w;
+    in->h = h;
+    in->itemq = src->itemq + (y + src->stride * x);
+    in->stride = src->stride;
+    in->exponent = src->exponent;
+    return in;
+}
+
+dl_matrix2dq_t *dl_matrixq_flatten(const dl_matrix2dq_t *src, int x, int y, int w, int h, dl_matrix2dq_t *out)
+{
+    if (!out) out = dl_matrixq_alloc(w * h, 1);
+    DL_ASSERT(x + w <= src->w);
+    DL_ASSERT(y + h <= src->h);
+    // Row by row, although src is stored by columns.
+    for (int j = 0; j < h; j++)
+        for (int i = 0; i < w; i++) out->itemq[out->stride * (j * w + i)] = src->itemq[(y + j) + src->stride * (x + i)];
+    out->exponent = src->exponent;
+    out->stride = 1;
+    return out;
+}
+
+// ---- Exponent maintenance and element access -----------------------------
+
+namespace {
+
+// Items at either end of the saturation range, and the largest magnitude
+// (-32768 counts as 32768 but is not clipped).
+struct Spread {
+    int clipped = 0;
+    int32_t largest = 0;
+};
+
+Spread spread_of(const dl_matrix2dq_t *m)
+{
+    Spread s;
+    for (int x = 0; x < m->w; x++) {
+        for (int y = 0; y < m->h; y++) {
+            const int32_t v = m->itemq[y + m->stride * x];
+            if (v == dl::kItemMax || v == -dl::kItemMax) s.clipped++;
+            const int32_t mag = v < 0 ? -v : v;
+            if (mag > s.largest) s.largest = mag;
+        }
+    }
+    return s;
+}
+
+}  // namespace
+
+int dl_matrixq_check_sanity(const dl_matrix2dq_t *m, const char *name)
+{
+    const Spread s = spread_of(m);
+    if (s.largest == 0) return 1;
+    int bits = 16;
+    for (int n = 0; n < 16; n++) {
+        if ((INT32_C(1) << n) > s.largest) {
+            bits = n;
+            break;
+        }
+    }
+    int sane = 1;
+    if (bits < 11) {
+        fprintf(stderr, "CheckSanity: %s: only %d/15 bits used!\n", name, bits);
+        sane = 0;
+    }
+    const fptp_t percent =
+        static_cast<fptp_t>(s.clipped * 100.0 / (static_cast<double>(m->w) * static_cast<double>(m->h)));
+    if (percent > 10.0f) {
+        fprintf(stderr, "CheckSanity: %s: %f%% of items is clipped!\n", name, static_cast<double>(percent));
+        sane = 0;
+    }
+    return sane;
+}
+
+void dl_matrixq_readjust_exp(dl_matrix2dq_t *m)
+{
+    Spread s = spread_of(m);
+    if (s.largest == 0) return;
+    // Clipped items get one bit of headroom, however many there are;
+    // otherwise the items are raised until the largest reaches 16383, the
+    // level the quantiser aims at.
+    int adjust = 0;
+    if (s.clipped) {
+        adjust = -1;
+    } else {
+        while (s.largest < 16383) {
+            adjust++;
+            s.largest *= 2;
+        }
+    }
+    if (adjust == 0) return;
+    for (int x = 0; x < m->w; x++) {
+        for (int y = 0; y < m->h; y++) {
+            qtp_t &item = m->itemq[y + m->stride * x];
+            const int32_t v = item;
+            item = static_cast<qtp_t>(adjust < 0 ? v >> 1 : dl::shl(v, adjust));
+        }
+    }
+    m->exponent -= adjust;
+}
+
+fptp_t dl_matrixq_get(const dl_matrix2dq_t *m, int x, int y)
+{
+    return static_cast<fptp_t>(m->itemq[y + m->stride * x]) * pow2f(m->exponent);
+}
+
+void dl_matrixq_set(dl_matrix2dq_t *m, int x, int y, fptp_t value)
+{
+    // Raise the exponent until the value fits the saturation range; a value
+    // exactly at a limit fits. A NaN fits at once. (An infinite value ends
+    // the search only once the scale underflows to 0.)
+    int r = 0;
+    fptp_t scale = pow2f(-m->exponent);
+    while (value > 32767.0f / scale || value < -32767.0f / scale) {
+        r++;
+        scale = pow2f(-(m->exponent + r));
+    }
+    const int32_t q = trunc_i32(value * scale);  // truncated, not rounded
+    if (r != 0) {
+        for (int i = 0; i < m->w; i++)
+            for (int j = 0; j < m->h; j++) {
+                qtp_t &item = m->itemq[j + m->stride * i];
+                item = static_cast<qtp_t>(align(item, r));
+            }
+        m->exponent += r;
+    }
+    m->itemq[y + m->stride * x] = low16(q);
 }

@@ -14,12 +14,53 @@
 
 #include <stdint.h>
 
+#include "dl_lib_internal.h"
 #include "dl_lib_types.h"
 
 namespace dl {
 
+/* Instruction sets with a kernel. `none` is the plain loop. */
+enum class Isa { none, avx2, avx512 };
+
+const char *isa_name(Isa isa);
+
+/* Whether a kernel for isa is built in and this processor runs it. */
+bool isa_usable(Isa isa);
+
+/* The best usable instruction set, found on the first call. */
+Isa detected_isa();
+
+/* Where the exact sums of a fixed-point product go. A sum for column x, row
+ * y either becomes an item of a fixed-point record, shifted right
+ * arithmetically (rounding down) and saturated at +-32767, or an item of a
+ * float record, converted in one rounding and scaled by a power of two. */
+struct QDotOut {
+    dl_matrix2dq_t *items;
+    int shift;
+    dl_matrix2d_t *floats;
+    fptp_t factor;
+
+    static QDotOut to_items(dl_matrix2dq_t *res, int shift) { return {res, shift, nullptr, 0.0f}; }
+    static QDotOut to_floats(dl_matrix2d_t *res, fptp_t factor) { return {nullptr, 0, res, factor}; }
+
+    void store(int x, int y, int64_t sum) const
+    {
+        if (items) items->itemq[y + items->stride * x] = static_cast<qtp_t>(saturate(sum >> shift));
+        else floats->item[x + floats->stride * y] = static_cast<fptp_t>(sum) * factor;
+    }
+};
+
 /* res = a x b for the float records, shapes already checked. */
 void matrix_dot_plain(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);
+
+/* The fixed-point products' sums, a x b, into out; shapes already checked. */
+void matrixq_dot_plain(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out);
+
+/* The same with isa's kernel. False, with nothing written, when that kernel
+ * is not built in or cannot get its scratch memory; the caller then runs the
+ * plain loop. The caller checks that isa is usable. */
+bool matrix_dot_kernel(Isa isa, const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);
+bool matrixq_dot_kernel(Isa isa, const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out);
 
 }  // namespace dl
 

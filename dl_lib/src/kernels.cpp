@@ -1,0 +1,88 @@
+#include "kernels_internal.h"
+
+// The instruction-set kernels are built on x86-64 only, each source file
+// with its own target flags; every other target runs the plain loops.
+#if defined(DL_LIB_X86_KERNELS) && defined(__x86_64__)
+#define DL_X86_KERNELS 1
+namespace dl::avx2 {
+bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);
+bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out);
+}  // namespace dl::avx2
+namespace dl::avx512 {
+bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);
+bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out);
+}  // namespace dl::avx512
+#else
+#define DL_X86_KERNELS 0
+#endif
+
+namespace dl {
+
+const char *isa_name(Isa isa)
+{
+    switch (isa) {
+    case Isa::none: return "plain";
+    case Isa::avx2: return "avx2";
+    case Isa::avx512: return "avx512";
+    }
+    return "?";
+}
+
+bool isa_usable(Isa isa)
+{
+#if DL_X86_KERNELS
+    __builtin_cpu_init();  // harmless when done already; needed before main
+    switch (isa) {
+    case Isa::none: return true;
+    case Isa::avx2: return __builtin_cpu_supports("avx2");
+    case Isa::avx512: return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+    }
+    return false;
+#else
+    return isa == Isa::none;
+#endif
+}
+
+Isa detected_isa()
+{
+#if DL_X86_KERNELS
+    static const Isa best = isa_usable(Isa::avx512) ? Isa::avx512 : isa_usable(Isa::avx2) ? Isa::avx2 : Isa::none;
+    return best;
+#else
+    return Isa::none;
+#endif
+}
+
+bool matrix_dot_kernel(Isa isa, [[maybe_unused]] const dl_matrix2d_t *a, [[maybe_unused]] const dl_matrix2d_t *b,
+                       [[maybe_unused]] dl_matrix2d_t *res)
+{
+    switch (isa) {
+    case Isa::none: return false;
+#if DL_X86_KERNELS
+    case Isa::avx2: return avx2::matrix_dot(a, b, res);
+    case Isa::avx512: return avx512::matrix_dot(a, b, res);
+#else
+    case Isa::avx2:
+    case Isa::avx512: return false;
+#endif
+    }
+    return false;
+}
+
+bool matrixq_dot_kernel(Isa isa, [[maybe_unused]] const dl_matrix2dq_t *a, [[maybe_unused]] const dl_matrix2dq_t *b,
+                        [[maybe_unused]] const QDotOut &out)
+{
+    switch (isa) {
+    case Isa::none: return false;
+#if DL_X86_KERNELS
+    case Isa::avx2: return avx2::matrixq_dot(a, b, out);
+    case Isa::avx512: return avx512::matrixq_dot(a, b, out);
+#else
+    case Isa::avx2:
+    case Isa::avx512: return false;
+#endif
+    }
+    return false;
+}
+
+}  // namespace dl
