@@ -1,0 +1,220 @@
+"""Each exported layout, run through the NumPy forward pass of the library's
+definitions (reference.py), against the PyTorch module on random inputs."""
+import os
+import sys
+import tempfile
+import unittest
+
+import numpy as np
+import torch
+import torch.nn as nn
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+
+import reference as ref  # noqa: E402
+from kelvane_export import ExportError, ModelWriter, library_axis  # noqa: E402
+
+# The table activations differ from the exact functions by at most 0.0032
+# (sigmoid) and 0.0063 (tanh); eight steps of the cells below, whose weights
+# are of PyTorch's initial size, keep the outputs within this bound.
+TABLE_LSTM_BOUND = 0.03
+
+
+class ExportCase(unittest.TestCase):
+    def setUp(self):
+        torch.manual_seed(7)
+        self.rng = np.random.default_rng(7)
+        self._tmp = tempfile.TemporaryDirectory()
+        self.dir = self._tmp.name
+        self.out = ModelWriter(self.dir)
+
+    def tearDown(self):
+        self._tmp.cleanup()
+
+    def load(self, name):
+        return ref.load(self.dir, name)
+
+    def randn(self, *shape):
+        return self.rng.standard_normal(shape).astype(np.float32)
+
+
+class GeometryTest(unittest.TestCase):
+    def test_library_axis(self):
+        # size, filter, stride -> positions, padded size, offset, margin (padding 1)
+        cases = [(3, 2, 1, 3, 5, 1, 1), (2, 2, 1, 2, 4, 1, 1), (5, 3, 2, 3, 7, 0, 1),
+                 (5, 3, 1, 5, 7, 0, 1), (6, 3, 2, 3, 8, 1, 1), (8, 5, 2, 4, 12, 1, 2),
+                 (4, 2, 2, 2, 6, 1, 1), (4, 6, 4, 1, 10, 3, 3), (7, 1, 1, 7, 7, 0, 0)]
+        for size, f, s, n, padded, offset, margin in cases:
+            with self.subTest(size=size, filter=f, stride=s):
+                axis = library_axis(size, f, s, 1)
+                self.assertEqual((axis.positions, axis.padded, axis.offset, axis.margin),
+                                 (n, padded, offset, margin))
+
+    def test_without_padding_remainders_are_dropped(self):
+        axis = library_axis(7, 3, 2, 0)
+        self.assertEqual(axis.starts(2), [0, 2, 4])
+
+
+class LayoutTest(ExportCase):
+    def test_linear(self):
+        for bias in (True, False):
+            with self.subTest(bias=bias):
+                out = ModelWriter(os.path.join(self.dir, str(bias)))
+                fc = nn.Linear(6, 4, bias=bias)
+                out.linear("fc", fc)
+                x = self.randn(3, 6)
+                b = ref.load(out.directory, "fc_b") if bias else None
+                got = ref.fully_connect(x, ref.load(out.directory, "fc_w"), b)
+                np.testing.assert_allclose(got, fc(torch.from_numpy(x)).detach().numpy(), atol=1e-5)
+                self.assertEqual(os.path.exists(os.path.join(out.directory, "fc_b.npy")), bias)
+
+    def test_batchnorm(self):
+        for eps, affine in ((1e-3, True), (1e-5, True), (1e-3, False)):
+            with self.subTest(eps=eps, affine=affine):
+                out = ModelWriter(os.path.join(self.dir, f"{eps}{affine}"))
+                bn = nn.BatchNorm1d(5, eps=eps, affine=affine)
+                bn.running_mean.uniform_(-1, 1)
+                bn.running_var.uniform_(0.01, 3)
+                if affine:
+                    bn.weight.data.uniform_(0.5, 2)
+                    bn.bias.data.uniform_(-1, 1)
+                bn.eval()
+                out.batchnorm("bn", bn)
+                x = self.randn(4, 5)
+                d = out.directory
+                got = ref.batch_normalize(x, ref.load(d, "bn_offset"), ref.load(d, "bn_scale"),
+                                          ref.load(d, "bn_mean"), ref.sqrtvar(ref.load(d, "pop_var")))
+                np.testing.assert_allclose(got, bn(torch.from_numpy(x)).detach().numpy(),
+                                           rtol=1e-4, atol=1e-5)
+
+    def lstm_against_torch(self, activations):
+        lstm = nn.LSTM(5, 7)
+        self.out.lstm("cell", lstm)
+        sequence = self.randn(8, 3, 5)  # steps x rows x inputs
+        got = ref.lstm(sequence, self.load("cell_w"), self.load("cell_b"), activations)
+        want, _ = lstm(torch.from_numpy(sequence))
+        return np.abs(got - want.detach().numpy()).max()
+
+    def test_lstm_layout_with_exact_activations(self):
+        self.assertLess(self.lstm_against_torch(ref.EXACT), 1e-5)
+
+    def test_lstm_with_table_activations(self):
+        self.assertLess(self.lstm_against_torch(ref.TABLE), TABLE_LSTM_BOUND)
+
+    def test_lstm_shapes_and_forget_bias(self):
+        lstm = nn.LSTM(5, 7)
+        for p in (lstm.bias_ih_l0, lstm.bias_hh_l0):
+            p.data.zero_()
+        self.out.lstm("cell", lstm)
+        bias = self.load("cell_b")
+        self.assertEqual(self.load("cell_w").shape, (12, 28))
+        # Quarters: input, candidate, forget (lowered by the cell's 1.0), output.
+        np.testing.assert_array_equal(bias.reshape(4, 7).min(axis=1), [0, 0, -1, 0])
+        np.testing.assert_array_equal(bias.reshape(4, 7).max(axis=1), [0, 0, -1, 0])
+
+    CONVS = [  # name, module, input (height, width), library padding
+        ("same 3x3", lambda: nn.Conv2d(1, 3, 3, padding=1), (8, 8), 1),
+        ("valid 2x3", lambda: nn.Conv2d(1, 2, (2, 3)), (5, 6), 0),
+        ("valid stride 2", lambda: nn.Conv2d(1, 2, 3, stride=2), (7, 9), 0),
+        ("stride 2 padded after", lambda: nn.Sequential(nn.ZeroPad2d((0, 1, 0, 1)), nn.Conv2d(1, 4, 3, stride=2)),
+         (8, 8), 1),
+        ("even filter", lambda: nn.Sequential(nn.ZeroPad2d((0, 1, 0, 1)), nn.Conv2d(1, 2, 2)), (4, 5), 1),
+        ("filter larger than input", lambda: nn.Sequential(nn.ZeroPad2d((0, 2, 0, 2)), nn.Conv2d(1, 2, 6, stride=4)),
+         (4, 4), 1),
+    ]
+
+    def test_conv2d(self):
+        for label, make, size, padding in self.CONVS:
+            with self.subTest(label):
+                out = ModelWriter(os.path.join(self.dir, label))
+                module = make()
+                geometry = out.conv2d("conv", module, size)
+                self.assertEqual(geometry.padding, padding)
+                image = self.randn(*size)
+                got = ref.conv(image, ref.load(out.directory, "conv_w"), ref.load(out.directory, "conv_b"),
+                               geometry)
+                want = module(torch.from_numpy(image)[None, None])[0]  # channels x h x w
+                self.assertEqual((geometry.out_h, geometry.out_w), tuple(want.shape[1:]))
+                np.testing.assert_allclose(got, want.permute(1, 2, 0).reshape(-1).detach().numpy(), atol=1e-5)
+
+    def test_linear_after_flattened_conv(self):
+        conv = nn.Conv2d(1, 3, 3, padding=1)
+        fc = nn.Linear(3 * 4 * 5, 6)
+        geometry = self.out.conv2d("conv", conv, (4, 5))
+        self.out.linear("fc", fc, conv_output=(3, 4, 5))
+        image = self.randn(4, 5)
+        features = ref.conv(image, self.load("conv_w"), self.load("conv_b"), geometry)
+        got = ref.fully_connect(features[None], self.load("fc_w"), self.load("fc_b"))
+        want = fc(conv(torch.from_numpy(image)[None, None]).flatten(1))
+        np.testing.assert_allclose(got, want.detach().numpy(), atol=1e-5)
+
+
+class RefusalTest(ExportCase):
+    def test_what_the_library_cannot_express(self):
+        bn_without_stats = nn.BatchNorm1d(3, track_running_stats=False)
+        tiny_var = nn.BatchNorm1d(3)
+        tiny_var.running_var.fill_(1e-4)
+        cases = [
+            ("two input channels", lambda w: w.conv2d("c", nn.Conv2d(2, 4, 3), (8, 8)), "input channels"),
+            ("dilation", lambda w: w.conv2d("c", nn.Conv2d(1, 4, 3, dilation=2), (8, 8)), "dilation"),
+            ("strided same padding", lambda w: w.conv2d("c", nn.Conv2d(1, 4, 3, stride=2, padding=1), (8, 8)),
+             "nn.ZeroPad2d"),
+            ("reflect padding", lambda w: w.conv2d("c", nn.Conv2d(1, 4, 3, padding=1, padding_mode="reflect"),
+                                                   (8, 8)), "zeros"),
+            ("stacked lstm", lambda w: w.lstm("l", nn.LSTM(4, 4, num_layers=2)), "stacked"),
+            ("bias-free lstm", lambda w: w.lstm("l", nn.LSTM(4, 4, bias=False)), "bias=False"),
+            ("bidirectional lstm", lambda w: w.lstm("l", nn.LSTM(4, 4, bidirectional=True)), "bidirectional"),
+            ("projected lstm", lambda w: w.lstm("l", nn.LSTM(4, 4, proj_size=2)), "proj_size"),
+            ("gru", lambda w: w.lstm("l", nn.GRU(4, 4)), "expected nn.LSTM"),
+            ("no running stats", lambda w: w.batchnorm("b", bn_without_stats), "running statistics"),
+            ("variance below epsilon", lambda w: w.batchnorm("b", tiny_var), "eps=1e-3"),
+            ("flatten size", lambda w: w.linear("f", nn.Linear(10, 2), conv_output=(2, 2, 2)), "8 values"),
+            ("not an identifier", lambda w: w.linear("my-fc", nn.Linear(2, 2)), "C identifier"),
+            ("written twice", lambda w: (w.linear("f", nn.Linear(2, 2)), w.linear("f", nn.Linear(2, 2))),
+             "twice"),
+            ("two variances one name", lambda w: (w.batchnorm("a", nn.BatchNorm1d(2).eval()),
+                                                  w.batchnorm("b", nn.BatchNorm1d(2).eval())), "pop_var"),
+            ("word with _", lambda w: w.model_info([("hey_you", 3, 0.5, 0.5)]), "letters and digits"),
+            ("window 0", lambda w: w.model_info([("hey", 0, 0.5, 0.5)]), "1 to 9"),
+            ("window 10", lambda w: w.model_info([("hey", 10, 0.5, 0.5)]), "1 to 9"),
+            ("no words", lambda w: w.model_info([]), "at least one"),
+        ]
+        for label, call, message in cases:
+            with self.subTest(label):
+                with self.assertRaises(ExportError) as caught:
+                    call(ModelWriter(os.path.join(self.dir, label)))
+                self.assertIn(message, str(caught.exception))
+
+
+class FilesTest(ExportCase):
+    def test_arrays_are_row_major_float32(self):
+        self.out.linear("fc", nn.Linear(3, 2))  # the weight is a transposed view
+        with open(os.path.join(self.dir, "fc_w.npy"), "rb") as f:
+            header = f.read(128).decode("latin1")
+        self.assertIn("'descr': '<f4'", header)
+        self.assertIn("'fortran_order': False", header)
+        self.assertIn("'shape': (3, 2)", header)
+        self.assertEqual(self.load("fc_b").shape, (1, 2))
+
+    def test_model_info_line(self):
+        self.out.model_info([("zero", 1, 0.5, 0.25), ("one", 9, 0.75, 0.125)], name="digits", version="v2")
+        with open(os.path.join(self.dir, "_MODEL_INFO_")) as f:
+            self.assertEqual(f.read(), "digits_v2_zero_1_0.5_0.25_one_9_0.75_0.125\n")
+
+    def test_header_and_bnmatrices(self):
+        self.out.conv2d("conv", nn.Conv2d(1, 4, 3, padding=1), (8, 8))
+        self.out.batchnorm("bn", nn.BatchNorm1d(3).eval(), variance_name="bn_var")
+        self.out.defines["FC_SHIFT"] = 2
+        path = os.path.join(self.dir, "net.h")
+        self.out.write_header(path)
+        with open(path) as f:
+            text = f.read()
+        for line in ("#ifndef NET_H", "#define CONV_PADDING 1", "#define CONV_OUT_SIZE 256",
+                     "#define BN_SIZE 3", "#define FC_SHIFT 2"):
+            self.assertIn(line + "\n", text)
+        self.assertEqual(self.out.bnmatrices, "bn_var")
+
+
+if __name__ == "__main__":
+    unittest.main()
