@@ -1,0 +1,365 @@
+#include "report.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "emit.h"
+#include "model_dir.h"
+
+namespace kelvane {
+
+namespace {
+
+// An item of this many bits of magnitude or fewer keeps less than 1/256 of
+// relative precision; when most of a table's items are that small, a few
+// large values have set the exponent for all of them.
+constexpr int kFewBits = 8;
+
+using MatrixPtr = std::unique_ptr<dl_matrix2d_t, decltype(&dl_matrix_free)>;
+using MatrixqPtr = std::unique_ptr<dl_matrix2dq_t, decltype(&dl_matrixq_free)>;
+
+// While it lives, what the library prints on stdout and stderr (the loaders'
+// lines, the batch-norm warnings) goes to a temporary file instead, so that
+// the report's own output stays clean and a loader's reason can be quoted.
+class CapturedOutput {
+public:
+    CapturedOutput()
+    {
+        fflush(stdout);
+        fflush(stderr);
+        tmp_ = tmpfile();
+        if (!tmp_) return;
+        saved_out_ = dup(STDOUT_FILENO);
+        saved_err_ = dup(STDERR_FILENO);
+        dup2(fileno(tmp_), STDOUT_FILENO);
+        dup2(fileno(tmp_), STDERR_FILENO);
+    }
+    ~CapturedOutput() { finish(); }
+    CapturedOutput(const CapturedOutput &) = delete;
+    CapturedOutput &operator=(const CapturedOutput &) = delete;
+
+    // Restores both streams and returns what was printed meanwhile.
+    std::string finish()
+    {
+        std::string text;
+        if (!tmp_) return text;
+        fflush(stdout);
+        fflush(stderr);
+        restore(saved_out_, STDOUT_FILENO);
+        restore(saved_err_, STDERR_FILENO);
+        rewind(tmp_);
+        char buf[4096];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, tmp_)) > 0;) text.append(buf, n);
+        fclose(tmp_);
+        tmp_ = nullptr;
+        return text;
+    }
+
+private:
+    static void restore(int saved, int fd)
+    {
+        if (saved < 0) return;
+        dup2(saved, fd);
+        close(saved);
+    }
+
+    FILE *tmp_ = nullptr;
+    int saved_out_ = -1, saved_err_ = -1;
+};
+
+// The last line a loader printed, without the path it starts with: why it
+// refused the file.
+std::string reason_from(const std::string &printed, const std::string &path)
+{
+    std::string text = printed;
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    const size_t nl = text.rfind('\n');
+    std::string line = nl == std::string::npos ? text : text.substr(nl + 1);
+    const std::string prefix = path + ": ";
+    if (line.compare(0, prefix.size(), prefix) == 0) line.erase(0, prefix.size());
+    return line.empty() ? "could not be read" : line;
+}
+
+// The value a compiler reads back from a float table, whose items are
+// written with six decimals.
+double float_table_value(fptp_t v)
+{
+    char buf[64];
+    snprintf(buf, sizeof buf, "%f", static_cast<double>(v));
+    return strtof(buf, nullptr);
+}
+
+std::string format(const char *fmt, long long a, long long b)
+{
+    char buf[160];
+    snprintf(buf, sizeof buf, fmt, a, b);
+    return buf;
+}
+
+void add_warnings(TableRow &row)
+{
+    const bool fixed = row.kind == TableKind::fixed_point_matrix;
+    if (row.non_finite > 0) {
+        row.warnings.push_back(
+            {"non_finite", format(fixed || row.cmp.non_finite == 0 ? "%lld NaN or infinite values in the source (of %lld)"
+                                        : "%lld NaN or infinite values in the source (of %lld): the table will "
+                                          "not compile",
+                                  row.non_finite, row.cmp.items)});
+    }
+    if (row.batch_norm && row.cmp.zero_in_table > 0) {
+        row.warnings.push_back({"zero_root", format("%lld of %lld batch-norm roots are 0 in the table: the layer "
+                                                    "divides by zero",
+                                                    row.cmp.zero_in_table, row.cmp.items)});
+    }
+    if (fixed && 2 * row.few_bit_items > row.cmp.nonzero) {
+        row.warnings.push_back(
+            {"outliers", format("outliers set the exponent: %lld of %lld non-zero items use 8 bits or fewer",
+                                row.few_bit_items, row.cmp.nonzero)});
+    }
+}
+
+// The 2-D modes: one matrix loader, the converter's flags and pre-calculation.
+// False when memory ran out.
+bool analyse_file2d(const Settings &s, const ModelEntry &e, const std::string &file, ModelReport &r)
+{
+    CapturedOutput captured;
+    MatrixPtr m(dl_matrix2d_from_numpy_file(e.path.c_str()), dl_matrix_free);
+    if (!m) {
+        r.skipped.push_back({file, reason_from(captured.finish(), e.path)});
+        return true;
+    }
+    std::optional<TableRow> row = analyse_matrix2d(m.get(), final_flags(s, e.name));
+    if (!row) return false;
+    row->file = file;
+    row->name = e.name;
+    r.tables.push_back(std::move(*row));
+    return true;
+}
+
+// kelvane reads _MODEL_INFO_ where it finds it and stops with status 1 when
+// the file is unusable; the report runs the same reader on /dev/null.
+void check_model_info(const ModelEntry &e, const std::string &file, ModelReport &r)
+{
+    r.model_info = file;
+    CapturedOutput captured;
+    FILE *sink = fopen("/dev/null", "w");
+    const bool ok = sink && emit_model_info(e.path.c_str(), sink);
+    if (sink) fclose(sink);
+    const std::string printed = captured.finish();
+    if (!ok) r.info_error = reason_from(printed, e.path);
+}
+
+bool parse_db(const char *text, double &db)
+{
+    char *end = nullptr;
+    errno = 0;
+    db = strtod(text, &end);
+    return end != text && *end == '\0' && errno == 0 && std::isfinite(db);
+}
+
+void print_usage(const char *prog, FILE *err)
+{
+    fprintf(err, "Usage: %s modeldir [--json] [--min-snr DB] [kelvane's options]\n", prog);
+    fputs("Reports what quantisation costs each table that kelvane would write from modeldir with these\n"
+          "options (-no-quantized, -exclude (a,b), -bnmatrices v1,v2). Writes no file.\n"
+          "--json: the report as JSON\n"
+          "--min-snr DB: exit status 1 when a table's signal-to-noise ratio lies below DB\n",
+          err);
+}
+
+}  // namespace
+
+void Comparison::add(fptp_t value, double table_value)
+{
+    items++;
+    if (table_value == 0.0) zero_in_table++;
+    if (!std::isfinite(value)) {
+        non_finite++;
+        return;
+    }
+    const double x = value;
+    const double e = table_value - x;
+    signal += x * x;
+    noise += e * e;
+    max_abs_error = std::max(max_abs_error, std::fabs(e));
+    if (x != 0.0) {
+        nonzero++;
+        if (table_value == 0.0) zeroed++;
+    }
+}
+
+std::optional<double> Comparison::snr_db() const
+{
+    if (noise == 0.0) return std::nullopt;
+    return 10.0 * std::log10(signal / noise);
+}
+
+double Comparison::zeroed_share() const { return nonzero > 0 ? static_cast<double>(zeroed) / nonzero : 0.0; }
+
+std::optional<TableRow> analyse_matrix2d(dl_matrix2d_t *m, int flags)
+{
+    TableRow row;
+    row.shape = {m->h, m->w};
+    row.kind = (flags & MF_QUANTISED) ? TableKind::fixed_point_matrix : TableKind::float_matrix;
+    row.batch_norm = (flags & MF_BATCHNORM) != 0;
+    for (int y = 0; y < m->h; y++)
+        for (int x = 0; x < m->w; x++) row.non_finite += !std::isfinite(m->item[x + m->stride * y]);
+    if (row.batch_norm) precalculate_batch_norm(m);
+
+    const int64_t count = static_cast<int64_t>(m->w) * m->h;
+    if (row.kind == TableKind::fixed_point_matrix) {
+        // The quantiser as the fixed-point table writer calls it.
+        MatrixqPtr q(dl_matrixq_alloc(m->w, m->h), dl_matrixq_free);
+        if (!q) return std::nullopt;
+        dl_matrixq_from_matrix2d(m, q.get());
+        unsigned largest = 0;
+        for (int x = 0; x < m->w; x++) {
+            for (int y = 0; y < m->h; y++) {
+                const int item = q->itemq[y + q->stride * x];
+                const fptp_t v = m->item[x + m->stride * y];
+                const unsigned magnitude = static_cast<unsigned>(std::abs(item));
+                largest = std::max(largest, magnitude);
+                // The exponent may lie beyond a float's range; in double an
+                // item times 2^exponent is exact.
+                row.cmp.add(v, std::ldexp(static_cast<double>(item), q->exponent));
+                if (std::isfinite(v) && v != 0.0f && std::bit_width(magnitude) <= kFewBits) row.few_bit_items++;
+            }
+        }
+        row.exponent = q->exponent;
+        row.bits = static_cast<int>(std::bit_width(largest));
+        row.bytes = count * static_cast<int64_t>(sizeof(qtp_t));
+    } else {
+        for (int y = 0; y < m->h; y++) {
+            for (int x = 0; x < m->w; x++) {
+                const fptp_t v = m->item[x + m->stride * y];
+                row.cmp.add(v, float_table_value(v));
+            }
+        }
+        row.bytes = count * static_cast<int64_t>(sizeof(fptp_t));
+    }
+    add_warnings(row);
+    return row;
+}
+
+int64_t ModelReport::flash_bytes() const
+{
+    int64_t sum = 0;
+    for (const TableRow &t : tables) sum += t.bytes;
+    return sum;
+}
+
+const TableRow *ModelReport::worst() const
+{
+    const TableRow *worst = nullptr;
+    for (const TableRow &t : tables) {
+        const auto snr = t.cmp.snr_db();
+        if (snr && (!worst || *snr < *worst->cmp.snr_db())) worst = &t;
+    }
+    return worst;
+}
+
+std::vector<const TableRow *> ModelReport::below(double min_snr) const
+{
+    std::vector<const TableRow *> low;
+    for (const TableRow &t : tables) {
+        const auto snr = t.cmp.snr_db();
+        if (snr && *snr < min_snr) low.push_back(&t);
+    }
+    return low;
+}
+
+bool analyse_model(const Settings &s, ModelReport &r, FILE *err)
+{
+    r.modeldir = s.modeldir;
+    r.mode = s.mode();
+    r.exclude = s.float_flag && s.exclude_flag;
+    switch (r.mode) {
+    case Mode::quantised_2d:
+    case Mode::float_2d: break;
+    case Mode::quantised_tensor:
+    case Mode::float_tensor:
+    case Mode::input_tensor:
+        fputs("Tensor modes (-3d) are not available in this version of kelvane-report.\n", err);
+        return false;
+    }
+
+    std::vector<std::string> entries;
+    if (!list_model_dir(s.modeldir, entries)) {
+        fprintf(err, "%s: %s\n", s.modeldir.c_str(), strerror(errno));
+        return false;
+    }
+    for (const std::string &file : entries) {
+        const ModelEntry e = classify_entry(s.modeldir, file.c_str());
+        switch (e.kind) {
+        case EntryKind::hidden: continue;
+        case EntryKind::model_info: check_model_info(e, file, r); continue;
+        case EntryKind::bad_name: r.skipped.push_back({file, "name " + e.name + " is not a C identifier"}); continue;
+        case EntryKind::not_regular: r.skipped.push_back({file, "not a regular file"}); continue;
+        case EntryKind::load: break;
+        }
+        if (!analyse_file2d(s, e, file, r)) {
+            fprintf(err, "%s: out of memory\n", e.path.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+std::optional<ReportSettings> parse_report_options(int argc, const char *const *argv, FILE *err)
+{
+    const char *prog = argc > 0 ? argv[0] : "kelvane-report";
+    ReportSettings r;
+    std::vector<const char *> args;  // modeldir and kelvane's options
+    for (int i = 1; i < argc; i++) {
+        if (strcmp(argv[i], "--json") == 0) {
+            r.json = true;
+        } else if (strcmp(argv[i], "--min-snr") == 0) {
+            double db = 0.0;
+            if (i + 1 >= argc || !parse_db(argv[i + 1], db)) {
+                fprintf(err, "--min-snr needs a number of dB, as in --min-snr 40\n");
+                return std::nullopt;
+            }
+            r.min_snr = db;
+            i++;
+        } else {
+            args.push_back(argv[i]);
+        }
+    }
+    if (args.empty() || args[0][0] == '-') {
+        print_usage(prog, err);
+        return std::nullopt;
+    }
+    // kelvane's own parser, with placeholders for the outputs it would write.
+    std::vector<const char *> kelvane_argv = {prog, args[0], "-", "-", "report"};
+    kelvane_argv.insert(kelvane_argv.end(), args.begin() + 1, args.end());
+    auto s = parse_options(static_cast<int>(kelvane_argv.size()), kelvane_argv.data(), err);
+    if (!s) return std::nullopt;
+    r.convert = std::move(*s);
+    return r;
+}
+
+int run_report(const ReportSettings &s, FILE *out, FILE *err)
+{
+    ModelReport r;
+    if (!analyse_model(s.convert, r, err)) return 1;
+    if (s.json) {
+        print_report_json(r, s.min_snr, out);
+    } else {
+        print_report_text(r, s.min_snr, out);
+    }
+    if (fflush(out) != 0 || ferror(out)) {
+        perror("kelvane-report");
+        return 1;
+    }
+    const bool low = s.min_snr && !r.below(*s.min_snr).empty();
+    return r.info_error || low ? 1 : 0;
+}
+
+}  // namespace kelvane
