@@ -4,3 +4,5 @@
 void measure_begin(void) {}
 
 void measure_end(const char *label) { (void)label; }
+
+void measure_report(void) {}

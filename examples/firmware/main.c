@@ -42,7 +42,11 @@ int main(void)
 {
     static const char *const input_names[] = {"in0", "in1", "in2", "in3"};
     network_t net;
-    if (!network_init(&net)) return 1;
+    const char *missing = network_init(&net);
+    if (missing) {
+        printf("table %s missing\n", missing);
+        return 1;
+    }
 
     for (size_t i = 0; i < sizeof input_names / sizeof input_names[0]; i++) {
         const dl_matrix2d_t *in = get_coeff_fw_inputs.getter_f(input_names[i], NULL, 0);
@@ -55,6 +59,7 @@ int main(void)
             measure_begin();
             network_run(&net, v, in);
             measure_end(network_variant_name[v]);
+            measure_report();
             const network_trace_t *t = &net.trace[v];
             for (int k = 0; k < t->count; k++) {
                 char label[48];

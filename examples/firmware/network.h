@@ -9,7 +9,9 @@
  * network_init fetches the tables by name from the generated pairs and
  * allocates every layer's output once; a run then allocates nothing itself
  * (the layers still make and free their own temporaries). The LSTM state of
- * each variant carries over from one run to the next.
+ * each variant carries over from one run to the next. A run measures its
+ * convolution, first fully connected layer with the batch normalisation, and
+ * LSTM cell (measure.h).
  */
 #ifndef FIRMWARE_NETWORK_H
 #define FIRMWARE_NETWORK_H
@@ -47,8 +49,8 @@ typedef struct {
     network_trace_t trace[NETWORK_VARIANTS];
 } network_t;
 
-/* 1 on success; 0 after a line on stdout naming a missing table. */
-int network_init(network_t *net);
+/* NULL on success, otherwise the name of a table the model lacks. */
+const char *network_init(network_t *net);
 
 /* One inference of one variant on an 8 x 6 input. */
 void network_run(network_t *net, int variant, const dl_matrix2d_t *in);
