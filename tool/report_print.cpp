@@ -187,7 +187,7 @@ void print_report_text(const ModelReport &r, const std::optional<double> &min_sn
 
     if (r.model_info) {
         if (r.info_error) {
-            fprintf(out, "%s: %s; kelvane stops here with status 1\n", r.model_info->c_str(), r.info_error->c_str());
+            fprintf(out, "%s: kelvane stops here with status 1: %s\n", r.model_info->c_str(), r.info_error->c_str());
         } else {
             fprintf(out, "%s: model information, not a table\n", r.model_info->c_str());
         }

@@ -1,0 +1,571 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <limits>
+#include <map>
+#include <regex>
+#include <stdexcept>
+
+#include "convert.h"
+#include "emit.h"
+#include "report.h"
+#include "test_util.h"
+
+using namespace kelvane;
+using namespace testutil;
+
+namespace {
+
+// ---- helpers ----------------------------------------------------------------
+
+// A JSON value, read strictly: anything a JSON reader would refuse throws.
+struct Json {
+    enum Type { Null, Bool, Number, String, Array, Object } type = Null;
+    bool b = false;
+    double num = 0.0;
+    std::string str;
+    std::vector<Json> items;
+    std::map<std::string, Json> fields;
+
+    const Json &operator[](const std::string &key) const { return fields.at(key); }
+    const Json &at(size_t i) const { return items.at(i); }
+
+    static Json parse(const std::string &text)
+    {
+        size_t i = 0;
+        Json v = read(text, i);
+        skip_ws(text, i);
+        if (i != text.size()) throw std::runtime_error("text after the value");
+        return v;
+    }
+
+private:
+    static void skip_ws(const std::string &s, size_t &i)
+    {
+        while (i < s.size() && strchr(" \t\r\n", s[i])) i++;
+    }
+    static void expect(const std::string &s, size_t &i, const char *lit)
+    {
+        if (s.compare(i, strlen(lit), lit) != 0) throw std::runtime_error(std::string("expected ") + lit);
+        i += strlen(lit);
+    }
+    static std::string read_string(const std::string &s, size_t &i)
+    {
+        expect(s, i, "\"");
+        std::string out;
+        while (i < s.size() && s[i] != '"') {
+            const unsigned char c = static_cast<unsigned char>(s[i++]);
+            if (c < 0x20) throw std::runtime_error("raw control character in a string");
+            if (c != '\\') {
+                out += static_cast<char>(c);
+                continue;
+            }
+            const char e = s.at(i++);
+            const char *escapes = "\"\\/bfnrtu";
+            const char *esc = e ? strchr(escapes, e) : nullptr;
+            if (!esc) throw std::runtime_error("bad escape");
+            if (e != 'u') {
+                out += "\"\\/\b\f\n\r\t"[esc - escapes];
+                continue;
+            }
+            const unsigned cp = static_cast<unsigned>(std::stoul(s.substr(i, 4), nullptr, 16));
+            i += 4;
+            if (cp < 0x80) {
+                out += static_cast<char>(cp);
+            } else if (cp < 0x800) {
+                out += static_cast<char>(0xc0 | (cp >> 6));
+                out += static_cast<char>(0x80 | (cp & 0x3f));
+            } else {
+                out += static_cast<char>(0xe0 | (cp >> 12));
+                out += static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
+                out += static_cast<char>(0x80 | (cp & 0x3f));
+            }
+        }
+        expect(s, i, "\"");
+        return out;
+    }
+    static Json read(const std::string &s, size_t &i)
+    {
+        skip_ws(s, i);
+        Json v;
+        if (i >= s.size()) throw std::runtime_error("unexpected end");
+        const char c = s[i];
+        if (c == '{' || c == '[') {
+            const bool obj = c == '{';
+            v.type = obj ? Object : Array;
+            i++;
+            skip_ws(s, i);
+            if (s.at(i) == (obj ? '}' : ']')) return i++, v;
+            for (;;) {
+                skip_ws(s, i);
+                if (obj) {
+                    const std::string key = read_string(s, i);
+                    skip_ws(s, i);
+                    expect(s, i, ":");
+                    v.fields[key] = read(s, i);
+                } else {
+                    v.items.push_back(read(s, i));
+                }
+                skip_ws(s, i);
+                if (s.at(i) == ',') {
+                    i++;
+                    continue;
+                }
+                expect(s, i, obj ? "}" : "]");
+                return v;
+            }
+        }
+        if (c == '"') {
+            v.type = String;
+            v.str = read_string(s, i);
+        } else if (s.compare(i, 4, "null") == 0) {
+            i += 4;
+        } else if (s.compare(i, 4, "true") == 0 || s.compare(i, 5, "false") == 0) {
+            v.type = Bool;
+            v.b = s[i] == 't';
+            i += v.b ? 4 : 5;
+        } else {
+            const std::regex grammar("^-?(0|[1-9][0-9]*)(\\.[0-9]+)?([eE][-+]?[0-9]+)?");
+            std::smatch m;
+            const std::string rest = s.substr(i, 40);
+            if (!std::regex_search(rest, m, grammar)) throw std::runtime_error("bad value at " + rest);
+            v.type = Number;
+            v.num = std::stod(m.str());
+            i += static_cast<size_t>(m.length());
+        }
+        return v;
+    }
+};
+
+// A model directory of crafted files, removed with the object.
+class ModelDir {
+public:
+    ModelDir()
+    {
+        char dir[] = "/tmp/kelvane_report_XXXXXX";
+        path_ = mkdtemp(dir);
+    }
+    ~ModelDir() { EXPECT_EQ(system(("rm -rf '" + path_ + "'").c_str()), 0); }
+    void write(const std::string &name, const std::string &bytes) const
+    {
+        FILE *f = fopen((path_ + "/" + name).c_str(), "wb");
+        ASSERT_NE(f, nullptr) << name;
+        fwrite(bytes.data(), 1, bytes.size(), f);
+        fclose(f);
+    }
+    // One row of '<f4' values.
+    void write_row(const std::string &name, const std::vector<float> &values) const
+    {
+        write(name, npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': (" + std::to_string(values.size()) +
+                                  ",), }",
+                              raw<float>(values)));
+    }
+    const std::string &path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+struct RunResult {
+    int status;
+    std::string out, err;
+};
+
+// kelvane-report as from the command line, after the program name.
+RunResult run(std::vector<const char *> args)
+{
+    args.insert(args.begin(), "kelvane-report");
+    MemStream out, err;
+    int status = 1;
+    if (auto s = parse_report_options(static_cast<int>(args.size()), args.data(), err.get()))
+        status = run_report(*s, out.get(), err.get());
+    return {status, out.str(), err.str()};
+}
+
+ModelReport analyse(const std::string &dir, std::vector<const char *> opts = {})
+{
+    std::vector<const char *> argv = {"kelvane-report", dir.c_str()};
+    argv.insert(argv.end(), opts.begin(), opts.end());
+    MemStream err;
+    auto s = parse_report_options(static_cast<int>(argv.size()), argv.data(), err.get());
+    ModelReport r;
+    EXPECT_TRUE(s && analyse_model(s->convert, r, err.get())) << err.str();
+    return r;
+}
+
+// A test name from a description: letters and digits, '_' for the rest.
+std::string test_name(const std::string &what)
+{
+    std::string name;
+    for (char c : what) {
+        const bool alnum = isalnum(static_cast<unsigned char>(c));
+        if (alnum) name += c;
+        else if (!name.empty() && name.back() != '_') name += '_';
+    }
+    while (!name.empty() && name.back() == '_') name.pop_back();
+    return name;
+}
+
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+const float kInf = std::numeric_limits<float>::infinity();
+
+// ---- figures worked out by hand -----------------------------------------------
+
+struct FigureCase {
+    const char *what;
+    std::vector<float> values;  // one row
+    int flags;
+    std::optional<int> exponent;
+    std::optional<double> snr_db;  // nothing: exact
+    double max_error;
+    double zeroed_share;
+};
+
+void PrintTo(const FigureCase &c, std::ostream *os) { *os << c.what; }
+
+class FigureTest : public testing::TestWithParam<FigureCase> {};
+
+TEST_P(FigureTest, SnrErrorAndZeroed)
+{
+    const FigureCase &c = GetParam();
+    MatrixPtr m = matrix(static_cast<int>(c.values.size()), 1, c.values);
+    const auto row = analyse_matrix2d(m.get(), c.flags);
+    ASSERT_TRUE(row);
+    EXPECT_EQ(row->exponent, c.exponent);
+    ASSERT_EQ(row->cmp.snr_db().has_value(), c.snr_db.has_value());
+    // log10 and the sums are in double: a few ulps apart at most.
+    if (c.snr_db) {
+        EXPECT_NEAR(*row->cmp.snr_db(), *c.snr_db, 1e-9);
+    }
+    EXPECT_EQ(row->cmp.max_abs_error, c.max_error);
+    EXPECT_EQ(row->cmp.zeroed_share(), c.zeroed_share);
+}
+
+// 1e-7 as the float the file holds, and its square.
+const double k1e7 = static_cast<double>(1e-7f);
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, FigureTest,
+    testing::Values(
+        // 1.0 sets exponent -14: 16384, 8192, 4096 and 0 are exact items.
+        FigureCase{"exact items", {1.0f, 0.5f, 0.25f, 0.0f}, MF_QUANTISED, -14, std::nullopt, 0.0, 0.0},
+        // -1.0 becomes -16383, one unit of 2^-14 short: SNR = 10 log10(2 / 2^-28).
+        FigureCase{"a negative item one unit off", {1.0f, -1.0f}, MF_QUANTISED, -14, 290.0 * std::log10(2.0),
+                   std::ldexp(1.0, -14), 0.0},
+        // 2^-16 is a quarter unit: item 0; SNR = 10 log10((1 + 2^-32) / 2^-32).
+        FigureCase{"a small value lost", {1.0f, std::ldexp(1.0f, -16)}, MF_QUANTISED, -14,
+                   10.0 * std::log10(std::ldexp(1.0, 32) + 1.0), std::ldexp(1.0, -16), 0.5},
+        FigureCase{"all zero", {0.0f, 0.0f}, MF_QUANTISED, 0, std::nullopt, 0.0, 0.0},
+        // Six decimals read back to the same floats.
+        FigureCase{"float, exact in six decimals", {0.5f, -2.0f, 0.1f}, 0, std::nullopt, std::nullopt, 0.0, 0.0},
+        // 1e-7 prints as 0.000000.
+        FigureCase{"float, six decimals lose a value", {0.5f, 1e-7f}, 0, std::nullopt,
+                   10.0 * std::log10((0.25 + k1e7 * k1e7) / (k1e7 * k1e7)), k1e7, 0.5}),
+    [](const auto &info) { return test_name(info.param.what); });
+
+// The report's table values are those of the text kelvane writes: parse the
+// emitted table back and compare the exponent and the largest error.
+TEST(Figures, MatchTheEmittedTables)
+{
+    const std::vector<float> values = {0.3f, -1.7f, 1e-7f, 123.456f, -0.0004f, 5e-3f};
+    MatrixPtr m = matrix(3, 2, values);
+    for (int flags : {0, MF_QUANTISED}) {
+        MemStream text;
+        if (flags) emit_matrix2dq("t", m.get(), text.get(), nullptr);
+        else emit_matrix2d("t", m.get(), text.get(), nullptr);
+        const std::string c = text.str();
+        const size_t start = c.find("={\n") + 3;
+        std::vector<double> items;  // as a compiler reads them
+        for (const char *p = c.c_str() + start; *p != '}'; p++) {
+            if (strchr("\t\n ,", *p)) continue;
+            char *end = nullptr;
+            items.push_back(flags ? strtod(p, &end) : strtof(p, &end));
+            p = end;
+        }
+        int exponent = 0;
+        if (flags) exponent = std::stoi(c.substr(c.find(".exponent=") + 10));
+        ASSERT_EQ(items.size(), values.size());
+        double max_error = 0.0;
+        for (size_t i = 0; i < items.size(); i++) {
+            // Fixed-point tables are column-major, float tables row-major.
+            const size_t src = flags ? (i % 2) * 3 + i / 2 : i;
+            const double table = flags ? std::ldexp(items[i], exponent) : items[i];
+            max_error = std::max(max_error, std::fabs(table - values[src]));
+        }
+        const auto row = analyse_matrix2d(m.get(), flags);
+        ASSERT_TRUE(row);
+        EXPECT_EQ(row->cmp.max_abs_error, max_error) << "flags " << flags;
+        if (flags) {
+            EXPECT_EQ(row->exponent, exponent);
+        }
+    }
+}
+
+// ---- warnings, each from a tiny directory ---------------------------------------
+
+struct WarningCase {
+    const char *what;
+    const char *file;
+    std::vector<float> values;
+    std::vector<const char *> opts;
+    std::vector<std::string> codes;
+};
+
+void PrintTo(const WarningCase &c, std::ostream *os) { *os << c.what; }
+
+class WarningTest : public testing::TestWithParam<WarningCase> {};
+
+TEST_P(WarningTest, Directory)
+{
+    const WarningCase &c = GetParam();
+    ModelDir dir;
+    dir.write_row(c.file, c.values);
+    const ModelReport r = analyse(dir.path(), c.opts);
+    ASSERT_EQ(r.tables.size(), 1u);
+    std::vector<std::string> codes;
+    for (const Warning &w : r.tables[0].warnings) codes.push_back(w.code);
+    EXPECT_EQ(codes, c.codes);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, WarningTest,
+    testing::Values(
+        WarningCase{"clean", "w.npy", {0.5f, -0.25f, 0.125f, 0.3f}, {}, {}},
+        WarningCase{"NaN", "w.npy", {0.5f, kNaN, 0.25f}, {}, {"non_finite"}},
+        WarningCase{"infinity in a float table", "w.npy", {0.5f, kInf}, {"-no-quantized"}, {"non_finite"}},
+        // Roots 10000.00005 and 0.0316: exponent -1 leaves the second item 0.
+        WarningCase{"root quantised to zero", "pop_var.npy", {1e8f, 0.0f}, {}, {"zero_root"}},
+        WarningCase{"root of a chosen bn matrix", "v.npy", {1e8f, 0.0f}, {"-bnmatrices", "v"}, {"zero_root"}},
+        WarningCase{"same values, not a bn matrix", "v.npy", {1e8f, 0.0f}, {}, {}},
+        WarningCase{"negative variance, float", "pop_var.npy", {-1.0f, 1.0f}, {"-no-quantized"}, {"zero_root"}},
+        // 1000 sets exponent -5: each 1.0 becomes item 32, six bits.
+        WarningCase{"outliers", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f}, {}, {"outliers"}},
+        WarningCase{"outliers, half only", "w.npy", {1000.0f, 900.0f, 1.0f, 1.0f}, {}, {}},
+        WarningCase{"outliers in a float table", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f}, {"-no-quantized"}, {}},
+        WarningCase{"outliers in an -exclude table", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f},
+                    {"-no-quantized", "-exclude", "(w)"}, {"outliers"}}),
+    [](const auto &info) { return test_name(info.param.what); });
+
+// ---- JSON, status and messages ---------------------------------------------------
+
+TEST(Json, ParsesBackWithFiguresAndSkippedEntries)
+{
+    ModelDir dir;
+    dir.write_row("a.npy", {1.0f, -1.0f});
+    dir.write_row("b.npy", {1.0f, 0.5f});
+    dir.write("junk.\"\x01\xff", "not a numpy file");  // the name is "junk"
+    dir.write("_MODEL_INFO_", "kws_v1_hey_3_0.80_0.60\n");
+    const RunResult res = run({dir.path().c_str(), "--json", "--min-snr", "88"});
+    EXPECT_EQ(res.status, 1);
+    EXPECT_EQ(res.err, "");
+    const Json j = Json::parse(res.out);
+    EXPECT_EQ(j["mode"].str, "quantised_2d");
+    ASSERT_EQ(j["tables"].items.size(), 2u);
+    const Json &a = j["tables"].at(0);
+    EXPECT_EQ(a["name"].str, "a");
+    EXPECT_EQ(a["shape"].at(0).num, 1);
+    EXPECT_EQ(a["shape"].at(1).num, 2);
+    EXPECT_EQ(a["kind"].str, "fixed_point");
+    EXPECT_EQ(a["exponent"].num, -14);
+    EXPECT_EQ(a["bits"].num, 15);
+    EXPECT_NEAR(a["snr_db"].num, 290.0 * std::log10(2.0), 1e-9);
+    EXPECT_EQ(a["max_abs_error"].num, std::ldexp(1.0, -14));
+    EXPECT_EQ(a["bytes"].num, 4);
+    EXPECT_EQ(j["tables"].at(1)["snr_db"].type, Json::Null);  // exact
+    EXPECT_EQ(j["model_info"]["error"].type, Json::Null);
+    ASSERT_EQ(j["skipped"].items.size(), 1u);
+    EXPECT_EQ(j["skipped"].at(0)["file"].str, "junk.\"\x01\xef\xbf\xbd");
+    EXPECT_EQ(j["skipped"].at(0)["reason"].str, "invalid magic");
+    const Json &sum = j["summary"];
+    EXPECT_EQ(sum["tables"].num, 2);
+    EXPECT_EQ(sum["flash_bytes"].num, 8);
+    EXPECT_EQ(sum["worst_table"].str, "a");
+    ASSERT_EQ(sum["below_min_snr"].items.size(), 1u);
+    EXPECT_EQ(sum["below_min_snr"].at(0).str, "a");
+
+    EXPECT_EQ(run({dir.path().c_str(), "--min-snr", "87"}).status, 0);
+}
+
+TEST(Text, ReportOfACraftedDirectory)
+{
+    ModelDir dir;
+    dir.write_row("a.npy", {1.0f, -1.0f});
+    dir.write_row("pop_var.npy", {1e8f, 0.0f});
+    dir.write("2nd.npy", "");
+    dir.write("_MODEL_INFO_", "no significant line\n");
+    const RunResult res = run({dir.path().c_str(), "--min-snr", "90"});
+    // pop_var: roots 10000 (exact at exponent -1) and sqrt(0.001), lost:
+    // SNR = 10 log10((1e8 + 0.001) / 0.001) = 110 dB.
+    EXPECT_EQ(res.status, 1);
+    EXPECT_EQ(res.out,
+              dir.path() + ": matrices in 16-bit fixed point\n"
+                           "table    shape  kind             exp  bits  SNR dB  max error  zeroed  bytes  warnings\n"
+                           "a        1x2    fixed point      -14    15    87.3    6.1e-05       0      4\n"
+                           "pop_var  1x2    fixed point, bn   -1    15   110.0     0.0316   50.0%      4  1 of 2 "
+                           "batch-norm roots are 0 in the table: the layer divides by zero\n"
+                           "_MODEL_INFO_: kelvane stops here with status 1: ERROR: Could not parse file " +
+                  dir.path() +
+                  "/_MODEL_INFO_, please check.\n"
+                  "Not converted:\n"
+                  "  2nd.npy: name 2nd is not a C identifier\n"
+                  "2 tables, 8 bytes of flash, worst SNR 87.3 dB in a\n"
+                  "1 table below 90 dB: a\n");
+}
+
+struct OptionCase {
+    std::vector<const char *> args;
+    bool ok;
+    std::string err;  // its start
+    bool json;
+    std::optional<double> min_snr;
+    Mode mode;
+};
+
+void PrintTo(const OptionCase &c, std::ostream *os) { *os << c.args.size() << " arguments"; }
+
+class ReportOptionsTest : public testing::TestWithParam<OptionCase> {};
+
+TEST_P(ReportOptionsTest, Parse)
+{
+    const OptionCase &c = GetParam();
+    std::vector<const char *> argv = {"kelvane-report"};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    MemStream err;
+    const auto s = parse_report_options(static_cast<int>(argv.size()), argv.data(), err.get());
+    EXPECT_EQ(err.str().substr(0, c.err.size()), c.err);
+    if (c.err.empty()) {
+        EXPECT_EQ(err.str(), "");
+    }
+    ASSERT_EQ(s.has_value(), c.ok);
+    if (!c.ok) return;
+    EXPECT_EQ(s->convert.modeldir, "m");
+    EXPECT_EQ(s->json, c.json);
+    EXPECT_EQ(s->min_snr, c.min_snr);
+    EXPECT_EQ(s->convert.mode(), c.mode);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ReportOptionsTest,
+    testing::Values(
+        OptionCase{{"m"}, true, "", false, std::nullopt, Mode::quantised_2d},
+        OptionCase{{"--json", "m", "-no-quantized", "--min-snr", "-3.5"}, true, "Not quantizing.\n", true, -3.5,
+                   Mode::float_2d},
+        OptionCase{{}, false, "Usage: kelvane-report modeldir", false, std::nullopt, Mode::quantised_2d},
+        OptionCase{{"-no-quantized", "m"}, false, "Usage: ", false, std::nullopt, Mode::quantised_2d},
+        OptionCase{{"m", "--min-snr"}, false, "--min-snr needs", false, std::nullopt, Mode::quantised_2d},
+        OptionCase{{"m", "--min-snr", "40dB"}, false, "--min-snr needs", false, std::nullopt, Mode::quantised_2d},
+        OptionCase{{"m", "--min-snr", "inf"}, false, "--min-snr needs", false, std::nullopt, Mode::quantised_2d},
+        OptionCase{{"m", "-in", "-3d"}, false, "Unrecognized cmdline arg -in\n", false, std::nullopt,
+                   Mode::quantised_2d}));
+
+TEST(Status, UnreadableDirectory)
+{
+    const RunResult res = run({"/nonexistent/model"});
+    EXPECT_EQ(res.status, 1);
+    EXPECT_EQ(res.out, "");
+    EXPECT_EQ(res.err, "/nonexistent/model: No such file or directory\n");
+}
+
+// ---- the report agrees with the tables kelvane writes ---------------------------------
+
+struct AgreementCase {
+    const char *dir;  // under the source tree
+    std::vector<const char *> opts;
+};
+
+void PrintTo(const AgreementCase &c, std::ostream *os) { *os << c.dir << " and " << c.opts.size() << " options"; }
+
+class AgreementTest : public testing::TestWithParam<AgreementCase> {};
+
+struct GeneratedTable {
+    std::string name;
+    bool fixed;
+    int64_t count;  // items
+    std::optional<int> exponent;
+};
+
+// The item arrays of a generated source, read line by line: each item ends
+// in a comma, and a fixed-point record's exponent follows its array.
+std::vector<GeneratedTable> generated_tables(const std::string &cfile)
+{
+    std::vector<GeneratedTable> tables;
+    std::ifstream in(cfile);
+    const std::string tail = "_item_array[]={";
+    bool in_items = false;
+    for (std::string line; std::getline(in, line);) {
+        for (const auto &[head, fixed] : {std::pair{"const static qtp_t ", true}, {"const static fptp_t ", false}}) {
+            const size_t n = strlen(head);
+            if (line.compare(0, n, head) == 0 && line.ends_with(tail)) {
+                tables.push_back({line.substr(n, line.size() - n - tail.size()), fixed, 0, std::nullopt});
+                in_items = true;
+            }
+        }
+        if (line == "};") in_items = false;
+        if (in_items && line[0] == '\t') tables.back().count += std::count(line.begin(), line.end(), ',');
+        if (line.compare(0, 11, "\t.exponent=") == 0 && !tables.empty()) tables.back().exponent = std::stoi(line.substr(11));
+    }
+    return tables;
+}
+
+// Tables, kinds, exponents and flash bytes as kelvane writes them, and the
+// entries it warns about as those the report lists.
+TEST_P(AgreementTest, TablesAndFlashBytes)
+{
+    const AgreementCase &c = GetParam();
+    const std::string dir = std::string(DL_SOURCE_DIR) + "/" + c.dir;
+    ModelDir out;
+    std::vector<const char *> argv = {"kelvane", dir.c_str(), "", "", "m"};
+    const std::string cfile = out.path() + "/m.c", hfile = out.path() + "/m.h";
+    argv[2] = cfile.c_str();
+    argv[3] = hfile.c_str();
+    argv.insert(argv.end(), c.opts.begin(), c.opts.end());
+    MemStream ignored;
+    const auto s = parse_options(static_cast<int>(argv.size()), argv.data(), ignored.get());
+    ASSERT_TRUE(s);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(convert(*s), 0);
+    fflush(stdout);
+    const std::string printed = testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+
+    const std::vector<GeneratedTable> generated = generated_tables(cfile);
+    const ModelReport r = analyse(dir, c.opts);
+    ASSERT_EQ(r.tables.size(), generated.size());
+    int64_t bytes = 0;
+    for (size_t i = 0; i < generated.size(); i++) {
+        const GeneratedTable &g = generated[i];
+        const TableRow &t = r.tables[i];
+        const int64_t size = g.count * (g.fixed ? 2 : 4);
+        EXPECT_EQ(t.name, g.name);
+        EXPECT_EQ(t.kind, g.fixed ? TableKind::fixed_point_matrix : TableKind::float_matrix) << g.name;
+        EXPECT_EQ(t.bytes, size) << g.name;
+        EXPECT_EQ(t.exponent, g.exponent) << g.name;
+        bytes += size;
+    }
+    EXPECT_EQ(r.flash_bytes(), bytes);
+
+    std::string warned;
+    const std::regex warning("WARNING: (?:Could not parse file |Name \\S+ of file )(.*), not converting\\.");
+    for (std::sregex_iterator it(printed.begin(), printed.end(), warning), end; it != end; ++it)
+        warned += (*it)[1].str() + "\n";
+    std::string skipped;
+    for (const SkippedEntry &e : r.skipped) skipped += e.file + "\n";
+    EXPECT_EQ(skipped, warned);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Models, AgreementTest,
+    testing::Values(AgreementCase{"examples/demo/model", {}}, AgreementCase{"examples/demo/model", {"-no-quantized"}},
+                    AgreementCase{"examples/demo/model", {"-no-quantized", "-exclude", "(dense1_w,pop_var)"}},
+                    AgreementCase{"tests/data/npy", {}}, AgreementCase{"tests/data/npy", {"-no-quantized"}},
+                    AgreementCase{"tests/data/fetch_model", {"-no-quantized", "-exclude", "(dense,odd)"}},
+                    AgreementCase{"tests/data/fetch_model", {"-bnmatrices", "tiny,zero"}}),
+    [](const auto &info) {
+        std::string what = info.param.dir;
+        for (const char *o : info.param.opts) what += std::string(" ") + o;
+        return test_name(what);
+    });
+
+}  // namespace
