@@ -7,10 +7,17 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <ostream>
 #include <random>
 #include <vector>
 
 #include "dl_lib.h"
+#include "kernels_internal.h"
+
+namespace dl {
+// Names the product path in the messages of parameterised tests.
+inline void PrintTo(Isa isa, std::ostream *os) { *os << isa_name(isa); }
+}  // namespace dl
 
 namespace arith {
 

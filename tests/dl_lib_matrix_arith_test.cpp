@@ -7,6 +7,7 @@
 
 #include "arith_test_util.h"
 #include "dl_lib.h"
+#include "kernels_internal.h"
 #include "test_util.h"
 
 using namespace testutil;
@@ -103,11 +104,17 @@ std::vector<float> reference_dot(FloatBox &a, FloatBox &b)
     return res;
 }
 
-TEST(FloatDot, MatchesReferenceOnRandomShapes)
+// Every product path: Isa::none is the plain loop, the others the kernels;
+// dl_matrix_dot itself runs whichever this machine chose.
+class FloatDotKernelTest : public testing::TestWithParam<dl::Isa> {};
+
+TEST_P(FloatDotKernelTest, MatchesReferenceBitForBit)
 {
+    const dl::Isa isa = GetParam();
+    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     Rng rng(11);
     for (int round = 0; round < 150; round++) {
-        // Mostly small shapes, some past the blocking sizes of the fast paths.
+        // Mostly small shapes, some past the tile and panel sizes.
         const int top = round % 5 == 0 ? 200 : 24;
         const int M = uniform(rng, 0, top), K = uniform(rng, 0, top), N = uniform(rng, 0, top);
         FloatBox a(rng, K, M, uniform(rng, 0, 3)), b(rng, N, K, uniform(rng, 0, 3));
@@ -115,14 +122,23 @@ TEST(FloatDot, MatchesReferenceOnRandomShapes)
         for (int y = 0; y < M; y++)
             for (int x = 0; x < N; x++) res.at(x, y) = NAN;  // old contents play no part
         const std::vector<float> want = reference_dot(a, b);
-        dl_matrix_dot(&a.m, &b.m, &res.m);
+        if (isa == dl::Isa::none) dl::matrix_dot_plain(&a.m, &b.m, &res.m);
+        else ASSERT_TRUE(dl::matrix_dot_kernel(isa, &a.m, &b.m, &res.m));
         for (int y = 0; y < M; y++)
             for (int x = 0; x < N; x++)
                 ASSERT_TRUE(same_float(res.at(x, y), want[x + N * y]))
-                    << M << "x" << K << "x" << N << " at " << x << "," << y;
+                    << dl::isa_name(isa) << " " << M << "x" << K << "x" << N << " at " << x << "," << y;
         ASSERT_TRUE(res.margins_intact());
+
+        FloatBox res2(N, M, 1);
+        dl_matrix_dot(&a.m, &b.m, &res2.m);
+        for (int y = 0; y < M; y++)
+            for (int x = 0; x < N; x++) ASSERT_TRUE(same_float(res2.at(x, y), want[x + N * y]));
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Paths, FloatDotKernelTest, testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512),
+                         [](const auto &info) { return std::string(dl::isa_name(info.param)); });
 
 TEST(FloatDot, SumsInAscendingOrder)
 {

@@ -170,7 +170,7 @@ void matrixq_dot_plain(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const Q
         for (int y = 0; y < a->h; y++) {
             int64_t sum = 0;
             for (int k = 0; k < b->h; k++) sum += static_cast<int64_t>(a->itemq[y + a->stride * k]) * bcol[k];
-            out.store(x, y, sum);
+            qdot_store(out, x, y, sum);
         }
     }
 }
@@ -197,7 +197,7 @@ void dl_matrixq_dot_c_impl(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_
     DL_ASSERT(a->h==res->h);
     DL_ASSERT(b->w==res->w);
     const int s = product_shift(a->w) - shift;
-    const dl::QDotOut out = dl::QDotOut::to_items(res, s);
+    const dl::QDotOut out = dl::qdot_to_items(res, s);
     if (!dl::matrixq_dot_kernel(dl::detected_isa(), a, b, out)) dl::matrixq_dot_plain(a, b, out);
     res->exponent = a->exponent + b->exponent + s;
 }
@@ -212,7 +212,7 @@ void dl_matrixq_dot_matrix_out_c_impl(const dl_matrix2dq_t *a, const dl_matrix2d
     DL_ASSERT(a->w==b->h);
     DL_ASSERT(a->h==res->h);
     DL_ASSERT(b->w==res->w);
-    const dl::QDotOut out = dl::QDotOut::to_floats(res, pow2f(a->exponent + b->exponent));
+    const dl::QDotOut out = dl::qdot_to_floats(res, pow2f(a->exponent + b->exponent));
     if (!dl::matrixq_dot_kernel(dl::detected_isa(), a, b, out)) dl::matrixq_dot_plain(a, b, out);
 }
 

@@ -14,7 +14,6 @@
 
 #include <stdint.h>
 
-#include "dl_lib_internal.h"
 #include "dl_lib_types.h"
 
 namespace dl {
@@ -35,20 +34,27 @@ Isa detected_isa();
  * arithmetically (rounding down) and saturated at +-32767, or an item of a
  * float record, converted in one rounding and scaled by a power of two. */
 struct QDotOut {
-    dl_matrix2dq_t *items;
+    dl_matrix2dq_t *items;  // when set, the sums become its items
     int shift;
-    dl_matrix2d_t *floats;
+    dl_matrix2d_t *floats;  // otherwise the sums become its floats
     fptp_t factor;
-
-    static QDotOut to_items(dl_matrix2dq_t *res, int shift) { return {res, shift, nullptr, 0.0f}; }
-    static QDotOut to_floats(dl_matrix2d_t *res, fptp_t factor) { return {nullptr, 0, res, factor}; }
-
-    void store(int x, int y, int64_t sum) const
-    {
-        if (items) items->itemq[y + items->stride * x] = static_cast<qtp_t>(saturate(sum >> shift));
-        else floats->item[x + floats->stride * y] = static_cast<fptp_t>(sum) * factor;
-    }
 };
+
+static inline QDotOut qdot_to_items(dl_matrix2dq_t *res, int shift) { return {res, shift, nullptr, 0.0f}; }
+static inline QDotOut qdot_to_floats(dl_matrix2d_t *res, fptp_t factor) { return {nullptr, 0, res, factor}; }
+
+/* Internal linkage on purpose, like everything the kernels use: each
+ * instruction-set file compiles its own copy under its own target flags, and
+ * no copy of one can stand in for the portable code's. */
+static inline void qdot_store(const QDotOut &out, int x, int y, int64_t sum)
+{
+    if (out.items) {
+        const int64_t v = sum >> out.shift;
+        out.items->itemq[y + out.items->stride * x] = static_cast<qtp_t>(v > 32767 ? 32767 : v < -32767 ? -32767 : v);
+    } else {
+        out.floats->item[x + out.floats->stride * y] = static_cast<fptp_t>(sum) * out.factor;
+    }
+}
 
 /* res = a x b for the float records, shapes already checked. */
 void matrix_dot_plain(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);

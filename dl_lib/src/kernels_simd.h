@@ -1,0 +1,265 @@
+/*
+ * kernels_simd.h - the products' blocked, vectorised loops, written once for
+ * any vector width; not installed. Each instruction-set file (kernels_avx2,
+ * kernels_avx512) includes this under its own target flags with a struct of
+ * vector operations `V`:
+ *
+ *   kLanes                 32-bit lanes in a vector
+ *   kTileRows, kTileVecs   float tile: rows of a, vectors of result columns
+ *   kQTileRows, kQTileCols fixed-point tile: rows of a, columns of b
+ *   F: float vector        zero, load, load_part, store, store_part, bcast,
+ *                          add, mul (separate roundings, never fused)
+ *   I: integer vector      izero, load16, load16_part (int16 items),
+ *                          madd (pairs of int16 products summed to int32),
+ *                          add32, hsum64 (the int32 lanes summed in 64 bits)
+ *
+ * The _part forms touch only the first n items, so no read or write strays
+ * past a row or column.
+ */
+#ifndef DL_LIB_KERNELS_SIMD_H
+#define DL_LIB_KERNELS_SIMD_H
+
+#include <stdint.h>
+#include <stdlib.h>
+
+#include "kernels_internal.h"
+
+// Everything here has internal linkage: the file is compiled once per
+// instruction set, and no copy may be shared with another.
+namespace dl::simd {
+namespace {
+
+int min_int(int a, int b) { return a < b ? a : b; }
+
+// ---- Float product ---------------------------------------------------------
+//
+// Every result item is the sum of its products in ascending k, from +0.0,
+// each product and each sum rounded to float: the loops below vectorise
+// across the columns of the result (x) and keep k, for every item, in order.
+
+// MR rows of res, NV vectors of columns, over all of k. b comes packed: row k
+// of the panel holds kTileVecs vectors of b's row k, zero beyond column nc.
+template <class V, int MR, int NV>
+void float_tile(const float *a, int lda, const float *panel, int K, float *res, int ldr, int nc)
+{
+    constexpr int L = V::kLanes;
+    constexpr int NC = V::kTileVecs * L;
+    typename V::F acc[MR][NV];
+#pragma GCC unroll 8
+    for (int i = 0; i < MR; i++)
+#pragma GCC unroll 8
+        for (int j = 0; j < NV; j++) acc[i][j] = V::zero();
+    for (int k = 0; k < K; k++) {
+        typename V::F bv[NV];
+#pragma GCC unroll 8
+        for (int j = 0; j < NV; j++) bv[j] = V::load(panel + NC * k + L * j);
+#pragma GCC unroll 8
+        for (int i = 0; i < MR; i++) {
+            const typename V::F av = V::bcast(a[lda * i + k]);
+#pragma GCC unroll 8
+            for (int j = 0; j < NV; j++) acc[i][j] = V::add(acc[i][j], V::mul(av, bv[j]));
+        }
+    }
+#pragma GCC unroll 8
+    for (int i = 0; i < MR; i++)
+#pragma GCC unroll 8
+        for (int j = 0; j < NV; j++) {
+            const int n = nc - L * j;
+            if (n >= L) V::store(res + ldr * i + L * j, acc[i][j]);
+            else if (n > 0) V::store_part(res + ldr * i + L * j, acc[i][j], n);
+        }
+}
+
+// Tiles at the edges get fewer rows or vectors: the largest shape that fits.
+template <class V, int MR, int NV = V::kTileVecs>
+void float_tile_nv(int nv, const float *a, int lda, const float *panel, int K, float *res, int ldr, int nc)
+{
+    if constexpr (NV > 1) {
+        if (nv < NV) return float_tile_nv<V, MR, NV - 1>(nv, a, lda, panel, K, res, ldr, nc);
+    }
+    float_tile<V, MR, NV>(a, lda, panel, K, res, ldr, nc);
+}
+
+template <class V, int MR = V::kTileRows>
+void float_tile_mr(int mr, int nv, const float *a, int lda, const float *panel, int K, float *res, int ldr, int nc)
+{
+    if constexpr (MR > 1) {
+        if (mr < MR) return float_tile_mr<V, MR - 1>(mr, nv, a, lda, panel, K, res, ldr, nc);
+    }
+    float_tile_nv<V, MR>(nv, a, lda, panel, K, res, ldr, nc);
+}
+
+// Fewer rows than a tile, typically the one-sample case: res stays in the
+// cache while b streams through once, four rows of b at a time. res holds
+// the running sums, which are exactly the floats the ordered sum passes by.
+template <class V>
+void float_dot_rows(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res)
+{
+    constexpr int L = V::kLanes;
+    const int M = a->h, K = a->w, N = b->w;
+    for (int y = 0; y < M; y++)
+        for (int x = 0; x < N; x++) res->item[x + res->stride * y] = 0.0f;
+    for (int k0 = 0; k0 < K; k0 += 4) {
+        const int kk = min_int(4, K - k0);
+        const float *brow = b->item + b->stride * k0;
+        for (int x0 = 0; x0 < N; x0 += L) {
+            const int n = min_int(L, N - x0);
+            typename V::F bv[4];
+            for (int t = 0; t < kk; t++)
+                bv[t] = n == L ? V::load(brow + b->stride * t + x0) : V::load_part(brow + b->stride * t + x0, n);
+            for (int y = 0; y < M; y++) {
+                float *r = res->item + res->stride * y + x0;
+                const float *ar = a->item + a->stride * y + k0;
+                typename V::F acc = n == L ? V::load(r) : V::load_part(r, n);
+                for (int t = 0; t < kk; t++) acc = V::add(acc, V::mul(V::bcast(ar[t]), bv[t]));
+                if (n == L) V::store(r, acc);
+                else V::store_part(r, acc, n);
+            }
+        }
+    }
+}
+
+template <class V>
+bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res)
+{
+    constexpr int L = V::kLanes;
+    constexpr int NC = V::kTileVecs * L;
+    const int M = a->h, K = a->w, N = b->w;
+    if (M <= 0 || N <= 0) return true;
+    if (M < V::kTileRows) {
+        float_dot_rows<V>(a, b, res);
+        return true;
+    }
+    // A panel of b, NC columns wide, packed row after row so that the tiles
+    // read it in order from the cache, whatever b's stride.
+    const size_t panel_items = static_cast<size_t>(NC) * static_cast<size_t>(K > 0 ? K : 1);
+    float *panel = static_cast<float *>(malloc(sizeof(float) * panel_items));
+    if (!panel) return false;
+    for (int x0 = 0; x0 < N; x0 += NC) {
+        const int nc = min_int(NC, N - x0);
+        for (int k = 0; k < K; k++) {
+            const float *brow = b->item + b->stride * k + x0;
+            float *prow = panel + NC * k;
+            for (int j = 0; j < nc; j++) prow[j] = brow[j];
+            for (int j = nc; j < NC; j++) prow[j] = 0.0f;
+        }
+        const int nv = (nc + L - 1) / L;
+        for (int y0 = 0; y0 < M; y0 += V::kTileRows) {
+            const int mr = min_int(V::kTileRows, M - y0);
+            float_tile_mr<V>(mr, nv, a->item + a->stride * y0, a->stride, panel, K,
+                              res->item + res->stride * y0 + x0, res->stride, nc);
+        }
+    }
+    free(panel);
+    return true;
+}
+
+// ---- Fixed-point products --------------------------------------------------
+//
+// Sum (x, y) runs over k along a column of b, which is contiguous, and a row
+// of a, which is copied out once as two rows of bytes: a = 256 * hi + lo,
+// with lo from 0 to 255 and hi from -128 to 127. Pairwise products of b's
+// items with lo (at most 2 * 32768 * 255 in size) and with hi (at most
+// 2 * 32768 * 128) can then be summed in 32-bit lanes for kFlushChunks
+// vectors without overflow, -32768 items included, before they are widened
+// into the exact 64-bit sum 256 * hi_sum + lo_sum.
+
+constexpr int kFlushChunks = 128;  // 128 * 2 * 32768 * 255 < 2^31
+
+template <class V, int MY, int NX>
+void q_tile(const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *b, int x0, int y0, int K,
+            const QDotOut &out)
+{
+    constexpr int L = 2 * V::kLanes;  // int16 items in a vector
+    const int16_t *bcol[NX];
+#pragma GCC unroll 8
+    for (int j = 0; j < NX; j++) bcol[j] = b->itemq + b->stride * (x0 + j);
+    int64_t sum[MY][NX] = {};
+    for (int c0 = 0; c0 < K; c0 += kFlushChunks * L) {
+        const int cend = min_int(K, c0 + kFlushChunks * L);
+        typename V::I acc_lo[MY][NX], acc_hi[MY][NX];
+#pragma GCC unroll 8
+        for (int i = 0; i < MY; i++)
+#pragma GCC unroll 8
+            for (int j = 0; j < NX; j++) acc_lo[i][j] = acc_hi[i][j] = V::izero();
+        for (int k = c0; k < cend; k += L) {
+            // The last vector may reach past b's column: only its K - k items
+            // are read, and the bytes of a there are zero.
+            const int n = cend - k;
+            typename V::I bv[NX];
+#pragma GCC unroll 8
+            for (int j = 0; j < NX; j++) bv[j] = n >= L ? V::load16(bcol[j] + k) : V::load16_part(bcol[j] + k, n);
+#pragma GCC unroll 8
+            for (int i = 0; i < MY; i++) {
+                const typename V::I al = V::load16(lo + kp * (y0 + i) + k);
+                const typename V::I ah = V::load16(hi + kp * (y0 + i) + k);
+#pragma GCC unroll 8
+                for (int j = 0; j < NX; j++) {
+                    acc_lo[i][j] = V::add32(acc_lo[i][j], V::madd(bv[j], al));
+                    acc_hi[i][j] = V::add32(acc_hi[i][j], V::madd(bv[j], ah));
+                }
+            }
+        }
+#pragma GCC unroll 8
+        for (int i = 0; i < MY; i++)
+#pragma GCC unroll 8
+            for (int j = 0; j < NX; j++) sum[i][j] += V::hsum64(acc_hi[i][j]) * 256 + V::hsum64(acc_lo[i][j]);
+    }
+    for (int j = 0; j < NX; j++)
+        for (int i = 0; i < MY; i++) qdot_store(out, x0 + j, y0 + i, sum[i][j]);
+}
+
+template <class V, int MY, int NX = V::kQTileCols>
+void q_tile_nx(int nx, const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *b, int x0, int y0, int K,
+                const QDotOut &out)
+{
+    if constexpr (NX > 1) {
+        if (nx < NX) return q_tile_nx<V, MY, NX - 1>(nx, lo, hi, kp, b, x0, y0, K, out);
+    }
+    q_tile<V, MY, NX>(lo, hi, kp, b, x0, y0, K, out);
+}
+
+template <class V, int MY = V::kQTileRows>
+void q_tile_my(int my, int nx, const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *b, int x0, int y0,
+               int K, const QDotOut &out)
+{
+    if constexpr (MY > 1) {
+        if (my < MY) return q_tile_my<V, MY - 1>(my, nx, lo, hi, kp, b, x0, y0, K, out);
+    }
+    q_tile_nx<V, MY>(nx, lo, hi, kp, b, x0, y0, K, out);
+}
+
+template <class V>
+bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out)
+{
+    constexpr int L = 2 * V::kLanes;
+    const int M = a->h, K = a->w, N = b->w;
+    if (M <= 0 || N <= 0) return true;
+    // Rows of a as bytes, each padded with zeros to whole vectors.
+    const int kp = (K + L - 1) / L * L;
+    const size_t row_items = static_cast<size_t>(kp > 0 ? kp : 1) * static_cast<size_t>(M);
+    int16_t *lo = static_cast<int16_t *>(malloc(2 * sizeof(int16_t) * row_items));
+    if (!lo) return false;
+    int16_t *hi = lo + row_items;
+    for (int y = 0; y < M; y++) {
+        int16_t *l = lo + static_cast<size_t>(kp) * y, *h = hi + static_cast<size_t>(kp) * y;
+        for (int k = 0; k < K; k++) {
+            const int32_t v = a->itemq[y + a->stride * k];
+            l[k] = static_cast<int16_t>(v & 0xff);
+            h[k] = static_cast<int16_t>(v >> 8);
+        }
+        for (int k = K; k < kp; k++) l[k] = h[k] = 0;
+    }
+    for (int x0 = 0; x0 < N; x0 += V::kQTileCols) {
+        const int nx = min_int(V::kQTileCols, N - x0);
+        for (int y0 = 0; y0 < M; y0 += V::kQTileRows)
+            q_tile_my<V>(min_int(V::kQTileRows, M - y0), nx, lo, hi, kp, b, x0, y0, K, out);
+    }
+    free(lo);
+    return true;
+}
+
+}  // namespace
+}  // namespace dl::simd
+
+#endif /* DL_LIB_KERNELS_SIMD_H */
