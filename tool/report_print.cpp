@@ -70,6 +70,7 @@ std::string shape_text(const std::vector<int> &shape)
 
 std::string snr_text(const Comparison &c)
 {
+    if (c.items == c.non_finite) return "-";  // nothing to compare
     const auto snr = c.snr_db();
     return snr ? format("%.1f", *snr) : "inf";
 }
