@@ -19,124 +19,82 @@ namespace {
 
 // ---- helpers ----------------------------------------------------------------
 
-// A JSON value, read strictly: anything a JSON reader would refuse throws.
+// A JSON value, read strictly: what a JSON reader would refuse throws.
 struct Json {
     enum Type { Null, Bool, Number, String, Array, Object } type = Null;
-    bool b = false;
     double num = 0.0;
     std::string str;
     std::vector<Json> items;
     std::map<std::string, Json> fields;
-
     const Json &operator[](const std::string &key) const { return fields.at(key); }
     const Json &at(size_t i) const { return items.at(i); }
-
-    static Json parse(const std::string &text)
-    {
-        size_t i = 0;
-        Json v = read(text, i);
-        skip_ws(text, i);
-        if (i != text.size()) throw std::runtime_error("text after the value");
-        return v;
-    }
-
-private:
-    static void skip_ws(const std::string &s, size_t &i)
-    {
-        while (i < s.size() && strchr(" \t\r\n", s[i])) i++;
-    }
-    static void expect(const std::string &s, size_t &i, const char *lit)
-    {
-        if (s.compare(i, strlen(lit), lit) != 0) throw std::runtime_error(std::string("expected ") + lit);
-        i += strlen(lit);
-    }
-    static std::string read_string(const std::string &s, size_t &i)
-    {
-        expect(s, i, "\"");
-        std::string out;
-        while (i < s.size() && s[i] != '"') {
-            const unsigned char c = static_cast<unsigned char>(s[i++]);
-            if (c < 0x20) throw std::runtime_error("raw control character in a string");
-            if (c != '\\') {
-                out += static_cast<char>(c);
-                continue;
-            }
-            const char e = s.at(i++);
-            const char *escapes = "\"\\/bfnrtu";
-            const char *esc = e ? strchr(escapes, e) : nullptr;
-            if (!esc) throw std::runtime_error("bad escape");
-            if (e != 'u') {
-                out += "\"\\/\b\f\n\r\t"[esc - escapes];
-                continue;
-            }
-            const unsigned cp = static_cast<unsigned>(std::stoul(s.substr(i, 4), nullptr, 16));
-            i += 4;
-            if (cp < 0x80) {
-                out += static_cast<char>(cp);
-            } else if (cp < 0x800) {
-                out += static_cast<char>(0xc0 | (cp >> 6));
-                out += static_cast<char>(0x80 | (cp & 0x3f));
-            } else {
-                out += static_cast<char>(0xe0 | (cp >> 12));
-                out += static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
-                out += static_cast<char>(0x80 | (cp & 0x3f));
-            }
-        }
-        expect(s, i, "\"");
-        return out;
-    }
-    static Json read(const std::string &s, size_t &i)
-    {
-        skip_ws(s, i);
-        Json v;
-        if (i >= s.size()) throw std::runtime_error("unexpected end");
-        const char c = s[i];
-        if (c == '{' || c == '[') {
-            const bool obj = c == '{';
-            v.type = obj ? Object : Array;
-            i++;
-            skip_ws(s, i);
-            if (s.at(i) == (obj ? '}' : ']')) return i++, v;
-            for (;;) {
-                skip_ws(s, i);
-                if (obj) {
-                    const std::string key = read_string(s, i);
-                    skip_ws(s, i);
-                    expect(s, i, ":");
-                    v.fields[key] = read(s, i);
-                } else {
-                    v.items.push_back(read(s, i));
-                }
-                skip_ws(s, i);
-                if (s.at(i) == ',') {
-                    i++;
-                    continue;
-                }
-                expect(s, i, obj ? "}" : "]");
-                return v;
-            }
-        }
-        if (c == '"') {
-            v.type = String;
-            v.str = read_string(s, i);
-        } else if (s.compare(i, 4, "null") == 0) {
-            i += 4;
-        } else if (s.compare(i, 4, "true") == 0 || s.compare(i, 5, "false") == 0) {
-            v.type = Bool;
-            v.b = s[i] == 't';
-            i += v.b ? 4 : 5;
-        } else {
-            const std::regex grammar("^-?(0|[1-9][0-9]*)(\\.[0-9]+)?([eE][-+]?[0-9]+)?");
-            std::smatch m;
-            const std::string rest = s.substr(i, 40);
-            if (!std::regex_search(rest, m, grammar)) throw std::runtime_error("bad value at " + rest);
-            v.type = Number;
-            v.num = std::stod(m.str());
-            i += static_cast<size_t>(m.length());
-        }
-        return v;
-    }
 };
+
+Json parse_json(const std::string &s, size_t &i)
+{
+    auto fail = [&](const char *what) { return std::runtime_error(what + (" at " + s.substr(i, 20))); };
+    auto ws = [&] { i = std::min(s.find_first_not_of(" \t\r\n", i), s.size()); };
+    auto eat = [&](char c) {
+        ws();
+        if (s[i++] != c) throw fail("unexpected character");
+    };
+    ws();
+    Json v;
+    if (s[i] == '{' || s[i] == '[') {
+        const bool obj = s[i++] == '{';
+        v.type = obj ? Json::Object : Json::Array;
+        ws();
+        if (s[i] == (obj ? '}' : ']')) return i++, v;
+        do {
+            if (!obj) {
+                v.items.push_back(parse_json(s, i));
+            } else if (Json key = parse_json(s, i); key.type == Json::String) {
+                eat(':');
+                v.fields[key.str] = parse_json(s, i);
+            } else {
+                throw fail("key not a string");
+            }
+            ws();
+        } while (s[i] == ',' && ++i);
+        eat(obj ? '}' : ']');
+    } else if (s[i] == '"') {
+        v.type = Json::String;
+        const char *escapes = "\"\\/bfnrt";
+        for (i++; s.at(i) != '"'; i++) {
+            const char c = s[i];
+            if (static_cast<unsigned char>(c) < 0x20) throw fail("raw control character");
+            if (c != '\\') {
+                v.str += c;
+            } else if (s.at(++i) == 'u') {  // what the report writes: below U+0080, and U+FFFD
+                const unsigned long cp = std::stoul(s.substr(i + 1, 4), nullptr, 16);
+                v.str += cp < 0x80 ? std::string(1, static_cast<char>(cp)) : cp == 0xfffd ? "\xef\xbf\xbd" : "?";
+                i += 4;
+            } else if (const char *e = s[i] ? strchr(escapes, s[i]) : nullptr) {
+                v.str += "\"\\/\b\f\n\r\t"[e - escapes];
+            } else {
+                throw fail("bad escape");
+            }
+        }
+        i++;
+    } else {
+        static const std::regex literal("^(null|true|false|-?(0|[1-9][0-9]*)(\\.[0-9]+)?([eE][-+]?[0-9]+)?)");
+        std::smatch m;
+        const std::string rest = s.substr(i, 40);
+        if (!std::regex_search(rest, m, literal)) throw fail("bad value");
+        i += static_cast<size_t>(m.length());
+        if (m.str() == "true" || m.str() == "false") v.type = Json::Bool;
+        else if (m.str() != "null") v.type = Json::Number, v.num = std::stod(m.str());
+    }
+    return v;
+}
+
+Json parse_json(const std::string &s)
+{
+    size_t i = 0;
+    Json v = parse_json(s, i);
+    if (s.find_first_not_of(" \t\r\n", i) != std::string::npos) throw std::runtime_error("text after the value");
+    return v;
+}
 
 // A model directory of crafted files, removed with the object.
 class ModelDir {
@@ -183,28 +141,29 @@ RunResult run(std::vector<const char *> args)
     return {status, out.str(), err.str()};
 }
 
-ModelReport analyse(const std::string &dir, std::vector<const char *> opts = {})
+// kelvane's settings for dir and mode options.
+Settings settings(const std::string &dir, const std::vector<const char *> &opts)
 {
-    std::vector<const char *> argv = {"kelvane-report", dir.c_str()};
+    std::vector<const char *> argv = {"kelvane", dir.c_str(), "-", "-", "m"};
     argv.insert(argv.end(), opts.begin(), opts.end());
+    MemStream ignored;
+    return parse_options(static_cast<int>(argv.size()), argv.data(), ignored.get()).value();
+}
+
+ModelReport analyse(const std::string &dir, const std::vector<const char *> &opts = {})
+{
     MemStream err;
-    auto s = parse_report_options(static_cast<int>(argv.size()), argv.data(), err.get());
     ModelReport r;
-    EXPECT_TRUE(s && analyse_model(s->convert, r, err.get())) << err.str();
+    EXPECT_TRUE(analyse_model(settings(dir, opts), r, err.get())) << err.str();
     return r;
 }
 
-// A test name from a description: letters and digits, '_' for the rest.
-std::string test_name(const std::string &what)
+// A test name from a description: '_' for all but letters and digits.
+std::string test_name(std::string what)
 {
-    std::string name;
-    for (char c : what) {
-        const bool alnum = isalnum(static_cast<unsigned char>(c));
-        if (alnum) name += c;
-        else if (!name.empty() && name.back() != '_') name += '_';
-    }
-    while (!name.empty() && name.back() == '_') name.pop_back();
-    return name;
+    for (char &c : what)
+        if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+    return what;
 }
 
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -359,7 +318,7 @@ TEST(Json, ParsesBackWithFiguresAndSkippedEntries)
     const RunResult res = run({dir.path().c_str(), "--json", "--min-snr", "88"});
     EXPECT_EQ(res.status, 1);
     EXPECT_EQ(res.err, "");
-    const Json j = Json::parse(res.out);
+    const Json j = parse_json(res.out);
     EXPECT_EQ(j["mode"].str, "quantised_2d");
     ASSERT_EQ(j["tables"].items.size(), 2u);
     const Json &a = j["tables"].at(0);
@@ -515,22 +474,17 @@ TEST_P(AgreementTest, TablesAndFlashBytes)
     const AgreementCase &c = GetParam();
     const std::string dir = std::string(DL_SOURCE_DIR) + "/" + c.dir;
     ModelDir out;
-    std::vector<const char *> argv = {"kelvane", dir.c_str(), "", "", "m"};
-    const std::string cfile = out.path() + "/m.c", hfile = out.path() + "/m.h";
-    argv[2] = cfile.c_str();
-    argv[3] = hfile.c_str();
-    argv.insert(argv.end(), c.opts.begin(), c.opts.end());
-    MemStream ignored;
-    const auto s = parse_options(static_cast<int>(argv.size()), argv.data(), ignored.get());
-    ASSERT_TRUE(s);
+    Settings s = settings(dir, c.opts);
+    s.cfile = out.path() + "/m.c";
+    s.hfile = out.path() + "/m.h";
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    ASSERT_EQ(convert(*s), 0);
+    ASSERT_EQ(convert(s), 0);
     fflush(stdout);
     const std::string printed = testing::internal::GetCapturedStdout();
     testing::internal::GetCapturedStderr();
 
-    const std::vector<GeneratedTable> generated = generated_tables(cfile);
+    const std::vector<GeneratedTable> generated = generated_tables(s.cfile);
     const ModelReport r = analyse(dir, c.opts);
     ASSERT_EQ(r.tables.size(), generated.size());
     int64_t bytes = 0;
@@ -546,12 +500,11 @@ TEST_P(AgreementTest, TablesAndFlashBytes)
     }
     EXPECT_EQ(r.flash_bytes(), bytes);
 
-    std::string warned;
+    std::string skipped, warned;
+    for (const SkippedEntry &e : r.skipped) skipped += e.file + "\n";
     const std::regex warning("WARNING: (?:Could not parse file |Name \\S+ of file )(.*), not converting\\.");
     for (std::sregex_iterator it(printed.begin(), printed.end(), warning), end; it != end; ++it)
         warned += (*it)[1].str() + "\n";
-    std::string skipped;
-    for (const SkippedEntry &e : r.skipped) skipped += e.file + "\n";
     EXPECT_EQ(skipped, warned);
 }
 
@@ -562,10 +515,6 @@ INSTANTIATE_TEST_SUITE_P(
                     AgreementCase{"tests/data/npy", {}}, AgreementCase{"tests/data/npy", {"-no-quantized"}},
                     AgreementCase{"tests/data/fetch_model", {"-no-quantized", "-exclude", "(dense,odd)"}},
                     AgreementCase{"tests/data/fetch_model", {"-bnmatrices", "tiny,zero"}}),
-    [](const auto &info) {
-        std::string what = info.param.dir;
-        for (const char *o : info.param.opts) what += std::string(" ") + o;
-        return test_name(what);
-    });
+    [](const auto &info) { return test_name(info.param.dir + std::to_string(info.param.opts.size())); });
 
 }  // namespace
