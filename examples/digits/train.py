@@ -44,6 +44,7 @@ from kelvane_export import ModelWriter  # noqa: E402
 
 DIGITS = ["zero", "one", "two", "three", "four", "five", "six", "seven", "eight", "nine"]
 CLIP = 6.0  # ReLU6: the library's relu clips at its `clip` argument
+GATE_RANGE = 8.0  # LSTM gate inputs beyond this change no activation
 
 
 class LstmNet(nn.Module):
@@ -92,11 +93,14 @@ def train(net, x, y, epochs, lr):
 #
 # A fixed-point product keeps 15 + floor(log2(inputs)) - shift bits of its
 # exact sum below the result, so a larger shift keeps more precision until the
-# largest result saturates at 32767 items. Each layer's shift is the largest
-# one under which no training image saturates, less one bit of headroom for
-# unseen images. Exponents follow the library's number model: the quantiser
-# puts the largest magnitude at 16383 to 32767 items, and the layers derive
-# theirs from their operands'.
+# largest result saturates at 32767 items. A layer whose outputs are scores
+# gets the largest shift under which no training image saturates, less one
+# bit of headroom for unseen images. The LSTM's gates may saturate: the
+# library's sigmoid is 1.0 from 7.5 on and its tanh from 3.75, so a gate
+# input clamped at +-8 acts as the unclamped one, and the cell's shift is the
+# largest that keeps that range. Exponents follow the library's number model:
+# the quantiser puts the largest magnitude at 16383 to 32767 items, and the
+# layers derive theirs from their operands'.
 
 def qexp(r):
     """Exponent the quantiser gives a matrix of largest magnitude r."""
@@ -119,7 +123,6 @@ def product_shift(e_in, e_weight, inputs, largest):
 
 def lstm_shifts(net, x):
     lstm_w = np.concatenate([net.lstm.weight_ih_l0.detach().numpy(), net.lstm.weight_hh_l0.detach().numpy()], 1)
-    bias = (net.lstm.bias_ih_l0 + net.lstm.bias_hh_l0).detach().numpy()
     e_w, e_fc = qexp(np.abs(lstm_w).max()), qexp(float(net.fc.weight.abs().max()))
     with torch.no_grad():
         outputs, _ = net.lstm(x)
@@ -130,15 +133,13 @@ def lstm_shifts(net, x):
         h = np.zeros(32, np.float32)
         e_x = qexp(np.abs(image).max())  # the image is quantised once
         for step in range(8):
-            joined = np.concatenate([image[step], h])
             e_in = max(e_x, qexp(np.abs(h).max())) if h.any() else e_x
-            r = lstm_w @ joined
-            shifts.append(product_shift(e_in, e_w, 40, max(np.abs(r).max(), np.abs(r + bias).max())))
+            shifts.append(product_shift(e_in, e_w, 40, GATE_RANGE))
             h = h_all[step]
         r = net.fc.weight.detach().numpy() @ h
         z = r + net.fc.bias.detach().numpy()
         fc_shifts.append(product_shift(qexp(np.abs(h).max()), e_fc, 32, max(np.abs(r).max(), np.abs(z).max())))
-    return min(shifts) - 1, min(fc_shifts) - 1
+    return min(shifts), min(fc_shifts) - 1
 
 
 def conv_shifts(net, x):
