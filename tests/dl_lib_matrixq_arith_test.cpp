@@ -131,27 +131,6 @@ TEST_P(QDotKernelTest, ExtremeItemsOverLongSums)
 INSTANTIATE_TEST_SUITE_P(Paths, QDotKernelTest, testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512),
                          [](const auto &info) { return std::string(dl::isa_name(info.param)); });
 
-TEST(QDot, PublicProductsSetExponents)
-{
-    Rng rng(29);
-    for (int round = 0; round < 40; round++) {
-        Product p = Product::random(rng, round);
-        const int M = p.a.m.h, K = p.a.m.w, N = p.b.m.w;
-        const int s = default_shift(K) - p.shift;
-        ItemBox res(N, M, 1, 99);
-        FloatBox fres(N, M, 1);
-        dl_matrixq_dot(&p.a.m, &p.b.m, &res.m, p.shift);
-        dl_matrixq_dot_matrix_out(&p.a.m, &p.b.m, &fres.m);
-        ASSERT_EQ(res.m.exponent, p.a.m.exponent + p.b.m.exponent + s);
-        const float f = std::ldexp(1.0f, p.a.m.exponent + p.b.m.exponent);
-        for (int x = 0; x < N; x++)
-            for (int y = 0; y < M; y++) {
-                ASSERT_EQ(res.at(x, y), clamp(ref_sum(p.a, p.b, x, y) >> s));
-                ASSERT_EQ(bits(fres.at(x, y)), bits(static_cast<float>(ref_sum(p.a, p.b, x, y)) * f));
-            }
-    }
-}
-
 struct QDotCase {
     const char *name;
     ItemBox a, b;
@@ -557,24 +536,6 @@ TEST(QReadjust, Boundaries)
     }
 }
 
-TEST(QReadjust, OnceIsEnough)
-{
-    Rng rng(43);
-    for (int round = 0; round < 100; round++) {
-        ItemBox m(rng, uniform(rng, 1, 4), uniform(rng, 1, 5), uniform(rng, 0, 1), -9);
-        if (round % 2) m.each([](int v) { return v % 300; });
-        dl_matrixq_readjust_exp(&m.m);
-        const Snapshot once(m);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(dl_matrixq_check_sanity(&m.m, "should never see this"), 1);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-        dl_matrixq_readjust_exp(&m.m);
-        ASSERT_EQ(Snapshot(m).v, once.v);
-        ASSERT_EQ(m.m.exponent, once.exponent);
-        ASSERT_TRUE(m.margins_intact());
-    }
-}
-
 TEST(QGetSet, Get)
 {
     ItemBox m = items(2, 1, {-1, 3}, 2);
@@ -622,108 +583,79 @@ TEST(QGetSet, SetThroughViewOfOddHeight)
 
 // ---- Contract ------------------------------------------------------------
 
-// One test per asserted condition, in the order the conditions are checked.
-using MatrixqArithDeathTest = testing::Test;
-
-struct Shapes {
-    ItemBox a22{2, 2, 0}, a23{2, 3, 0}, a32{3, 2, 0}, a11{1, 1, 0};
+// One case per asserted condition, in the order the conditions are checked.
+struct DeathCase {
+    const char *name;
+    void (*call)();
+    const char *message;  // regular expression
 };
 
-TEST_F(MatrixqArithDeathTest, DotInnerDimension)
-{
-    Shapes s;
-    MatrixPtr f = own(dl_matrix_alloc(2, 2));
-    EXPECT_DEATH(dl_matrixq_dot(&s.a32.m, &s.a22.m, &s.a22.m, 0),
-                 "dl_lib_matrixq.cpp:[0-9]+: dl_matrixq_dot_c_impl: Assertion `a->w==b->h' failed");
-    EXPECT_DEATH(dl_matrixq_dot_matrix_out(&s.a32.m, &s.a22.m, f.get()),
-                 "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h' failed");
-    MatrixPtr fa = own(dl_matrix_alloc(3, 2));
-    EXPECT_DEATH(dl_matrix_matrixq_dot(fa.get(), &s.a22.m, f.get()),
-                 "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h' failed");
-}
+class MatrixqArithDeathTest : public testing::TestWithParam<DeathCase> {};
 
-TEST_F(MatrixqArithDeathTest, DotResultHeight)
-{
-    Shapes s;
-    MatrixPtr f = own(dl_matrix_alloc(2, 3));
-    EXPECT_DEATH(dl_matrixq_dot(&s.a22.m, &s.a22.m, &s.a23.m, 0),
-                 "dl_matrixq_dot_c_impl: Assertion `a->h==res->h' failed");
-    EXPECT_DEATH(dl_matrixq_dot_matrix_out(&s.a22.m, &s.a22.m, f.get()),
-                 "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->h==res->h' failed");
-}
+TEST_P(MatrixqArithDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
 
-TEST_F(MatrixqArithDeathTest, DotResultWidth)
+// Records for calls that end the process, so never freed. A negative width
+// is kept as given.
+dl_matrix2dq_t *q(int w, int h)
 {
-    Shapes s;
-    MatrixPtr f = own(dl_matrix_alloc(3, 2));
-    EXPECT_DEATH(dl_matrixq_dot(&s.a22.m, &s.a22.m, &s.a32.m, 0),
-                 "dl_matrixq_dot_c_impl: Assertion `b->w==res->w' failed");
-    EXPECT_DEATH(dl_matrixq_dot_matrix_out(&s.a22.m, &s.a22.m, f.get()),
-                 "dl_matrixq_dot_matrix_out_c_impl: Assertion `b->w==res->w' failed");
+    dl_matrix2dq_t *m = dl_matrixq_alloc(w > 0 ? w : 1, h);
+    m->w = w;
+    return m;
 }
+dl_matrix2d_t *f(int w, int h) { return dl_matrix_alloc(w, h); }
 
-TEST_F(MatrixqArithDeathTest, ElementOperandShapes)
-{
-    Shapes s;
-    const QOp ops[] = {dl_matrixq_add, dl_matrixq_sub, mul_op, dl_matrixq_div};
-    for (QOp op : ops)
-        EXPECT_DEATH(op(&s.a22.m, &s.a23.m, &s.a22.m, 0),
-                     "a: 2 x 2, b: 2 x 3\n.*Assertion `dl_matrixq_same_shape\\(a, b\\)' failed");
-}
-
-TEST_F(MatrixqArithDeathTest, ElementResultShape)
-{
-    Shapes s;
-    const QOp ops[] = {dl_matrixq_add, dl_matrixq_sub, mul_op};
-    for (QOp op : ops)
-        EXPECT_DEATH(op(&s.a22.m, &s.a22.m, &s.a32.m, 0), "Assertion `dl_matrixq_same_shape\\(a, res\\)' failed");
-    EXPECT_DEATH(dl_matrixq_div(&s.a22.m, &s.a22.m, &s.a32.m, 0),
-                 "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, out\\)' failed");
-}
-
-TEST_F(MatrixqArithDeathTest, AddShiftMode)
-{
-    Shapes s;
-    EXPECT_DEATH(dl_matrixq_add(&s.a22.m, &s.a22.m, &s.a22.m, 2),
-                 "dl_matrixq_add: Assertion `shift==0 \\|\\| shift==1' failed");
-    EXPECT_DEATH(dl_matrixq_add_const(&s.a22.m, 1.0f, -1),
-                 "dl_matrixq_add_const: Assertion `shift==0 \\|\\| shift==1' failed");
-}
-
-TEST_F(MatrixqArithDeathTest, ConcatHeights)
-{
-    Shapes s;
-    EXPECT_DEATH(dl_matrixq_concat(&s.a22.m, &s.a23.m), "dl_matrixq_concat: Assertion `a->h==b->h' failed");
-}
-
-TEST_F(MatrixqArithDeathTest, ConcatAllocation)
-{
-    Shapes s;
-    s.a11.m.w = -4;  // a negative total width cannot be allocated
-    EXPECT_DEATH(dl_matrixq_concat(&s.a11.m, &s.a11.m), "dl_matrixq_concat: Assertion `ret' failed");
-}
-
-TEST_F(MatrixqArithDeathTest, SliceIntoOwningRecord)
-{
-    Shapes s;
-    MatrixqPtr owning = own(dl_matrixq_alloc(1, 1));
-    EXPECT_DEATH(dl_matrixq_slice(&s.a22.m, 0, 0, 1, 1, owning.get()),
-                 "dl_matrixq_slice: Assertion `in->flags&DL_MF_FOREIGNDATA' failed");
-}
-
-TEST_F(MatrixqArithDeathTest, SlicePastEdges)
-{
-    Shapes s;
-    EXPECT_DEATH(dl_matrixq_slice(&s.a23.m, 1, 0, 2, 1, nullptr), "Assertion `x\\+w<=src->w' failed");
-    EXPECT_DEATH(dl_matrixq_slice(&s.a23.m, 0, 2, 1, 2, nullptr), "Assertion `y\\+h<=src->h' failed");
-}
-
-TEST_F(MatrixqArithDeathTest, FlattenPastEdges)
-{
-    Shapes s;
-    EXPECT_DEATH(dl_matrixq_flatten(&s.a23.m, 1, 0, 2, 1, nullptr),
-                 "dl_matrixq_flatten: Assertion `x \\+ w <= src->w' failed");
-    EXPECT_DEATH(dl_matrixq_flatten(&s.a23.m, 0, 2, 1, 2, nullptr), "Assertion `y \\+ h <= src->h' failed");
-}
+INSTANTIATE_TEST_SUITE_P(
+    Conditions, MatrixqArithDeathTest,
+    testing::Values(
+        DeathCase{"dot_inner", [] { dl_matrixq_dot(q(3, 2), q(2, 2), q(2, 2), 0); },
+                  "dl_lib_matrixq.cpp:[0-9]+: dl_matrixq_dot_c_impl: Assertion `a->w==b->h' failed"},
+        DeathCase{"dot_height", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 3), 0); },
+                  "dl_matrixq_dot_c_impl: Assertion `a->h==res->h' failed"},
+        DeathCase{"dot_width", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(3, 2), 0); },
+                  "dl_matrixq_dot_c_impl: Assertion `b->w==res->w' failed"},
+        DeathCase{"out_inner", [] { dl_matrixq_dot_matrix_out(q(3, 2), q(2, 2), f(2, 2)); },
+                  "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h' failed"},
+        DeathCase{"out_height", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(2, 3)); },
+                  "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->h==res->h' failed"},
+        DeathCase{"out_width", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(3, 2)); },
+                  "dl_matrixq_dot_matrix_out_c_impl: Assertion `b->w==res->w' failed"},
+        DeathCase{"float_times_fixed", [] { dl_matrix_matrixq_dot(f(3, 2), q(2, 2), f(2, 2)); },
+                  "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h' failed"},
+        DeathCase{"add_operands", [] { dl_matrixq_add(q(2, 2), q(2, 3), q(2, 2), 0); },
+                  "a: 2 x 2, b: 2 x 3\n.*dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, b\\)' failed"},
+        DeathCase{"add_result", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(3, 2), 0); },
+                  "dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, res\\)' failed"},
+        DeathCase{"add_shift", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(2, 2), 2); },
+                  "dl_matrixq_add: Assertion `shift==0 \\|\\| shift==1' failed"},
+        DeathCase{"sub_operands", [] { dl_matrixq_sub(q(2, 2), q(2, 3), q(2, 2), 0); },
+                  "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, b\\)' failed"},
+        DeathCase{"sub_result", [] { dl_matrixq_sub(q(2, 2), q(2, 2), q(3, 2), 0); },
+                  "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, res\\)' failed"},
+        DeathCase{"mul_operands", [] { dl_matrixq_mul(q(2, 2), q(2, 3), q(2, 2)); },
+                  "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, b\\)' failed"},
+        DeathCase{"mul_result", [] { dl_matrixq_mul(q(2, 2), q(2, 2), q(3, 2)); },
+                  "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, res\\)' failed"},
+        DeathCase{"div_operands", [] { dl_matrixq_div(q(2, 2), q(2, 3), q(2, 2), 0); },
+                  "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, b\\)' failed"},
+        DeathCase{"div_result", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(3, 2), 0); },
+                  "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, out\\)' failed"},
+        DeathCase{"add_const_shift", [] { dl_matrixq_add_const(q(2, 2), 1.0f, -1); },
+                  "dl_matrixq_add_const: Assertion `shift==0 \\|\\| shift==1' failed"},
+        DeathCase{"concat_heights", [] { dl_matrixq_concat(q(2, 2), q(2, 3)); },
+                  "dl_matrixq_concat: Assertion `a->h==b->h' failed"},
+        // A negative total width is one that no allocation can satisfy.
+        DeathCase{"concat_allocation", [] { dl_matrixq_concat(q(-4, 1), q(1, 1)); },
+                  "dl_matrixq_concat: Assertion `ret' failed"},
+        DeathCase{"slice_into_owning", [] { dl_matrixq_slice(q(2, 2), 0, 0, 1, 1, dl_matrixq_alloc(1, 1)); },
+                  "dl_matrixq_slice: Assertion `in->flags&DL_MF_FOREIGNDATA' failed"},
+        DeathCase{"slice_right", [] { dl_matrixq_slice(q(2, 3), 1, 0, 2, 1, nullptr); },
+                  "dl_matrixq_slice: Assertion `x\\+w<=src->w' failed"},
+        DeathCase{"slice_bottom", [] { dl_matrixq_slice(q(2, 3), 0, 2, 1, 2, nullptr); },
+                  "dl_matrixq_slice: Assertion `y\\+h<=src->h' failed"},
+        DeathCase{"flatten_right", [] { dl_matrixq_flatten(q(2, 3), 1, 0, 2, 1, nullptr); },
+                  "dl_matrixq_flatten: Assertion `x \\+ w <= src->w' failed"},
+        DeathCase{"flatten_bottom", [] { dl_matrixq_flatten(q(2, 3), 0, 2, 1, 2, nullptr); },
+                  "dl_matrixq_flatten: Assertion `y \\+ h <= src->h' failed"}),
+    [](const auto &info) { return std::string(info.param.name); });
 
 }  // namespace
