@@ -146,8 +146,8 @@ bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *r
         const int nv = (nc + L - 1) / L;
         for (int y0 = 0; y0 < M; y0 += V::kTileRows) {
             const int mr = min_int(V::kTileRows, M - y0);
-            float_tile_mr<V>(mr, nv, a->item + a->stride * y0, a->stride, panel, K,
-                              res->item + res->stride * y0 + x0, res->stride, nc);
+            float_tile_mr<V>(mr, nv, a->item + a->stride * y0, a->stride, panel, K, res->item + res->stride * y0 + x0,
+                             res->stride, nc);
         }
     }
     free(panel);
@@ -174,6 +174,12 @@ void q_tile(const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *
     const int16_t *bcol[NX];
 #pragma GCC unroll 8
     for (int j = 0; j < NX; j++) bcol[j] = b->itemq + b->stride * (x0 + j);
+    const int16_t *alo[MY], *ahi[MY];
+#pragma GCC unroll 8
+    for (int i = 0; i < MY; i++) {
+        alo[i] = lo + static_cast<size_t>(kp) * (y0 + i);
+        ahi[i] = hi + static_cast<size_t>(kp) * (y0 + i);
+    }
     int64_t sum[MY][NX] = {};
     for (int c0 = 0; c0 < K; c0 += kFlushChunks * L) {
         const int cend = min_int(K, c0 + kFlushChunks * L);
@@ -191,8 +197,8 @@ void q_tile(const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *
             for (int j = 0; j < NX; j++) bv[j] = n >= L ? V::load16(bcol[j] + k) : V::load16_part(bcol[j] + k, n);
 #pragma GCC unroll 8
             for (int i = 0; i < MY; i++) {
-                const typename V::I al = V::load16(lo + kp * (y0 + i) + k);
-                const typename V::I ah = V::load16(hi + kp * (y0 + i) + k);
+                const typename V::I al = V::load16(alo[i] + k);
+                const typename V::I ah = V::load16(ahi[i] + k);
 #pragma GCC unroll 8
                 for (int j = 0; j < NX; j++) {
                     acc_lo[i][j] = V::add32(acc_lo[i][j], V::madd(bv[j], al));
