@@ -1,0 +1,270 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "dl_lib.h"
+#include "layer_test_util.h"
+#include "test_util.h"
+
+using namespace testutil;
+using namespace layertest;
+
+namespace {
+
+constexpr float kInf = std::numeric_limits<float>::infinity();
+
+// ---- Float activations ---------------------------------------------------
+
+struct ScalarCase {
+    const char *name;
+    float (*op)(float);
+    float x, want;
+};
+
+void PrintTo(const ScalarCase &c, std::ostream *os) { *os << c.name << "(" << c.x << ")"; }
+
+float fast_exp8(float x) { return fast_exp(x, 8); }
+float relu6(float x) { return dl_relu_op(x, 6.0f); }
+float relu_negative_clip(float x) { return dl_relu_op(x, -2.0f); }
+
+class ScalarActivationTest : public testing::TestWithParam<ScalarCase> {};
+
+// The values are stated to five decimals.
+TEST_P(ScalarActivationTest, StatedValue)
+{
+    const ScalarCase &c = GetParam();
+    const float got = c.op(c.x);
+    if (std::isnan(c.want)) EXPECT_TRUE(std::isnan(got)) << got;
+    else if (std::isinf(c.want) || c.want == 0.0f || c.want == 1.0f) EXPECT_EQ(got, c.want);
+    else EXPECT_NEAR(got, c.want, 5e-6f);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Points, ScalarActivationTest,
+    testing::Values(
+        ScalarCase{"sigmoid", dl_sigmoid_op, 0.0f, 0.5f}, ScalarCase{"sigmoid", dl_sigmoid_op, 0.25f, 0.56128f},
+        ScalarCase{"sigmoid", dl_sigmoid_op, 1.25f, 0.77417f},  // midway between entries 2 and 3
+        ScalarCase{"sigmoid", dl_sigmoid_op, -1.25f, 0.22583f}, ScalarCase{"sigmoid", dl_sigmoid_op, 7.25f, 0.99951f},
+        ScalarCase{"sigmoid", dl_sigmoid_op, 7.5f, 1.0f}, ScalarCase{"sigmoid", dl_sigmoid_op, kInf, 1.0f},
+        ScalarCase{"sigmoid", dl_sigmoid_op, 3e9f, 1.0f},  // beyond 32 bits once halved
+        ScalarCase{"sigmoid", dl_sigmoid_op, -7.5f, 0.0f}, ScalarCase{"sigmoid", dl_sigmoid_op, -kInf, 0.0f},
+        ScalarCase{"sigmoid", dl_sigmoid_op, NAN, 1.0f},  // fails both tests
+        ScalarCase{"tanh", dl_tanh_op, 0.0f, 0.0f}, ScalarCase{"tanh", dl_tanh_op, 0.5f, 0.46192f},
+        ScalarCase{"tanh", dl_tanh_op, 3.75f, 1.0f}, ScalarCase{"tanh", dl_tanh_op, -3.75f, -1.0f},
+        ScalarCase{"tanh", dl_tanh_op, NAN, 1.0f}, ScalarCase{"fast_exp", fast_exp8, 0.0f, 1.0f},
+        ScalarCase{"fast_exp", fast_exp8, 1.0f, 2.71299f}, ScalarCase{"fast_exp", fast_exp8, 2.0f, 7.33185f},
+        ScalarCase{"fast_exp", fast_exp8, -1.0f, 0.36716f},
+        // Not monotonic far below zero: the base turns negative.
+        ScalarCase{"fast_exp", fast_exp8, -256.0f, 0.0f}, ScalarCase{"fast_exp", fast_exp8, -512.0f, 1.0f},
+        ScalarCase{"fast_exp", fast_exp8, -768.0f, kInf}, ScalarCase{"fast_exp", fast_exp8, 106.1f, kInf},
+        ScalarCase{"relu", relu6, -0.5f, 0.0f}, ScalarCase{"relu", relu6, 6.0f, 6.0f},
+        ScalarCase{"relu", relu6, 6.5f, 6.0f}, ScalarCase{"relu", relu6, NAN, NAN},
+        ScalarCase{"relu", relu_negative_clip, -1.0f, 0.0f}, ScalarCase{"relu", relu_negative_clip, 3.0f, -2.0f}));
+
+TEST(Sigmoid, NoJumpUpToTheLastEntry)
+{
+    float prev = dl_sigmoid_op(7.0f);
+    for (float x = 7.0f; x < 7.5f; x = std::nextafter(x, 8.0f)) {
+        const float s = dl_sigmoid_op(x);
+        ASSERT_GE(s, prev) << x;
+        prev = s;
+    }
+    EXPECT_GT(prev, 0.99999f);
+    EXPECT_EQ(dl_sigmoid_op(-2.0f), 1.0f - dl_sigmoid_op(2.0f));
+}
+
+TEST(ActivationMatrices, ViewInPlaceTouchesOnlyTheView)
+{
+    // A 2 x 2 view inside a 3 x 2 matrix, as the LSTM's gates are.
+    MatrixPtr m = matrix(3, 2, {-1.0f, 0.25f, 9.0f, 1.25f, 7.0f, -9.0f});
+    MatrixPtr v = own(dl_matrix_slice(m.get(), 0, 0, 2, 2, nullptr));
+    dl_sigmoid(v.get(), v.get());
+    EXPECT_EQ(m->item[1], dl_sigmoid_op(0.25f));
+    EXPECT_EQ(m->item[3], dl_sigmoid_op(1.25f));
+    dl_tanh(v.get(), v.get());
+    EXPECT_EQ(m->item[0], dl_tanh_op(dl_sigmoid_op(-1.0f)));
+    dl_relu(v.get(), 0.5f, v.get());
+    EXPECT_EQ(m->item[4], 0.5f);
+    EXPECT_EQ(m->item[2], 9.0f);
+    EXPECT_EQ(m->item[5], -9.0f);
+}
+
+TEST(Softmax, OverTheWholeMatrix)
+{
+    MatrixPtr z = matrix(2, 2, {0, 0, 0, 0});
+    dl_softmax(z.get(), z.get());
+    for (int i = 0; i < 4; i++) EXPECT_EQ(z->item[i], 0.25f);  // a row sums to 0.5
+
+    MatrixPtr one = matrix(1, 1, {-3.0f});
+    dl_softmax(one.get(), one.get());
+    EXPECT_EQ(one->item[0], 1.0f);
+
+    // In place equals out of place.
+    MatrixPtr a = matrix(3, 1, {1.0f, -2.0f, 0.5f}), out = own(dl_matrix_alloc(3, 1));
+    dl_softmax(a.get(), out.get());
+    dl_softmax(a.get(), a.get());
+    for (int i = 0; i < 3; i++) EXPECT_EQ(a->item[i], out->item[i]);
+    EXPECT_NEAR(out->item[0], fast_exp(1.0, 8) / (fast_exp(1.0, 8) + fast_exp(-2.0, 8) + fast_exp(0.5, 8)), 1e-7);
+}
+
+TEST(Softmax, NoGuardAgainstOverflowOrZeros)
+{
+    MatrixPtr big = matrix(2, 1, {200.0f, 1.0f});  // infinite sum
+    dl_softmax(big.get(), big.get());
+    EXPECT_TRUE(std::isnan(big->item[0]));
+    EXPECT_EQ(big->item[1], 0.0f);
+
+    MatrixPtr zeros = matrix(2, 1, {-256.0f, -256.0f});  // 0 / 0
+    dl_softmax(zeros.get(), zeros.get());
+    EXPECT_TRUE(std::isnan(zeros->item[0]) && std::isnan(zeros->item[1]));
+}
+
+// ---- Fixed-point activations ---------------------------------------------
+
+TEST(SigmoidQ, TablePointsAndLimits)
+{
+    const int entries[] = {16383, 20399, 23951, 26783, 28863, 30287, 31215, 31806,
+                           32174, 32399, 32542, 32638, 32687, 32719, 32734};
+    // At a table point the weights sum to 32767 but the shift divides by
+    // 32768: one below the entry.
+    for (int i = 0; i < 15; i++) EXPECT_EQ(dl_sigmoid_op_q(i << 14), entries[i] - 1) << i;
+    EXPECT_EQ(dl_sigmoid_op_q(245760), 32767);  // 7.5
+    EXPECT_EQ(dl_sigmoid_op_q(245759), 32765);  // just below: no jump of more than the last step
+    EXPECT_EQ(dl_sigmoid_op_q(-245760), 0);
+    EXPECT_EQ(dl_sigmoid_op_q(1 << 30), 32767);  // 2x beyond 32 bits
+    EXPECT_EQ(dl_sigmoid_op_q(INT32_MAX), 32767);
+    EXPECT_EQ(dl_sigmoid_op_q(INT32_MIN), 0);
+    for (int x : {1, 100, 16384, 99999, 200001}) EXPECT_EQ(dl_sigmoid_op_q(-x) + dl_sigmoid_op_q(x), 32767) << x;
+
+    EXPECT_EQ(dl_tanh_op_q(0), 0);
+    EXPECT_EQ(dl_tanh_op_q(122880), 32767);  // 3.75
+    EXPECT_EQ(dl_tanh_op_q(-122880), -32767);
+    EXPECT_EQ(dl_tanh_op_q(16384), static_cast<int>(32767.0f * dl_tanh_op(16384 / 32767.0f)));
+}
+
+// Items run through dl_sigmoid_q in place, one row: the alignment to Q15 by
+// the input's exponent.
+struct AlignCase {
+    int exponent;
+    std::vector<int> items, want;
+};
+
+void PrintTo(const AlignCase &c, std::ostream *os) { *os << "exponent " << c.exponent; }
+
+class SigmoidQAlignTest : public testing::TestWithParam<AlignCase> {};
+
+TEST_P(SigmoidQAlignTest, ItemsAndExponent)
+{
+    const AlignCase &c = GetParam();
+    const int w = static_cast<int>(c.items.size());
+    MatrixqPtr m = qmatrix(w, 1, c.exponent, c.items);
+    dl_sigmoid_q(m.get(), m.get());
+    EXPECT_EQ(m->exponent, -15);
+    for (int x = 0; x < w; x++) EXPECT_EQ(item(m.get(), x, 0), c.want[x]) << "item " << x;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Exponents, SigmoidQAlignTest,
+    testing::Values(AlignCase{0, {8, -8, 0}, {32767, 0, 16382}},          // 8.0 and -8.0
+                    AlignCase{-15, {16384, -16384}, {20398, 32767 - 20398}},  // unshifted
+                    AlignCase{-16, {32768 - 1, -1}, {20398, 32767 - 16382}},  // halved; -1 stays -1
+                    // Aligned values beyond 32 bits saturate, tiny ones end at 0 or -1.
+                    AlignCase{20, {1, -1, 0}, {32767, 0, 16382}}, AlignCase{1, {-32768}, {0}},
+                    AlignCase{-60, {32767, -32767}, {16382, 16385}}, AlignCase{-5, {}, {}}));
+
+TEST(TanhQ, ThroughTheFloatTanh)
+{
+    MatrixqPtr m = qmatrix(3, 1, -12, {0, 4096, -16384});  // 0, 1.0, -4.0
+    MatrixqPtr out = qmatrix(3, 1, 7, {9, 9, 9});
+    dl_tanh_q(m.get(), out.get());
+    EXPECT_EQ(out->exponent, -15);
+    EXPECT_EQ(item(out.get(), 0, 0), 0);
+    EXPECT_EQ(item(out.get(), 1, 0), dl_tanh_op_q(32768));
+    EXPECT_EQ(item(out.get(), 2, 0), -32767);
+    EXPECT_EQ(m->exponent, -12);
+}
+
+struct ReluCase {
+    float clip;
+    int exponent, limit;
+};
+
+class ReluQTest : public testing::TestWithParam<ReluCase> {};
+
+TEST_P(ReluQTest, LimitAtTheExponent)
+{
+    const ReluCase &c = GetParam();
+    MatrixqPtr m = qmatrix(2, 3, c.exponent, {-5, 0, 1, 96, 200, 32767});
+    dl_relu_q(m.get(), c.clip, m.get());
+    const int in[] = {-5, 0, 1, 96, 200, 32767};
+    for (int i = 0; i < 6; i++) {
+        const int want = in[i] < 0 ? 0 : in[i] > c.limit ? c.limit : in[i];
+        EXPECT_EQ(item(m.get(), i % 2, i / 2), want) << i;
+    }
+    EXPECT_EQ(m->exponent, c.exponent);
+}
+
+INSTANTIATE_TEST_SUITE_P(Clips, ReluQTest,
+                         testing::Values(ReluCase{6.0f, -4, 96}, ReluCase{6.0f, 0, 6}, ReluCase{6.0f, 2, 1},
+                                         ReluCase{6.0f, -15, 32767}, ReluCase{0.0f, -15, 0},
+                                         ReluCase{kInf, 0, 32767}));
+
+TEST(SoftmaxQ, QuarterOfZeroMatrixAndInPlace)
+{
+    MatrixqPtr z = qmatrix(2, 2, 3, {0, 0, 0, 0});
+    dl_softmax_q(z.get(), z.get());
+    EXPECT_EQ(z->exponent, -15);
+    for (int i = 0; i < 4; i++) EXPECT_EQ(item(z.get(), i % 2, i / 2), 8192);
+
+    // In place the exponent is the input's for each read: the same items as
+    // with two records.
+    MatrixqPtr a = qmatrix(3, 2, -12, {4096, -8192, 0, 2048, 12288, -4096});
+    MatrixqPtr out = qmatrix(3, 2, -12, {0, 0, 0, 0, 0, 0});
+    dl_softmax_q(a.get(), out.get());
+    dl_softmax_q(a.get(), a.get());
+    EXPECT_EQ(a->exponent, -15);
+    EXPECT_EQ(out->exponent, -15);
+    for (int i = 0; i < 6; i++) EXPECT_EQ(item(a.get(), i % 3, i / 3), item(out.get(), i % 3, i / 3)) << i;
+    EXPECT_EQ(item(out.get(), 1, 1), static_cast<int>(fast_exp(3.0, 8) / 
+                                                       (fast_exp(1, 8) + fast_exp(-2, 8) + fast_exp(0, 8) +
+                                                        fast_exp(0.5, 8) + fast_exp(3, 8) + fast_exp(-1, 8)) *
+                                                       32768.0f));
+
+    MatrixqPtr empty = qmatrix(0, 1, 4, {});
+    dl_softmax_q(empty.get(), empty.get());
+    EXPECT_EQ(empty->exponent, 4);
+}
+
+TEST(SoftmaxQ, ResultWithNoItemStaysAtExponentMinus15)
+{
+    // 100.0 dwarfs the rest: its quotient rounds to 1.0; 120.0 overflows
+    // fast_exp and its quotient is NaN. Both become the largest item, and the
+    // others keep their meaning at -15.
+    for (int big : {100, 120}) {
+        MatrixqPtr m = qmatrix(3, 1, 0, {1, big, 0});
+        dl_softmax_q(m.get(), m.get());
+        EXPECT_EQ(m->exponent, -15) << big;
+        EXPECT_EQ(item(m.get(), 0, 0), 0) << big;
+        EXPECT_EQ(item(m.get(), 1, 0), 32767) << big;
+        EXPECT_EQ(item(m.get(), 2, 0), 0) << big;
+    }
+}
+
+// ---- Contract ------------------------------------------------------------
+
+using ActivationDeathTest = testing::Test;
+
+TEST_F(ActivationDeathTest, ShapesDiffer)
+{
+    MatrixPtr a = matrix(2, 1, {1, 2}), b = own(dl_matrix_alloc(1, 2));
+    EXPECT_DEATH(dl_sigmoid(a.get(), b.get()), "dl_sigmoid: Assertion `dl_matrix_same_shape\\(in, out\\)' failed");
+    EXPECT_DEATH(dl_tanh(a.get(), b.get()), "dl_tanh: Assertion `dl_matrix_same_shape\\(in, out\\)' failed");
+    EXPECT_DEATH(dl_relu(a.get(), 1.0f, b.get()), "dl_relu: Assertion `dl_matrix_same_shape\\(in, out\\)' failed");
+    MatrixqPtr p = qmatrix(2, 1, 0, {1, 2}), q = own(dl_matrixq_alloc(1, 2));
+    EXPECT_DEATH(dl_sigmoid_q(p.get(), q.get()), "dl_sigmoid_q: Assertion `dl_matrixq_same_shape\\(in, out\\)' failed");
+    EXPECT_DEATH(dl_tanh_q(p.get(), q.get()), "dl_tanh_q: Assertion `dl_matrixq_same_shape\\(in, out\\)' failed");
+    EXPECT_DEATH(dl_relu_q(p.get(), 1.0f, q.get()), "dl_relu_q: Assertion `dl_matrixq_same_shape\\(in, out\\)' failed");
+}
+
+}  // namespace
