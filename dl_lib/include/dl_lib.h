@@ -23,6 +23,7 @@
 #include "dl_lib_matrix.h"
 #include "dl_lib_matrixq.h"
 #include "dl_lib_numpy_input.h"
+#include "dl_lib_tensor.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -1,0 +1,228 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "dl_lib.h"
+
+namespace {
+
+// Generated tables initialise these records by field name; the layout is
+// what a device reads.
+static_assert(offsetof(dl_matrix3d_t, n) == 12 && offsetof(dl_matrix3d_t, stride) == 16);
+static_assert(offsetof(dl_matrix3du_t, n) == 12 && offsetof(dl_matrix3du_t, stride) == 16);
+static_assert(offsetof(dl_matrix3dq_t, stride) == 16 && offsetof(dl_matrix3dq_t, exponent) == 20);
+
+template <class T, void (*Free)(T *)>
+struct Freer {
+    void operator()(T *t) const { Free(t); }
+};
+using Tensor = std::unique_ptr<dl_matrix3d_t, Freer<dl_matrix3d_t, dl_matrix3d_free>>;
+using TensorQ = std::unique_ptr<dl_matrix3dq_t, Freer<dl_matrix3dq_t, dl_matrix3dq_free>>;
+using TensorU = std::unique_ptr<dl_matrix3du_t, Freer<dl_matrix3du_t, dl_matrix3du_free>>;
+
+// A float tensor of n x 1 x 1 x values.size()/n, filled flat.
+Tensor tensor(const std::vector<float> &values, int n = 1)
+{
+    Tensor t(dl_matrix3d_alloc(n, 1, 1, static_cast<int>(values.size()) / n));
+    std::copy(values.begin(), values.end(), t->item);
+    return t;
+}
+
+TEST(TensorRecord, FieldsAndIndexOfTheLayout)
+{
+    Tensor t(dl_matrix3d_alloc(2, 3, 4, 5));
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->w, 3);
+    EXPECT_EQ(t->h, 4);
+    EXPECT_EQ(t->c, 5);
+    EXPECT_EQ(t->n, 2);
+    EXPECT_EQ(t->stride, 15);
+    for (int i = 0; i < 120; i++) EXPECT_EQ(t->item[i], 0.0f);
+    // Item 1, row 2, column 1, channel 4 is the last element but 20: the
+    // storage is exactly n*h*w*c long.
+    EXPECT_EQ((t->h * 1 + 2) * t->stride + t->c * 1 + 4, 99);
+
+    TensorQ q(dl_matrix3dq_alloc(1, 2, 2, 1, -3));
+    EXPECT_EQ(q->exponent, -3);
+    EXPECT_EQ(q->stride, 2);
+    TensorU u(dl_matrix3du_alloc(1, 4, 3, 2));
+    EXPECT_EQ(u->stride, 8);
+    for (int i = 0; i < 24; i++) EXPECT_EQ(u->item[i], 0);
+    dl_matrix3d_free(nullptr);
+    dl_matrix3dq_free(nullptr);
+    dl_matrix3du_free(nullptr);
+}
+
+TEST(TensorRecord, EmptyTensorsHaveStorage)
+{
+    const int dims[][4] = {{0, 3, 4, 5}, {2, 0, 4, 5}, {2, 3, 0, 5}, {2, 3, 4, 0}};
+    for (const auto &d : dims) {
+        Tensor t(dl_matrix3d_alloc(d[0], d[1], d[2], d[3]));
+        ASSERT_NE(t, nullptr);
+        EXPECT_NE(t->item, nullptr);
+        EXPECT_EQ(t->stride, d[1] * d[3]);
+    }
+}
+
+TEST(TensorRecord, UnholdableShapesFailWithTheMessage)
+{
+    const struct {
+        int n, w, h, c;
+    } cases[] = {{-1, 2, 2, 2}, {1, -3, 2, 2}, {-1, -1, 1, 1}, {65536, 65536, 1, 1}, {2, 1024, 1024, 1024}};
+    for (const auto &c : cases) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(dl_matrix3d_alloc(c.n, c.w, c.h, c.c), nullptr);
+        EXPECT_EQ(dl_matrix3dq_alloc(c.n, c.w, c.h, c.c, 0), nullptr);
+        EXPECT_EQ(dl_matrix3du_alloc(c.n, c.w, c.h, c.c), nullptr);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "matrix3d item alloc failed.\nmatrix3d item alloc failed.\nmatrix3du item alloc failed.\n")
+            << c.n << " " << c.w << " " << c.h << " " << c.c;
+    }
+}
+
+TEST(TensorRecord, BackToFloatIsExact)
+{
+    for (const auto &[exponent, want] : {std::pair{2, -12.0f}, {-2, -0.75f}, {0, -3.0f}, {-30, -3.0f / (1 << 30)}}) {
+        TensorQ q(dl_matrix3dq_alloc(2, 1, 1, 2, exponent));
+        q->item[0] = -3;
+        q->item[3] = 32767;
+        Tensor f(dl_matrix3d_from_matrixq(q.get()));
+        EXPECT_EQ(f->n, 2);
+        EXPECT_EQ(f->c, 2);
+        EXPECT_EQ(f->item[0], want) << exponent;
+        EXPECT_EQ(f->item[1], 0.0f);
+        EXPECT_EQ(f->item[3], std::ldexp(32767.0f, exponent));
+    }
+}
+
+TEST(TensorRange, StrictComparisonsAndNaN)
+{
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    fptp_t lo, hi;
+    matrix3d_get_range(tensor({3, -1, 7, nan, -4, 2}).get(), &lo, &hi);
+    EXPECT_EQ(lo, -4.0f);
+    EXPECT_EQ(hi, 7.0f);
+    matrix3d_get_range(tensor({nan, 5, -5}).get(), &lo, &hi);
+    EXPECT_TRUE(std::isnan(lo) && std::isnan(hi));
+    // All n filters count.
+    matrix3d_get_range(tensor({1, 2, 3, -9}, 2).get(), &lo, &hi);
+    EXPECT_EQ(lo, -9.0f);
+    Tensor empty(dl_matrix3d_alloc(0, 2, 2, 2));
+    matrix3d_get_range(empty.get(), &lo, &hi);
+    EXPECT_EQ(lo, 0.0f);
+    EXPECT_EQ(hi, 0.0f);
+}
+
+// The exponent search: the peak scaled by 2^-exponent lands in 16383..32767,
+// both bounds inside.
+struct ExponentCase {
+    const char *label;
+    std::vector<float> values;
+    int exponent;
+    std::vector<int> items;  // empty: not checked
+};
+
+void PrintTo(const ExponentCase &c, std::ostream *os) { *os << c.label; }
+
+class TensorQuantiseTest : public testing::TestWithParam<ExponentCase> {};
+
+TEST_P(TensorQuantiseTest, ExponentAndItems)
+{
+    const ExponentCase &c = GetParam();
+    Tensor t = tensor(c.values);
+    TensorQ q(dl_matrixq_from_matrix3d(t.get()));
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(q->exponent, c.exponent);
+    EXPECT_EQ(q->c, t->c);
+    EXPECT_EQ(q->stride, t->stride);
+    for (size_t i = 0; i < c.items.size(); i++) EXPECT_EQ(q->item[i], c.items[i]) << "element " << i;
+}
+
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+INSTANTIATE_TEST_SUITE_P(
+    Peaks, TensorQuantiseTest,
+    testing::Values(ExponentCase{"top_bound_inclusive", {32767.0f, -32767.0f}, 0, {32767, -32766}},
+                    ExponentCase{"low_bound_inclusive", {16383.0f}, 0, {16383}}, ExponentCase{"just_above_top", {32767.5f}, 1, {16384}},
+                    ExponentCase{"just_below_low", {16382.5f}, -1, {32765}}, ExponentCase{"one", {1.0f, -1.0f}, -14, {16384, -16383}},
+                    ExponentCase{"three_quarters", {0.75f, -0.75f}, -15, {24576, -24575}}, ExponentCase{"two_and_a_half", {2.5f}, -13, {20480}},
+                    // The peak from the negative side only.
+                    ExponentCase{"negative_side_only", {-3.0f, -1.0f}, -13, {-24575, -8191}},
+                    ExponentCase{"zeros", {0.0f, -0.0f, 0.0f}, 0, {0, 0, 0}},
+                    // Rounding at exponent 0: half a unit added, then toward zero.
+                    ExponentCase{"rounding_at_exponent_0", {20000, 1.2f, 1.5f, -1.2f, -1.5f, -2.5f, 0.49f, -1.49f}, 0, {20000, 1, 2, 0, -1, -2, 0, 0}},
+                    // A NaN takes no part in the range and is stored as 0;
+                    // in first place it keeps the exponent at 0.
+                    ExponentCase{"nan_elsewhere", {1.0f, kNaN}, -14, {16384, 0}}, ExponentCase{"nan_first", {kNaN, 3.7f, -3.7f, 1e10f}, 0, {0, 4, -3, 0}},
+                    // An infinite peak has no exponent: the search stops, items are 0.
+                    ExponentCase{"infinite_peak", {INFINITY, 1.0f}, 128, {0, 0}}),
+    [](const auto &info) { return std::string(info.param.label); });
+
+TEST(TensorQuantise, OneExponentForAllFilters)
+{
+    // Filter 1 is large, so filter 0 loses its precision.
+    TensorQ q(dl_matrixq_from_matrix3d(tensor({0.001f, 0.002f, 1000.0f, -1.0f}, 2).get()));
+    EXPECT_EQ(q->n, 2);
+    EXPECT_EQ(q->exponent, -5);
+    EXPECT_EQ(q->item[0], 0);
+    EXPECT_EQ(q->item[2], 32000);
+    EXPECT_EQ(q->item[3], -31);
+}
+
+TEST(TensorQuantise, EmptyTensorGetsExponentZero)
+{
+    Tensor t(dl_matrix3d_alloc(2, 0, 3, 1));
+    TensorQ q(dl_matrixq_from_matrix3d(t.get()));
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(q->exponent, 0);
+    EXPECT_EQ(q->w, 0);
+    EXPECT_EQ(q->n, 2);
+}
+
+// The clip limits of the given-exponent quantiser are the 16-bit range at
+// that exponent; the top clips to 32767 and the bottom to -32767.
+TEST(TensorQuantiseQmf, ClipLimitsAndRounding)
+{
+    const struct {
+        int exponent;
+        double high, low;
+    } cases[] = {
+        {0, 32767, -32768}, {-8, 128 - 1.0 / 256, -128}, {-15, 1 - 1.0 / 32768, -1}, {-20, 1.0 / 32 - std::ldexp(1, -20), -1.0 / 32},
+        {-30, std::ldexp(1, -15) - std::ldexp(1, -30), -std::ldexp(1, -15)},
+    };
+    for (const auto &c : cases) {
+        const float high = static_cast<float>(c.high), low = static_cast<float>(c.low);
+        const float above = std::nextafter(high, INFINITY), below = std::nextafter(low, -INFINITY);
+        TensorQ q(dl_matrixq_from_matrix3d_qmf(tensor({high, above, 1e30f, INFINITY, low, below, -INFINITY, kNaN}).get(),
+                                               c.exponent));
+        EXPECT_EQ(q->exponent, c.exponent);
+        const std::vector<int> want = {32767, 32767, 32767, 32767, -32767, -32767, -32767, 0};
+        for (size_t i = 0; i < want.size(); i++) EXPECT_EQ(q->item[i], want[i]) << "exponent " << c.exponent << " element " << i;
+    }
+    TensorQ q(dl_matrixq_from_matrix3d_qmf(tensor({1.2f, 1.5f, -1.2f, -1.5f, 0.75f, -0.75f}).get(), 0));
+    const std::vector<int> want = {1, 2, 0, -1, 1, 0};
+    for (size_t i = 0; i < want.size(); i++) EXPECT_EQ(q->item[i], want[i]) << "element " << i;
+    q.reset(dl_matrixq_from_matrix3d_qmf(tensor({0.75f, -0.75f, 0.1f}).get(), -8));
+    EXPECT_EQ(q->item[0], 192);
+    EXPECT_EQ(q->item[1], -191);
+    EXPECT_EQ(q->item[2], 26);  // 25.6 + 0.5
+}
+
+TEST(TensorDeathTest, QmfExponentAboveZero)
+{
+    Tensor t = tensor({1.0f});
+    EXPECT_DEATH(dl_matrixq_from_matrix3d_qmf(t.get(), 1), "tensor.cpp:[0-9]+: .*: Assertion `exponent<=0' failed");
+}
+
+TEST(TensorDeathTest, QmfExponentBelowMinus30)
+{
+    Tensor t = tensor({1.0f});
+    EXPECT_DEATH(dl_matrixq_from_matrix3d_qmf(t.get(), -31), "Assertion `exponent>=-30' failed");
+}
+
+}  // namespace
