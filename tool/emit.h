@@ -18,7 +18,9 @@ constexpr int MF_BATCHNORM = 2;  // replaced by its batch-norm roots first
 // The file name with blanks made '_' and cut at its first '.'.
 std::string sanitize_name(const char *filename);
 
-// Whether a sanitised name can name the generated objects: a C identifier.
+// Whether a sanitised name can name the generated objects: a C identifier
+// that is no keyword and that neither the generated code nor the headers it
+// includes use already.
 bool is_c_identifier(const std::string &name);
 
 // MF_QUANTISED, plus MF_BATCHNORM when name is one whole item of the
@@ -28,6 +30,10 @@ int get_flags_for_file(const std::string &name, const std::string &bnmatrices);
 void emit_c_hdr(FILE *cfile, const char *name);
 void emit_h_hdr(FILE *hfile);
 void emit_h_footer(FILE *hfile, const char *name);
+
+// One item of a float table: "%ff, ", or a constant expression for an
+// infinity or a NaN, which have no literal.
+void emit_float_item(FILE *out, fptp_t v);
 
 // Float table and its dl_matrix2d_t record, to cfile.
 void emit_matrix2d(const char *name, const dl_matrix2d_t *m, FILE *cfile, FILE *hfile);

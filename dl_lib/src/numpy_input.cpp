@@ -208,6 +208,9 @@ dl_matrix2d_t *dl_matrix2d_from_numpy_file(const char *path)
     }
 
     dl_matrix2d_t *m = dl_matrix_alloc(w, h);
+    // A shape with a zero entry has nothing to read: no row buffer sized by
+    // the other entry, and no empty reads counted by it.
+    if (m && count == 0) return m;
     const int elem = npy::width(type);
     auto *row = static_cast<unsigned char *>(malloc(static_cast<size_t>(w) * elem + 1));
     if (!m || !row) {

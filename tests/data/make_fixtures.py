@@ -2,8 +2,9 @@
 """Writes the .npy fixtures of the loader, converter and golden-output tests.
 
 Provenance: every .npy file under tests/data/npy, tests/data/fetch_model*,
-tests/cli/*/model and examples/demo/model was written by numpy.save (or
-numpy.lib.format for the version 2 file) from this script, run as
+tests/data/hostile_model, tests/cli/*/model and examples/demo/model was
+written by numpy.save (or numpy.lib.format for the version 2 file) from this
+script, run as
     /usr/bin/python3 tests/data/make_fixtures.py
 with Debian's python3-numpy 1.24. Tests read the committed files and never
 need Python. Rerun after changing a fixture and review the diff.
@@ -144,7 +145,16 @@ def cli_case_models():
         f.write("a_b_c_1_0.5_0.5\n")
 
 
+def hostile_models():
+    """Values that a float table cannot write with "%f": beyond the float
+    range, not a number, and a negative zero beside them."""
+    d = fresh_dir("tests/data/hostile_model")
+    values = np.array([[1e40, -1e40, np.nan], [-np.nan, 0.5, -0.0]], dtype=np.float64)
+    save(f"{d}/extremes.npy", values)
+
+
 if __name__ == "__main__":
     loader_fixtures()
     fetch_models()
     cli_case_models()
+    hostile_models()

@@ -1,0 +1,239 @@
+// Inputs built to hurt: shapes that promise more than a file holds, model
+// directories of thousands of entries, endless _MODEL_INFO_ lines, names the
+// generated C cannot take, values "%f" cannot spell. Each case runs in a
+// child process under a CPU-time limit and, outside AddressSanitizer (which
+// reserves terabytes of address space), an address-space limit, so that an
+// unbounded allocation or a near-endless loop fails the test instead of the
+// machine. Cases found by the fuzz harnesses in fuzz/ are marked so.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <functional>
+
+#include "convert.h"
+#include "emit.h"
+#include "test_util.h"
+
+using namespace testutil;
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kAddressSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kAddressSanitizer = true;
+#else
+constexpr bool kAddressSanitizer = false;
+#endif
+#else
+constexpr bool kAddressSanitizer = false;
+#endif
+
+// Runs f in a child that may use mb more megabytes of address space than the
+// test process has now and cpu_seconds of CPU time; true if f returned true.
+bool within_limits(long mb, int cpu_seconds, const std::function<bool()> &f)
+{
+    long pages = 0;
+    if (FILE *statm = fopen("/proc/self/statm", "r")) {
+        if (fscanf(statm, "%ld", &pages) != 1) pages = 0;
+        fclose(statm);
+    }
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const rlimit cpu = {static_cast<rlim_t>(cpu_seconds), static_cast<rlim_t>(cpu_seconds)};
+        setrlimit(RLIMIT_CPU, &cpu);
+        if (!kAddressSanitizer && pages > 0) {
+            const rlim_t bytes = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (static_cast<rlim_t>(mb) << 20);
+            const rlimit as = {bytes, bytes};
+            setrlimit(RLIMIT_AS, &as);
+        }
+        const bool ok = f();
+        fflush(nullptr);
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+const std::string kF4 = "{'descr': '<f4', 'fortran_order': False, 'shape': ";
+
+// --- Loaders ----------------------------------------------------------------
+
+struct LoadBound {
+    const char *label;
+    std::string file;
+    int w, h;  // -1: refused
+};
+
+void PrintTo(const LoadBound &c, std::ostream *os)
+{
+    *os << c.label;
+}
+
+class LoaderBoundTest : public testing::TestWithParam<LoadBound> {};
+
+TEST_P(LoaderBoundTest, TakesLittleMemoryAndTime)
+{
+    const LoadBound &c = GetParam();
+    TempFile file(c.file);
+    const bool ok = within_limits(64, 5, [&] {
+        testing::internal::CaptureStderr();
+        MatrixPtr m = own(dl_matrix2d_from_numpy_file(file.path()));
+        testing::internal::GetCapturedStderr();
+        if (c.w < 0) return m == nullptr;
+        return m != nullptr && m->w == c.w && m->h == c.h;
+    });
+    EXPECT_TRUE(ok);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, LoaderBoundTest,
+    testing::Values(
+        // Found by fuzzing: a zero entry sized the row buffer by the other one
+        // (8 GB here) and counted two billion empty reads.
+        LoadBound{"zero_rows_of_two_billion_columns", npy_bytes(kF4 + "(0, 2000000000), }", ""), 2000000000, 0},
+        LoadBound{"two_billion_rows_of_nothing", npy_bytes(kF4 + "(2000000000, 0), }", ""), 0, 2000000000},
+        LoadBound{"billions_promised_six_given", npy_bytes(kF4 + "(2000000000, 1), }", raw<float>({1, 2, 3, 4, 5, 6})),
+                  -1, -1},
+        LoadBound{"just_under_32_bits_promised", npy_bytes(kF4 + "(46340, 46340), }", raw<float>({1, 2})), -1, -1},
+        LoadBound{"longest_header",
+                  npy_bytes(kF4 + "(2,), }" + std::string(65535 - kF4.size() - 7, ' '), raw<float>({1, 2})), 2, 1}),
+    [](const auto &info) { return std::string(info.param.label); });
+
+// --- The converter on hostile directories -----------------------------------
+
+class HostileDirectoryTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        char dir[] = "/tmp/kelvane_hostile_XXXXXX";
+        root_ = mkdtemp(dir);
+        model_ = root_ + "/m";
+        mkdir(model_.c_str(), 0700);
+    }
+    void TearDown() override { EXPECT_EQ(system(("rm -rf " + root_).c_str()), 0); }
+
+    void write(const std::string &name, const std::string &bytes) const
+    {
+        FILE *f = fopen((model_ + "/" + name).c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        fwrite(bytes.data(), 1, bytes.size(), f);
+        fclose(f);
+    }
+
+    // Converts the directory in a child under the limits; true if the status
+    // and what was printed on stdout are as expected.
+    bool convert_within(long mb, int cpu_seconds, int status, const std::function<bool(const std::string &)> &printed,
+                        std::vector<std::string> options = {})
+    {
+        return within_limits(mb, cpu_seconds, [&] {
+            std::vector<const char *> argv = {"kelvane", model_.c_str(), "out.c", "out.h", "t"};
+            for (const std::string &o : options) argv.push_back(o.c_str());
+            const std::string cfile = root_ + "/out.c", hfile = root_ + "/out.h";
+            argv[2] = cfile.c_str();
+            argv[3] = hfile.c_str();
+            testing::internal::CaptureStdout();
+            testing::internal::CaptureStderr();
+            const auto s = kelvane::parse_options(static_cast<int>(argv.size()), argv.data(), stdout);
+            const int got = s ? kelvane::convert(*s) : -1;
+            fflush(stdout);
+            const std::string out = testing::internal::GetCapturedStdout();
+            testing::internal::GetCapturedStderr();
+            return got == status && printed(out);
+        });
+    }
+
+    std::string root_, model_;
+};
+
+TEST_F(HostileDirectoryTest, BillionsPromisedAreRefusedWithoutAllocating)
+{
+    const char *const shapes[] = {"(2000000000, 1)", "(65536, 65536)", "(1000000, 1000)"};
+    for (int i = 0; i < 3; i++)
+        write("w" + std::to_string(i) + ".npy", npy_bytes(kF4 + shapes[i] + ", }", raw<float>({1})));
+    for (const char *mode : {"", "-no-quantized"}) {
+        std::vector<std::string> options;
+        if (*mode) options.push_back(mode);
+        EXPECT_TRUE(convert_within(
+            64, 10, 0,
+            [](const std::string &out) {
+                size_t warnings = 0;
+                for (size_t p = out.find("WARNING: Could not parse file w"); p != std::string::npos;
+                     p = out.find("WARNING: Could not parse file w", p + 1))
+                    warnings++;
+                return warnings == 3;
+            },
+            options))
+            << mode;
+    }
+}
+
+TEST_F(HostileDirectoryTest, ThousandsOfFilesKeepOneMatrixAtATime)
+{
+    const std::string row = npy_bytes(kF4 + "(64,), }", raw<float>(std::vector<float>(64, 0.5f)));
+    for (int i = 0; i < 3000; i++) write("w" + std::to_string(i) + ".npy", row);
+    // 3000 matrices of 64 floats: less than a megabyte of data in all, and
+    // the names list; nothing near the limit unless every matrix is kept.
+    EXPECT_TRUE(convert_within(32, 30, 0, [](const std::string &out) { return out.empty(); }));
+}
+
+TEST_F(HostileDirectoryTest, MegabyteLinesOfModelInfoAreReadInPieces)
+{
+    // Four megabytes without a newline, 2 + 4k fields nowhere in a piece.
+    write("_MODEL_INFO_", std::string(4 << 20, 'x') + "_a_b\n");
+    EXPECT_TRUE(convert_within(16, 10, 1, [](const std::string &out) {
+        return out.rfind("ERROR: Could not parse file ") != std::string::npos;
+    }));
+    // The same with the significant line behind it.
+    write("_MODEL_INFO_", std::string(4 << 20, '_') + "\nkws_v1_hey_3_0.8_0.6\n");
+    EXPECT_TRUE(convert_within(16, 10, 0, [](const std::string &out) { return out.empty(); }));
+}
+
+// --- Names and values the generated C must hold ------------------------------
+
+struct NameCase {
+    const char *name;
+    bool usable;
+};
+
+class TableNameTest : public testing::TestWithParam<NameCase> {};
+
+// Found by fuzzing: these names passed as C identifiers and gave sources
+// that do not compile (a keyword as a table name, a table shadowed by a
+// lookup's parameter, a second definition of get_info or model_info, a
+// clash with a declaration of string.h or stdint.h).
+TEST_P(TableNameTest, KeywordsAndTakenNamesAreRefused)
+{
+    EXPECT_EQ(kelvane::is_c_identifier(GetParam().name), GetParam().usable);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, TableNameTest,
+    testing::Values(NameCase{"int", false}, NameCase{"while", false}, NameCase{"bool", false}, NameCase{"_Bool", false},
+                    NameCase{"_Pragma", false}, NameCase{"__x", false}, NameCase{"NULL", false},
+                    NameCase{"name", false}, NameCase{"hint", false}, NameCase{"get_info", false},
+                    NameCase{"model_info", false}, NameCase{"get_coeff_q", false}, NameCase{"det_win_list", false},
+                    NameCase{"strcmp", false}, NameCase{"memcpy", false}, NameCase{"dl_matrix_alloc", false},
+                    NameCase{"DL_MF_FOREIGNDATA", false}, NameCase{"fptp_t", false}, NameCase{"size_t", false},
+                    NameCase{"INT8_MAX", false}, NameCase{"UINT64_C", false}, NameCase{"SIZE_MAX", false},
+                    NameCase{"dense", true}, NameCase{"pop_var", true}, NameCase{"_bias", true},
+                    NameCase{"integer", true}, NameCase{"string", true}, NameCase{"t", true}, NameCase{"INT8", true},
+                    NameCase{"names", true}, NameCase{"_MODEL_INFO_", true}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+TEST(FloatItem, ValuesWithoutLiteralBecomeConstantExpressions)
+{
+    // Found by fuzzing: "%ff" wrote "inff" and "nanf", which do not compile.
+    MemStream out;
+    for (float v : {0.5f, INFINITY, -INFINITY, NAN, -NAN, -0.0f}) kelvane::emit_float_item(out.get(), v);
+    EXPECT_EQ(out.str(), "0.500000f, (1.0f/0.0f), (-1.0f/0.0f), (0.0f/0.0f), -(0.0f/0.0f), -0.000000f, ");
+}
+
+}  // namespace
