@@ -4,6 +4,7 @@
 
 #include "dl_lib_internal.h"
 #include "dl_lib_matrix.h"
+#include "dl_lib_tensor.h"
 #include "numpy_input_internal.h"
 
 namespace dl::npy {
@@ -91,6 +92,7 @@ bool open(const char *path, File &file)
     if (fstat(fileno(file.f), &st) == 0 && S_ISREG(st.st_mode)) {
         const int64_t left = static_cast<int64_t>(st.st_size) - static_cast<int64_t>(sizeof prefix + got);
         file.data_bytes = left > 0 ? left : 0;
+        file.file_bytes = static_cast<int64_t>(st.st_size);
     }
     return true;
 }
@@ -163,6 +165,34 @@ float to_float(const unsigned char *buf, Type t, int64_t i)
     return 0.0f;
 }
 
+uint8_t to_byte(const unsigned char *buf, Type t, int64_t i)
+{
+    const unsigned char *p = buf + i * width(t);
+    // The low 8 bits of an integer; trunc_i32 gives INT32_MIN, whose low
+    // bits are 0, for a NaN or a float beyond the 32-bit range. A double is
+    // truncated as it is, not narrowed to float first.
+    auto low8 = [](uint64_t v) { return static_cast<uint8_t>(v & 0xffu); };
+    switch (t) {
+    case Type::f4: {
+        const uint32_t bits = static_cast<uint32_t>(load_le(p, 4));
+        float v;
+        memcpy(&v, &bits, sizeof v);
+        return low8(static_cast<uint32_t>(trunc_i32(v)));
+    }
+    case Type::f8: {
+        const uint64_t bits = load_le(p, 8);
+        double v;
+        memcpy(&v, &bits, sizeof v);
+        return low8(static_cast<uint32_t>(trunc_i32(v)));
+    }
+    case Type::i4: return low8(load_le(p, 4));
+    case Type::i8: return low8(load_le(p, 8));
+    case Type::u1: return p[0];
+    case Type::none: break;
+    }
+    return 0;
+}
+
 }  // namespace dl::npy
 
 using namespace dl;
@@ -230,4 +260,236 @@ dl_matrix2d_t *dl_matrix2d_from_numpy_file(const char *path)
     }
     free(row);
     return m;
+}
+
+// ---- Tensor loaders. They open the file like the matrix loader, scan their
+// own shape format and part ways at the reads.
+
+namespace {
+
+constexpr int kMarker = -1;  // a shape entry the scan did not reach
+
+// How many entries the scan found: those in front of the first marker.
+int entries_found(const int *entries, int max)
+{
+    int found = 0;
+    while (found < max && entries[found] != kMarker) found++;
+    return found;
+}
+
+// "<path>: unsupported shape (2, 3)" with the entries as the file gives
+// them, and a reason where there is more to say than the numbers.
+void print_unsupported(const char *path, const int *entries, int found, const char *reason)
+{
+    fprintf(stderr, "%s: unsupported shape (", path);
+    for (int i = 0; i < found; i++) fprintf(stderr, i == 0 ? "%d" : ", %d", entries[i]);
+    fprintf(stderr, found == 1 ? ",)" : ")");
+    if (reason) fprintf(stderr, ": %s", reason);
+    fputc('\n', stderr);
+}
+
+// Elements of a tensor of these dimensions, or -1 (after a message) when a
+// dimension is negative or the count does not fit a signed 32-bit integer.
+int64_t checked_count(const char *path, const int *entries, int found, int n, int w, int h, int c)
+{
+    if (n < 0 || w < 0 || h < 0 || c < 0) {
+        print_unsupported(path, entries, found, nullptr);
+        return -1;
+    }
+    const int64_t count = static_cast<int64_t>(n) * w * h * c;
+    if (count > INT32_MAX) {
+        print_unsupported(path, entries, found, "more than 2147483647 elements");
+        return -1;
+    }
+    return count;
+}
+
+// Filter banks, float. Shapes: (h, w, c, n) with the filters fastest in the
+// file, read by positions of all filters at once (the run path); (s0,) as
+// one position of s0 channels; (s0, s1) transposed, row by row (the row path).
+dl_matrix3d_t *load_filter_bank(const char *path)
+{
+    npy::File file;
+    if (!npy::open(path, file)) return nullptr;
+
+    int s[4] = {kMarker, kMarker, kMarker, kMarker};
+    int *const entries[] = {&s[0], &s[1], &s[2], &s[3]};
+    npy::scan_ints(file.shape, " (%d, %d, %d, %d)", entries);
+    if (s[0] == kMarker) {
+        fprintf(stderr, "%s: error parsing shape\n", path);
+        return nullptr;
+    }
+    const int found = entries_found(s, 4);
+    int h = s[0], w = s[1], c = s[2], n = s[3];
+    bool row_path = false;
+    if (found == 1) {
+        h = 1;
+        w = 1;
+        c = s[0];
+        n = 1;
+    } else if (found == 2) {
+        h = s[1];
+        w = s[0];
+        c = 1;
+        n = 1;
+        row_path = true;
+    }
+    fprintf(stderr, "filter %s: matrix shape:(%d, %d, %d, %d).\n", path, n, w, h, c);
+
+    static const npy::Type kOrder[] = {npy::Type::f4, npy::Type::f8, npy::Type::i4, npy::Type::i8};
+    const npy::Type type = npy::find_type(file.header, kOrder, 4);
+    if (type == npy::Type::none) {
+        fprintf(stderr, "%s: Unknown var format\n", path);
+        return nullptr;
+    }
+    if (found == 3) {
+        print_unsupported(path, s, found, "a filter bank has 1, 2 or 4 entries");
+        return nullptr;
+    }
+    const int64_t count = checked_count(path, s, found, n, w, h, c);
+    if (count < 0) return nullptr;
+
+    // A file too short for its shape: the run path fails at the read that
+    // comes back short, so say so without allocating what the shape
+    // promised. The row path goes on after a short row and hands back the
+    // zero-filled tensor, but only while that tensor is no larger than the
+    // whole file: a few bytes must not make it allocate gigabytes.
+    const int64_t avail = npy::available(file, type);
+    if (avail < count) {
+        if (!row_path) {
+            const int64_t read_index = avail / n;  // reads of n elements, y outermost
+            fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, static_cast<int>(read_index / (w * c)), h);
+            return nullptr;
+        }
+        if (count * static_cast<int64_t>(sizeof(fptp_t)) > file.file_bytes) {
+            fprintf(stderr, "%s: short file! (ends at row %d/%d), num: %d\n", path, static_cast<int>(avail / h), w,
+                    static_cast<int>(avail % h));
+            fprintf(stderr, "%s: %lld of %lld elements missing, not loading\n", path,
+                    static_cast<long long>(count - avail), static_cast<long long>(count));
+            return nullptr;
+        }
+    }
+
+    dl_matrix3d_t *t = dl_matrix3d_alloc(n, w, h, c);
+    if (!t) return nullptr;
+    if (count == 0) return t;
+    const int elem = npy::width(type);
+    const int group = row_path ? h : n;  // elements per read
+    auto *buf = static_cast<unsigned char *>(malloc(static_cast<size_t>(group) * elem));
+    if (!buf) {
+        fprintf(stderr, "%s: out of memory\n", path);
+        dl_matrix3d_free(t);
+        return nullptr;
+    }
+    if (row_path) {
+        // File row r, column s is tensor row s, column r.
+        for (int r = 0; r < w; r++) {
+            const size_t got = fread(buf, elem, h, file.f);
+            if (got != static_cast<size_t>(h)) {
+                // The row's elements stay 0, also those that did arrive.
+                fprintf(stderr, "%s: short file! (ends at row %d/%d), num: %d\n", path, r, w, static_cast<int>(got));
+                continue;
+            }
+            for (int col = 0; col < h; col++) t->item[r + static_cast<int64_t>(w) * col] = npy::to_float(buf, type, col);
+        }
+    } else {
+        // One read per position fetches it for all filters; each filter is
+        // stored whole.
+        for (int y = 0; y < h; y++) {
+            for (int x = 0; x < w; x++) {
+                for (int ch = 0; ch < c; ch++) {
+                    if (fread(buf, elem, n, file.f) != static_cast<size_t>(n)) {
+                        fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, y, h);
+                        free(buf);
+                        dl_matrix3d_free(t);
+                        return nullptr;
+                    }
+                    for (int i = 0; i < n; i++)
+                        t->item[(static_cast<int64_t>(h) * i + y) * t->stride + static_cast<int64_t>(c) * x + ch] =
+                            npy::to_float(buf, type, i);
+                }
+            }
+        }
+    }
+    free(buf);
+    return t;
+}
+
+}  // namespace
+
+dl_matrix3d_t *dl_matrix3d_weight_from_numpy_file(const char *path) { return load_filter_bank(path); }
+
+dl_matrix3dq_t *dl_matrix3dq_weight_from_numpy_file(const char *path)
+{
+    dl_matrix3d_t *t = load_filter_bank(path);
+    if (!t) return nullptr;
+    dl_matrix3dq_t *q = dl_matrixq_from_matrix3d(t);
+    dl_matrix3d_free(t);
+    return q;
+}
+
+dl_matrix3du_t *dl_matrix3du_input_from_numpy_file(const char *path)
+{
+    npy::File file;
+    if (!npy::open(path, file)) return nullptr;
+
+    int s[3] = {kMarker, kMarker, kMarker};
+    int *const entries[] = {&s[0], &s[1], &s[2]};
+    npy::scan_ints(file.shape, " (%d, %d, %d)", entries);
+    const int h = s[0], w = s[1], c = s[2];
+    if (h == kMarker) {
+        fprintf(stderr, "%s: error parsing shape\n", path);
+        return nullptr;
+    }
+    fprintf(stderr, "input %s: matrix shape:(%d, %d, %d).\n", path, w, h, c);
+
+    // Of several descriptors the first of this order wins; only this loader
+    // takes bytes.
+    static const npy::Type kOrder[] = {npy::Type::f4, npy::Type::f8, npy::Type::u1, npy::Type::i4, npy::Type::i8};
+    const npy::Type type = npy::find_type(file.header, kOrder, 5);
+    if (type == npy::Type::none) {
+        fprintf(stderr, "%s: Unknown var format\n", path);
+        return nullptr;
+    }
+    const int found = entries_found(s, 3);
+    if (found < 3) {
+        print_unsupported(path, s, found, "an input has 3 entries (height, width, channels)");
+        return nullptr;
+    }
+    const int64_t count = checked_count(path, s, found, 1, w, h, c);
+    if (count < 0) return nullptr;
+    const int64_t avail = npy::available(file, type);
+    if (avail < count) {
+        const int64_t read_index = avail / c;  // reads of c elements, rows outermost
+        fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, static_cast<int>(read_index / w), h);
+        return nullptr;
+    }
+
+    dl_matrix3du_t *t = dl_matrix3du_alloc(1, w, h, c);
+    if (!t) return nullptr;
+    if (count == 0) return t;
+    const int elem = npy::width(type);
+    auto *buf = static_cast<unsigned char *>(malloc(static_cast<size_t>(c) * elem));
+    if (!buf) {
+        fprintf(stderr, "%s: out of memory\n", path);
+        dl_matrix3du_free(t);
+        return nullptr;
+    }
+    // The file's order is the tensor's: a straight copy, position by
+    // position.
+    for (int y = 0; y < h; y++) {
+        for (int x = 0; x < w; x++) {
+            if (fread(buf, elem, c, file.f) != static_cast<size_t>(c)) {
+                fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, y, h);
+                free(buf);
+                dl_matrix3du_free(t);
+                return nullptr;
+            }
+            for (int ch = 0; ch < c; ch++)
+                t->item[static_cast<int64_t>(t->stride) * y + static_cast<int64_t>(c) * x + ch] =
+                    npy::to_byte(buf, type, ch);
+        }
+    }
+    free(buf);
+    return t;
 }

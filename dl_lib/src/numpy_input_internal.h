@@ -22,6 +22,7 @@ struct File {
     char *header = nullptr;
     const char *shape = nullptr;  // the text right behind "'shape':"
     int64_t data_bytes = -1;      // bytes left behind the header; -1 if unknown
+    int64_t file_bytes = -1;      // size of the whole file; -1 if unknown
     File() = default;
     File(const File &) = delete;
     File &operator=(const File &) = delete;
@@ -51,6 +52,13 @@ int64_t available(const File &file, Type t);
 /* Element i of a buffer of file elements, converted to float: floats bit
  * for bit, doubles and integers to the nearest float. */
 float to_float(const unsigned char *buf, Type t, int64_t i);
+
+/* Element i of a buffer of file elements, converted to a byte without
+ * rounding or saturation: floats and doubles are truncated toward zero to a
+ * signed 32-bit integer (0 for a NaN or a value beyond that range), and the
+ * low 8 bits are kept, so values wrap around modulo 256 (-1 gives 255, 257
+ * gives 1, 300.0 gives 44). Bytes are copied. */
+uint8_t to_byte(const unsigned char *buf, Type t, int64_t i);
 
 }  // namespace dl::npy
 

@@ -1,0 +1,393 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "dl_lib.h"
+#include "numpy_input_internal.h"
+#include "test_util.h"
+
+using namespace testutil;
+
+namespace {
+
+std::string replace_at(std::string text, const std::string &path)
+{
+    for (size_t p = text.find('@'); p != std::string::npos; p = text.find('@', p + path.size()))
+        text.replace(p, 1, path);
+    return text;
+}
+
+// Elements 1, 2, 3, ...: distinct, and none equal to the 0 a tensor starts with.
+std::string counting_f4(int count)
+{
+    std::vector<float> v(count);
+    for (int i = 0; i < count; i++) v[i] = static_cast<float>(i + 1);
+    return raw(v);
+}
+
+std::string f4_file(const std::string &shape, const std::string &data)
+{
+    return npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': " + shape + ", }", data);
+}
+
+struct TensorCase {
+    const char *label;
+    std::string file;
+    std::string err;         // "@" stands for the path
+    std::vector<int> nwhc;   // empty: the load must fail
+    std::vector<float> items;  // the whole storage, flat
+};
+
+void PrintTo(const TensorCase &c, std::ostream *os) { *os << c.label; }
+
+template <class Tensor>
+void expect_tensor(const TensorCase &c, const Tensor *t)
+{
+    if (c.nwhc.empty()) {
+        EXPECT_EQ(t, nullptr);
+        return;
+    }
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->n, c.nwhc[0]);
+    EXPECT_EQ(t->w, c.nwhc[1]);
+    EXPECT_EQ(t->h, c.nwhc[2]);
+    EXPECT_EQ(t->c, c.nwhc[3]);
+    EXPECT_EQ(t->stride, t->w * t->c);
+    ASSERT_EQ(static_cast<size_t>(t->n) * t->w * t->h * t->c, c.items.size());
+    for (size_t i = 0; i < c.items.size(); i++) EXPECT_EQ(t->item[i], c.items[i]) << "element " << i;
+}
+
+// Runs a loader on the case's bytes: stderr must match and stdout stay empty
+// (no allocator message for a refused shape).
+template <class Tensor>
+Tensor *load(const TensorCase &c, Tensor *(*loader)(const char *), std::string *err)
+{
+    TempFile file(c.file);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    Tensor *t = loader(file.path());
+    *err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(*err, replace_at(c.err, file.path()));
+    return t;
+}
+
+const char *const kFilterLine = "filter @: matrix shape:";
+
+std::vector<TensorCase> weight_cases()
+{
+    const std::string f = kFilterLine;
+    return {
+        // (h, w, c, n), filters fastest in the file: one read per position,
+        // spread over the filters.
+        {"run_path_permutes_filters", f4_file("(2, 1, 2, 3)", counting_f4(12)), f + "(3, 1, 2, 2).\n", {3, 1, 2, 2},
+         {1, 4, 7, 10, 2, 5, 8, 11, 3, 6, 9, 12}},
+        {"run_path_columns_and_channels", f4_file("(1, 2, 2, 2)", counting_f4(8)), f + "(2, 2, 1, 2).\n", {2, 2, 1, 2},
+         {1, 3, 5, 7, 2, 4, 6, 8}},
+        {"one_entry_is_channels", f4_file("(4,)", counting_f4(4)), f + "(1, 1, 1, 4).\n", {1, 1, 1, 4}, {1, 2, 3, 4}},
+        // (w, h) transposed: file row r, column s is row s, column r.
+        {"row_path_transposes", f4_file("(2, 3)", counting_f4(6)), f + "(1, 2, 3, 1).\n", {1, 2, 3, 1}, {1, 4, 2, 5, 3, 6}},
+        {"five_entries_read_by_four", f4_file("(1, 1, 2, 2, 9)", counting_f4(36)), f + "(2, 1, 1, 2).\n", {2, 1, 1, 2},
+         {1, 3, 2, 4}},
+        {"extra_data_ignored", f4_file("(2,)", counting_f4(5)), f + "(1, 1, 1, 2).\n", {1, 1, 1, 2}, {1, 2}},
+        {"first_descriptor_wins", npy_bytes("{'descr': '<i8', 'x': '<f4', 'shape': (2,)}", raw<float>({1.5f, -2})),
+         f + "(1, 1, 1, 2).\n", {1, 1, 1, 2}, {1.5f, -2}},
+        {"f8_narrowed", npy_bytes("{'descr': '<f8', 'shape': (2,)}", raw<double>({0.1, 1e300})), f + "(1, 1, 1, 2).\n",
+         {1, 1, 1, 2}, {0.1f, INFINITY}},
+        {"i4_converted", npy_bytes("{'descr': '<i4', 'shape': (2,)}", raw<int32_t>({16777217, -7})),
+         f + "(1, 1, 1, 2).\n", {1, 1, 1, 2}, {16777216.0f, -7}},
+        {"i8_converted", npy_bytes("{'descr': '<i8', 'shape': (1, 2)}", raw<int64_t>({INT64_MIN, 3})),
+         f + "(1, 1, 2, 1).\n", {1, 1, 2, 1}, {-9223372036854775808.0f, 3}},
+        {"zero_filters", f4_file("(2, 1, 2, 0)", ""), f + "(0, 1, 2, 2).\n", {0, 1, 2, 2}, {}},
+        {"zero_rows_in_row_path", f4_file("(3, 0)", ""), f + "(1, 3, 0, 1).\n", {1, 3, 0, 1}, {}},
+        // A short row in the row path is reported and stays 0, also the part
+        // of it that arrived; the load goes on and returns the tensor.
+        {"row_path_goes_on_after_short_row", f4_file("(3, 2)", counting_f4(3)),
+         f + "(1, 3, 2, 1).\n@: short file! (ends at row 1/3), num: 1\n@: short file! (ends at row 2/3), num: 0\n",
+         {1, 3, 2, 1}, {1, 0, 0, 2, 0, 0}},
+        // Failures.
+        {"too_short", "\x93NUMPY", "@: too short\n", {}, {}},
+        {"empty_shape", f4_file("()", counting_f4(4)), "@: error parsing shape\n", {}, {}},
+        {"marker_value_first", f4_file("(-1, 2)", counting_f4(4)), "@: error parsing shape\n", {}, {}},
+        {"u1_unknown_here", npy_bytes("{'descr': '|u1', 'shape': (2,)}", "ab"),
+         f + "(1, 1, 1, 2).\n@: Unknown var format\n", {}, {}},
+        {"three_entries_refused", f4_file("(2, 3, 4)", counting_f4(24)),
+         f + "(-1, 3, 2, 4).\n@: unsupported shape (2, 3, 4): a filter bank has 1, 2 or 4 entries\n", {}, {}},
+        {"run_path_short_last_read", f4_file("(2, 1, 2, 3)", counting_f4(11)),
+         f + "(3, 1, 2, 2).\n@: short file! (ends at row 1/2)\n", {}, {}},
+        {"one_entry_short", f4_file("(4,)", counting_f4(3)), f + "(1, 1, 1, 4).\n@: short file! (ends at row 0/1)\n",
+         {}, {}},
+        {"negative_entry", f4_file("(2, -3, 4, 5)", ""), f + "(5, -3, 2, 4).\n@: unsupported shape (2, -3, 4, 5)\n",
+         {}, {}},
+        {"negative_one_entry", f4_file("(-5,)", ""), f + "(1, 1, 1, -5).\n@: unsupported shape (-5,)\n", {}, {}},
+        {"negative_row_path", f4_file("(-2, 3)", ""), f + "(1, -2, 3, 1).\n@: unsupported shape (-2, 3)\n", {}, {}},
+        {"count_overflows_32_bits", f4_file("(65536, 65536, 1, 1)", ""),
+         f + "(1, 65536, 65536, 1).\n@: unsupported shape (65536, 65536, 1, 1): more than 2147483647 elements\n", {},
+         {}},
+        // Shapes no file of this size can hold are refused before any
+        // allocation, with the message the reads would give.
+        {"billions_promised_run_path", f4_file("(2000000000, 1, 1, 1)", counting_f4(6)),
+         f + "(1, 1, 2000000000, 1).\n@: short file! (ends at row 6/2000000000)\n", {}, {}},
+        {"millions_promised_row_path", f4_file("(2000000, 3)", counting_f4(4)),
+         f + "(1, 2000000, 3, 1).\n@: short file! (ends at row 1/2000000), num: 1\n"
+             "@: 5999996 of 6000000 elements missing, not loading\n",
+         {}, {}},
+    };
+}
+
+class WeightLoadTest : public testing::TestWithParam<TensorCase> {};
+
+TEST_P(WeightLoadTest, FloatLoader)
+{
+    std::string err;
+    dl_matrix3d_t *t = load(GetParam(), dl_matrix3d_weight_from_numpy_file, &err);
+    expect_tensor(GetParam(), t);
+    dl_matrix3d_free(t);
+}
+
+// The quantised loader prints the same and hands back the same tensor,
+// quantised with one exponent.
+TEST_P(WeightLoadTest, QuantisedLoaderAgrees)
+{
+    std::string err;
+    dl_matrix3dq_t *q = load(GetParam(), dl_matrix3dq_weight_from_numpy_file, &err);
+    const TensorCase &c = GetParam();
+    if (c.nwhc.empty()) {
+        EXPECT_EQ(q, nullptr);
+        return;
+    }
+    ASSERT_NE(q, nullptr);
+    dl_matrix3d_t *f = dl_matrix3d_alloc(q->n, q->w, q->h, q->c);
+    std::copy(c.items.begin(), c.items.end(), f->item);
+    dl_matrix3dq_t *want = dl_matrixq_from_matrix3d(f);
+    EXPECT_EQ(q->exponent, want->exponent);
+    EXPECT_EQ(q->stride, want->stride);
+    for (size_t i = 0; i < c.items.size(); i++) EXPECT_EQ(q->item[i], want->item[i]) << "element " << i;
+    dl_matrix3dq_free(want);
+    dl_matrix3d_free(f);
+    dl_matrix3dq_free(q);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bytes, WeightLoadTest, testing::ValuesIn(weight_cases()),
+                         [](const auto &info) { return std::string(info.param.label); });
+
+TEST(WeightLoad, QuantisedValuesOfPermutedFilters)
+{
+    // Filter 1 holds the peak 4.0: exponent -12 for both filters.
+    TempFile file(f4_file("(1, 1, 2, 2)", raw<float>({0.5f, 4.0f, -0.25f, -1.0f})));
+    testing::internal::CaptureStderr();
+    dl_matrix3dq_t *q = dl_matrix3dq_weight_from_numpy_file(file.path());
+    testing::internal::GetCapturedStderr();
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(q->exponent, -12);
+    const int want[] = {2048, -1023, 16384, -4095};  // filter 0: 0.5, -0.25; filter 1: 4.0, -1.0
+    for (int i = 0; i < 4; i++) EXPECT_EQ(q->item[i], want[i]) << "element " << i;
+    dl_matrix3dq_free(q);
+}
+
+const char *const kInputLine = "input @: matrix shape:";
+
+std::string bytes(int count)
+{
+    std::string b;
+    for (int i = 0; i < count; i++) b += static_cast<char>(i + 1);
+    return b;
+}
+
+std::vector<float> counting(int count)
+{
+    std::vector<float> v;
+    for (int i = 0; i < count; i++) v.push_back(static_cast<float>(i + 1));
+    return v;
+}
+
+std::vector<TensorCase> input_cases()
+{
+    const std::string in = kInputLine;
+    const std::string u1 = "{'descr': '|u1', 'fortran_order': False, 'shape': ";
+    return {
+        {"file_order_is_tensor_order", npy_bytes(u1 + "(2, 3, 4), }", bytes(24)), in + "(3, 2, 4).\n", {1, 3, 2, 4},
+         counting(24)},
+        {"four_entries_read_by_three", npy_bytes(u1 + "(1, 2, 3, 4), }", bytes(24)), in + "(2, 1, 3).\n", {1, 2, 1, 3},
+         counting(6)},
+        {"u1_before_i4", npy_bytes("{'descr': '<i4', 'x': '|u1', 'shape': (1, 1, 2)}", "\x07\x09"),
+         in + "(1, 1, 2).\n", {1, 1, 1, 2}, {7, 9}},
+        {"f8_before_u1", npy_bytes("{'descr': '|u1', 'x': '<f8', 'shape': (1, 1, 1)}", raw<double>({3.9})),
+         in + "(1, 1, 1).\n", {1, 1, 1, 1}, {3}},
+        {"zero_width", npy_bytes(u1 + "(2, 0, 3), }", ""), in + "(0, 2, 3).\n", {1, 0, 2, 3}, {}},
+        {"zero_channels", npy_bytes(u1 + "(2, 3, 0), }", ""), in + "(3, 2, 0).\n", {1, 3, 2, 0}, {}},
+        // Failures.
+        {"empty_shape", npy_bytes(u1 + "(), }", bytes(4)), "@: error parsing shape\n", {}, {}},
+        {"f2_unknown", npy_bytes("{'descr': '<f2', 'shape': (1, 1, 1)}", "ab"), in + "(1, 1, 1).\n@: Unknown var format\n",
+         {}, {}},
+        {"big_endian_unknown", npy_bytes("{'descr': '>f4', 'shape': (1, 1, 1)}", "abcd"),
+         in + "(1, 1, 1).\n@: Unknown var format\n", {}, {}},
+        {"short_last_read", npy_bytes(u1 + "(2, 3, 4), }", bytes(20)), in + "(3, 2, 4).\n@: short file! (ends at row 1/2)\n",
+         {}, {}},
+        {"two_entries_refused", npy_bytes(u1 + "(2, 3), }", bytes(6)),
+         in + "(3, 2, -1).\n@: unsupported shape (2, 3): an input has 3 entries (height, width, channels)\n", {}, {}},
+        {"one_entry_refused", npy_bytes(u1 + "(6,), }", bytes(6)),
+         in + "(-1, 6, -1).\n@: unsupported shape (6,): an input has 3 entries (height, width, channels)\n", {}, {}},
+        {"negative_entry", npy_bytes(u1 + "(2, -3, 4), }", ""), in + "(-3, 2, 4).\n@: unsupported shape (2, -3, 4)\n",
+         {}, {}},
+        {"count_overflows_32_bits", npy_bytes(u1 + "(65536, 65536, 2), }", ""),
+         in + "(65536, 65536, 2).\n@: unsupported shape (65536, 65536, 2): more than 2147483647 elements\n", {}, {}},
+        {"billions_promised", npy_bytes(u1 + "(40000, 40000, 1), }", bytes(80005)),
+         in + "(40000, 40000, 1).\n@: short file! (ends at row 2/40000)\n", {}, {}},
+    };
+}
+
+class InputLoadTest : public testing::TestWithParam<TensorCase> {};
+
+TEST_P(InputLoadTest, ByteLoader)
+{
+    std::string err;
+    dl_matrix3du_t *t = load(GetParam(), dl_matrix3du_input_from_numpy_file, &err);
+    expect_tensor(GetParam(), t);
+    dl_matrix3du_free(t);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bytes, InputLoadTest, testing::ValuesIn(input_cases()),
+                         [](const auto &info) { return std::string(info.param.label); });
+
+// Conversion to bytes: truncation toward zero, then the low 8 bits; a NaN
+// or a float beyond the 32-bit range gives 0.
+struct ByteCase {
+    const char *descr;
+    std::string data;
+    std::vector<int> want;
+};
+
+void PrintTo(const ByteCase &c, std::ostream *os) { *os << c.descr; }
+
+class ByteConversionTest : public testing::TestWithParam<ByteCase> {};
+
+TEST_P(ByteConversionTest, WrapsAround)
+{
+    const ByteCase &c = GetParam();
+    const int count = static_cast<int>(c.want.size());
+    const std::string file = npy_bytes(std::string("{'descr': '") + c.descr + "', 'shape': (1, 1, " +
+                                           std::to_string(count) + ")}",
+                                       c.data);
+    // The helper itself, and through the loader.
+    const auto type = c.descr[1] == 'u'   ? dl::npy::Type::u1
+                      : c.descr[1] == 'i' ? (c.descr[2] == '4' ? dl::npy::Type::i4 : dl::npy::Type::i8)
+                                          : (c.descr[2] == '4' ? dl::npy::Type::f4 : dl::npy::Type::f8);
+    const auto *buf = reinterpret_cast<const unsigned char *>(c.data.data());
+    for (int i = 0; i < count; i++) EXPECT_EQ(dl::npy::to_byte(buf, type, i), c.want[i]) << c.descr << " element " << i;
+    TempFile f(file);
+    testing::internal::CaptureStderr();
+    dl_matrix3du_t *t = dl_matrix3du_input_from_numpy_file(f.path());
+    testing::internal::GetCapturedStderr();
+    ASSERT_NE(t, nullptr);
+    for (int i = 0; i < count; i++) EXPECT_EQ(t->item[i], c.want[i]) << c.descr << " loaded element " << i;
+    dl_matrix3du_free(t);
+}
+
+const float kNaNf = std::numeric_limits<float>::quiet_NaN();
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ByteConversionTest,
+    testing::Values(
+        ByteCase{"<f4",
+                 raw<float>({3.9f, -0.5f, 255.9f, 256.0f, 300.0f, -1.0f, kNaNf, 257.0f, -3.9f, 2147483520.0f,
+                             2147483648.0f, -2147483648.0f, INFINITY, -INFINITY}),
+                 {3, 0, 255, 0, 44, 255, 0, 1, 253, 128, 0, 0, 0, 0}},
+        // A double is truncated as it is: 255.9999999999 stays below 256.
+        ByteCase{"<f8",
+                 raw<double>({3.9, -0.5, 255.9, 256.0, 300.0, -1.0, std::nan(""), 257.0, 255.9999999999,
+                              2147483647.9, 2147483648.0, -2147483647.5, -2147483648.9, 1e300}),
+                 {3, 0, 255, 0, 44, 255, 0, 1, 255, 255, 0, 1, 0, 0}},
+        ByteCase{"<i4", raw<int32_t>({-1, 257, 300, 256, -256, INT32_MIN, INT32_MAX, 3}), {255, 1, 44, 0, 0, 0, 255, 3}},
+        ByteCase{"<i8", raw<int64_t>({-1, 257, (int64_t{1} << 40) + 7, -(int64_t{1} << 40) - 1, INT64_MIN}),
+                 {255, 1, 7, 255, 0}},
+        ByteCase{"|u1", std::string("\x00\xff\x07", 3), {0, 255, 7}}),
+    [](const auto &info) {
+        std::string name = info.param.descr + 1;
+        return name;
+    });
+
+// Files written by numpy.save (tests/data/make_tensor_fixtures.py): each
+// element holds its own index in the file's C order, so the index rules can
+// be checked element by element.
+struct FixtureCase {
+    const char *file;
+    int n, w, h, c;  // as the loader must set them; n 0: refused
+};
+
+void PrintTo(const FixtureCase &c, std::ostream *os) { *os << c.file; }
+
+std::string fixture(const char *name) { return std::string(DL_TEST_DATA_DIR) + "/tensor/" + name; }
+
+class WeightFixtureTest : public testing::TestWithParam<FixtureCase> {};
+
+TEST_P(WeightFixtureTest, FilterBankOrder)
+{
+    const FixtureCase &c = GetParam();
+    const std::string path = fixture(c.file);
+    testing::internal::CaptureStderr();
+    dl_matrix3d_t *t = dl_matrix3d_weight_from_numpy_file(path.c_str());
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find(path), std::string::npos) << err;
+    if (c.n == 0) {
+        EXPECT_EQ(t, nullptr);
+        return;
+    }
+    ASSERT_NE(t, nullptr) << err;
+    ASSERT_EQ(std::vector<int>({t->n, t->w, t->h, t->c}), std::vector<int>({c.n, c.w, c.h, c.c}));
+    // The file's (h, w, c, n) element [y][x][ch][i] becomes filter i at row
+    // y, column x, channel ch; a 2-D file's [r][s] becomes row s, column r.
+    const bool two_d = std::string(c.file).find("2d") != std::string::npos;
+    for (int i = 0; i < c.n; i++)
+        for (int y = 0; y < c.h; y++)
+            for (int x = 0; x < c.w; x++)
+                for (int ch = 0; ch < c.c; ch++) {
+                    const int file_index = two_d ? x * c.h + y : ((y * c.w + x) * c.c + ch) * c.n + i;
+                    EXPECT_EQ(t->item[(c.h * i + y) * t->stride + c.c * x + ch], static_cast<float>(file_index))
+                        << "filter " << i << " y " << y << " x " << x << " ch " << ch;
+                }
+    dl_matrix3d_free(t);
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, WeightFixtureTest,
+                         testing::Values(FixtureCase{"w_f4_2x3x2x2.npy", 2, 3, 2, 2}, FixtureCase{"w_f8_2x3x2x2.npy", 2, 3, 2, 2},
+                                         FixtureCase{"w_i4_2x3x2x2.npy", 2, 3, 2, 2}, FixtureCase{"w_i8_2x3x2x2.npy", 2, 3, 2, 2},
+                                         FixtureCase{"w_f4_vec5.npy", 1, 1, 1, 5}, FixtureCase{"w_f4_2d_3x4.npy", 1, 3, 4, 1},
+                                         FixtureCase{"w_f4_2x3x4.npy", 0, 0, 0, 0}, FixtureCase{"w_u1_2x3x2x2.npy", 0, 0, 0, 0}),
+                         [](const auto &info) {
+                             std::string name = info.param.file;
+                             return name.substr(0, name.find('.'));
+                         });
+
+class InputFixtureTest : public testing::TestWithParam<FixtureCase> {};
+
+TEST_P(InputFixtureTest, ImageBytes)
+{
+    const FixtureCase &c = GetParam();
+    const std::string path = fixture(c.file);
+    testing::internal::CaptureStderr();
+    dl_matrix3du_t *t = dl_matrix3du_input_from_numpy_file(path.c_str());
+    const std::string err = testing::internal::GetCapturedStderr();
+    if (c.n == 0) {
+        EXPECT_EQ(t, nullptr);
+        EXPECT_NE(err.find(path), std::string::npos) << err;
+        return;
+    }
+    ASSERT_NE(t, nullptr) << err;
+    ASSERT_EQ(std::vector<int>({t->n, t->w, t->h, t->c}), std::vector<int>({c.n, c.w, c.h, c.c}));
+    // Element k of the file holds k * 37 - 100, made a byte.
+    for (int k = 0; k < c.w * c.h * c.c; k++) EXPECT_EQ(t->item[k], static_cast<uint8_t>(k * 37 - 100)) << "element " << k;
+    dl_matrix3du_free(t);
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, InputFixtureTest,
+                         testing::Values(FixtureCase{"in_u1_2x3x4.npy", 1, 3, 2, 4}, FixtureCase{"in_f4_2x3x4.npy", 1, 3, 2, 4},
+                                         FixtureCase{"in_f8_2x3x4.npy", 1, 3, 2, 4}, FixtureCase{"in_i4_2x3x4.npy", 1, 3, 2, 4},
+                                         FixtureCase{"in_i8_2x3x4.npy", 1, 3, 2, 4}, FixtureCase{"in_u1_2x3.npy", 0, 0, 0, 0}),
+                         [](const auto &info) {
+                             std::string name = info.param.file;
+                             return name.substr(0, name.find('.'));
+                         });
+
+}  // namespace
