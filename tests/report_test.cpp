@@ -514,7 +514,9 @@ INSTANTIATE_TEST_SUITE_P(
                     AgreementCase{"examples/demo/model", {"-no-quantized", "-exclude", "(dense1_w,pop_var)"}},
                     AgreementCase{"tests/data/npy", {}}, AgreementCase{"tests/data/npy", {"-no-quantized"}},
                     AgreementCase{"tests/data/fetch_model", {"-no-quantized", "-exclude", "(dense,odd)"}},
-                    AgreementCase{"tests/data/fetch_model", {"-bnmatrices", "tiny,zero"}}),
+                    AgreementCase{"tests/data/fetch_model", {"-bnmatrices", "tiny,zero"}},
+                    AgreementCase{"tests/data/hostile_model", {}},
+                    AgreementCase{"tests/data/hostile_model", {"-no-quantized"}}),
     [](const auto &info) { return test_name(info.param.dir + std::to_string(info.param.opts.size())); });
 
 }  // namespace

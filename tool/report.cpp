@@ -87,15 +87,6 @@ std::string reason_from(const std::string &printed, const std::string &path)
     return line.empty() ? "could not be read" : line;
 }
 
-// The value a compiler reads back from a float table, whose items are
-// written with six decimals.
-double float_table_value(fptp_t v)
-{
-    char buf[64];
-    snprintf(buf, sizeof buf, "%f", static_cast<double>(v));
-    return strtof(buf, nullptr);
-}
-
 std::string format(const char *fmt, long long a, long long b)
 {
     char buf[160];
@@ -108,10 +99,7 @@ void add_warnings(TableRow &row)
     const bool fixed = row.kind == TableKind::fixed_point_matrix;
     if (row.non_finite > 0) {
         row.warnings.push_back(
-            {"non_finite", format(fixed || row.cmp.non_finite == 0 ? "%lld NaN or infinite values in the source (of %lld)"
-                                        : "%lld NaN or infinite values in the source (of %lld): the table will "
-                                          "not compile",
-                                  row.non_finite, row.cmp.items)});
+            {"non_finite", format("%lld NaN or infinite values in the source (of %lld)", row.non_finite, row.cmp.items)});
     }
     if (row.batch_norm && row.cmp.zero_in_table > 0) {
         row.warnings.push_back({"zero_root", format("%lld of %lld batch-norm roots are 0 in the table: the layer "
@@ -236,10 +224,25 @@ std::optional<TableRow> analyse_matrix2d(dl_matrix2d_t *m, int flags)
         row.bits = static_cast<int>(std::bit_width(largest));
         row.bytes = count * static_cast<int64_t>(sizeof(qtp_t));
     } else {
+        // A float table holds what a compiler reads back from the text the
+        // table writer prints (six decimals): print the items the same way
+        // and read them again. Each ends in ", ".
+        char *text = nullptr;
+        size_t size = 0;
+        FILE *f = open_memstream(&text, &size);
+        if (!f) return std::nullopt;
+        for (int y = 0; y < m->h; y++)
+            for (int x = 0; x < m->w; x++) emit_float_item(f, m->item[x + m->stride * y]);
+        const bool written = fclose(f) == 0;
+        std::unique_ptr<char, decltype(&free)> owned(text, free);
+        if (!written) return std::nullopt;
+        const char *p = text;
         for (int y = 0; y < m->h; y++) {
             for (int x = 0; x < m->w; x++) {
                 const fptp_t v = m->item[x + m->stride * y];
-                row.cmp.add(v, float_table_value(v));
+                // NaN and infinity stay themselves (as constant expressions).
+                row.cmp.add(v, std::isfinite(v) ? strtof(p, nullptr) : v);
+                p = strstr(p, ", ") + 2;
             }
         }
         row.bytes = count * static_cast<int64_t>(sizeof(fptp_t));
