@@ -59,7 +59,16 @@ bool Converter::convert_file(const char *entry_name, const std::string &name, co
     }
     int flags = final_flags(s_, name);
     if constexpr (!std::is_same_v<Record, dl_matrix2d_t>) {
-        // Batch-norm roots and fixed-point 2-D tables are for 2-D matrices.
+        // Batch-norm roots and fixed-point 2-D tables are for 2-D matrices:
+        // a tensor never reaches those routines, whose record layout is not
+        // its own. It is written in the mode's format like every other
+        // tensor, and the user learns that the list did not apply.
+        if (flags & MF_QUANTISED)
+            printf("WARNING: %s is a tensor: -exclude applies to 2-D matrices only and is ignored for it.\n",
+                   name.c_str());
+        if (flags & MF_BATCHNORM)
+            printf("WARNING: %s is a tensor: -bnmatrices applies to 2-D matrices only and is ignored for it.\n",
+                   name.c_str());
         flags &= ~(MF_QUANTISED | MF_BATCHNORM);
     }
     fputs("\n", cfile_);
@@ -107,9 +116,14 @@ bool Converter::entry(const char *entry_name)
         return convert_file<dl_matrix2d_t>(entry_name, name, path, dl_matrix2d_from_numpy_file, emit_matrix2d,
                                            dl_matrix_free);
     case Mode::quantised_tensor:
+        return convert_file<dl_matrix3dq_t>(entry_name, name, path, dl_matrix3dq_weight_from_numpy_file,
+                                            emit_matrix3dq, dl_matrix3dq_free);
     case Mode::float_tensor:
+        return convert_file<dl_matrix3d_t>(entry_name, name, path, dl_matrix3d_weight_from_numpy_file, emit_matrix3d,
+                                           dl_matrix3d_free);
     case Mode::input_tensor:
-        break;
+        return convert_file<dl_matrix3du_t>(entry_name, name, path, dl_matrix3du_input_from_numpy_file,
+                                            emit_matrix3d_input, dl_matrix3du_free);
     }
     return false;
 }
@@ -188,16 +202,6 @@ bool close_output(File &f, const std::string &path)
 
 int convert(const Settings &s)
 {
-    switch (s.mode()) {
-    case Mode::quantised_2d:
-    case Mode::float_2d: break;
-    case Mode::quantised_tensor:
-    case Mode::float_tensor:
-    case Mode::input_tensor:
-        printf("Tensor conversion (-3d) is not available in this version of kelvane.\n");
-        return 1;
-    }
-
     File cfile = open_output(s.cfile);
     if (!cfile) return 1;
     File hfile = open_output(s.hfile);

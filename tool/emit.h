@@ -41,6 +41,14 @@ void emit_matrix2d(const char *name, const dl_matrix2d_t *m, FILE *cfile, FILE *
 // False if memory ran out (nothing is written then).
 bool emit_matrix2dq(const char *name, const dl_matrix2d_t *m, FILE *cfile, FILE *hfile);
 
+// Tensor tables and their records, to cfile: the items in the order of the
+// storage (filter, row, column, channel), 8 to a line. A filter bank
+// arrives quantised from its loader and is only written; an input tensor's
+// table holds its one image.
+void emit_matrix3d(const char *name, const dl_matrix3d_t *t, FILE *cfile, FILE *hfile);
+void emit_matrix3dq(const char *name, const dl_matrix3dq_t *t, FILE *cfile, FILE *hfile);
+void emit_matrix3d_input(const char *name, const dl_matrix3du_t *t, FILE *cfile, FILE *hfile);
+
 // Reads _MODEL_INFO_ at path and writes its tables and model_info to cfile.
 // False, after a message (stdout, or perror's on stderr), when the file
 // cannot be used; the run must then stop with status 1.
