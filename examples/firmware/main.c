@@ -1,8 +1,9 @@
 /*
- * The firmware: a small every-layer model and four test inputs compiled in,
- * run in each number format that the library offers, with every layer's
- * output printed exactly (floats as their bits in hex, fixed-point items in
- * decimal with the exponent).
+ * The firmware: the bundled digit recognisers (examples/digits) and their
+ * test split compiled in; the first images classified by both networks in
+ * each number format that the library offers, with every traced layer
+ * output printed exactly: floats as their bits in hex, fixed-point items in
+ * decimal with the exponent.
  *
  * The same source builds for the device (Cortex-M4F, output through
  * semihosting) and for the host; CTest requires the two outputs to be
@@ -12,63 +13,64 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "fw_inputs.h"
+#include "digits_test.h"
 #include "measure.h"
 #include "network.h"
 
-static void print_matrix(const char *label, const dl_matrix2d_t *m)
+#define IMAGES 8 /* how many test images the firmware classifies */
+
+static void print_matrix(const char *run, const char *name, const dl_matrix2d_t *m)
 {
-    printf("%s %dx%d float\n", label, m->h, m->w);
-    for (int y = 0; y < m->h; y++) {
+    printf("  %s %s %dx%d float\n", run, name, m->h, m->w);
+    for (int y = 0; y < m->h; y++)
         for (int x = 0; x < m->w; x++) {
             uint32_t bits;
             memcpy(&bits, &m->item[x + m->stride * y], sizeof bits);
-            printf("%s%08" PRIx32, x % 8 ? " " : x ? "\n  " : "  ", bits);
+            printf("%s%08" PRIx32 "%s", x % 8 ? " " : "    ", bits, x % 8 == 7 || x == m->w - 1 ? "\n" : "");
         }
-        printf("\n");
-    }
 }
 
-static void print_matrixq(const char *label, const dl_matrix2dq_t *m)
+static void print_matrixq(const char *run, const char *name, const dl_matrix2dq_t *m)
 {
-    printf("%s %dx%d exponent %d\n", label, m->h, m->w, m->exponent);
-    for (int y = 0; y < m->h; y++) {
-        for (int x = 0; x < m->w; x++) printf("%s%d", x % 8 ? " " : x ? "\n  " : "  ", m->itemq[y + m->stride * x]);
-        printf("\n");
-    }
+    printf("  %s %s %dx%d exponent %d\n", run, name, m->h, m->w, m->exponent);
+    for (int y = 0; y < m->h; y++)
+        for (int x = 0; x < m->w; x++)
+            printf("%s%d%s", x % 8 ? " " : "    ", m->itemq[y + m->stride * x], x % 8 == 7 || x == m->w - 1 ? "\n" : "");
 }
 
 int main(void)
 {
-    static const char *const input_names[] = {"in0", "in1", "in2", "in3"};
-    network_t net;
-    const char *missing = network_init(&net);
-    if (missing) {
-        printf("table %s missing\n", missing);
+    const model_coeff_getter_t *test = &get_coeff_digits_test;
+    const dl_matrix2d_t *images = test->getter_f("images", NULL, 0);
+    const dl_matrix2d_t *labels = test->getter_f("labels", NULL, 0);
+    const dl_matrix2d_t *torch[2] = {test->getter_f("lstm_torch", NULL, 0), test->getter_f("conv_torch", NULL, 0)};
+    const char *missing = network_init();
+    if (!images || !labels || !torch[0] || !torch[1] || missing) {
+        printf("table %s missing\n", missing ? missing : "of the test split");
+        return 1;
+    }
+    if (images->w != NETWORK_SIDE * NETWORK_SIDE || images->h < IMAGES) {
+        printf("test images: %d of %d pixels, need %d of %d\n", images->h, images->w, IMAGES,
+               NETWORK_SIDE * NETWORK_SIDE);
         return 1;
     }
 
-    for (size_t i = 0; i < sizeof input_names / sizeof input_names[0]; i++) {
-        const dl_matrix2d_t *in = get_coeff_fw_inputs.getter_f(input_names[i], NULL, 0);
-        if (!in) {
-            printf("input %s missing\n", input_names[i]);
-            return 1;
-        }
-        printf("== input %s\n", input_names[i]);
-        for (int v = 0; v < NETWORK_VARIANTS; v++) {
+    for (int i = 0; i < IMAGES; i++) {
+        const fptp_t *image = &images->item[images->stride * i];
+        printf("image %d: digit %d\n", i, (int)labels->item[i]);
+        for (int r = 0; r < NETWORK_RUNS; r++) {
             measure_begin();
-            network_run(&net, v, in);
-            measure_end(network_variant_name[v]);
+            int digit = network_classify(r, image);
+            measure_end(network_run_name[r]);
             measure_report();
-            const network_trace_t *t = &net.trace[v];
+            printf("  %s: %d (PyTorch %d)\n", network_run_name[r], digit, (int)torch[r / 3]->item[i]);
+            const network_trace_t *t = network_trace(r);
             for (int k = 0; k < t->count; k++) {
-                char label[48];
-                snprintf(label, sizeof label, "%s %s", network_variant_name[v], t->step[k].name);
-                if (t->step[k].f) print_matrix(label, t->step[k].f);
-                else print_matrixq(label, t->step[k].q);
+                if (t->step[k].f) print_matrix(network_run_name[r], t->step[k].name, t->step[k].f);
+                else print_matrixq(network_run_name[r], t->step[k].name, t->step[k].q);
             }
         }
     }
-    network_free(&net);
+    network_free();
     return 0;
 }

@@ -1,147 +1,334 @@
 #include "network.h"
 
-#include "fw_model_f.h"
-#include "fw_model_q.h"
+#include "conv_f.h"
+#include "conv_net.h"
+#include "conv_q.h"
+#include "conv_qw.h"
+#include "lstm_f.h"
+#include "lstm_net.h"
+#include "lstm_q.h"
+#include "lstm_qw.h"
 #include "measure.h"
 
-const char *const network_variant_name[NETWORK_VARIANTS] = {"float", "quantised-weights", "fixed"};
+#define CLASSES 10
 
-/* The input is 8 x 6; the convolution's geometry gives 4 x 3 positions of
- * 4 channels. */
-enum { IN_W = 8, IN_H = 6, CONV_OUT = 48, FC1_OUT = 16, UNITS = 8, CLASSES = 3 };
-#define FILTER 3, 3, 4, 2, 2, 1 /* filter_w, filter_h, out_channels, stride_x, stride_y, padding */
-#define RELU_CLIP 6.0f
+#define MEASURED(label, call) \
+    do {                      \
+        measure_begin();      \
+        call;                 \
+        measure_end(label);   \
+    } while (0)
+
+const char *const network_run_name[NETWORK_RUNS] = {
+    "lstm float", "lstm quantised-weights", "lstm fixed", "conv float", "conv quantised-weights", "conv fixed",
+};
 
 static const char *missing;
 
-static const dl_matrix2d_t *table_f(const char *name)
+static const dl_matrix2d_t *table_f(const model_coeff_getter_t *model, const char *name)
 {
-    const dl_matrix2d_t *m = get_coeff_fw_model_f.getter_f(name, NULL, 0);
+    const dl_matrix2d_t *m = model->getter_f ? model->getter_f(name, NULL, 0) : NULL;
     if (!m && !missing) missing = name;
     return m;
 }
 
-static const dl_matrix2dq_t *table_q(const char *name)
+static const dl_matrix2dq_t *table_q(const model_coeff_getter_t *model, const char *name)
 {
-    const dl_matrix2dq_t *m = get_coeff_fw_model_q.getter_q(name, NULL, 0);
+    const dl_matrix2dq_t *m = model->getter_q ? model->getter_q(name, NULL, 0) : NULL;
     if (!m && !missing) missing = name;
     return m;
 }
 
-static void trace_f(network_t *net, int variant, const char *name, const dl_matrix2d_t *m)
+static network_trace_t traces[NETWORK_RUNS];
+
+static void trace(int r, const char *name, const dl_matrix2d_t *f, const dl_matrix2dq_t *q)
 {
-    network_trace_t *t = &net->trace[variant];
-    t->step[t->count].name = name;
-    t->step[t->count].f = m;
-    t->step[t->count].q = NULL;
-    t->count++;
+    network_step_t *s = &traces[r].step[traces[r].count++];
+    s->name = name;
+    s->f = f;
+    s->q = q;
 }
 
-static void trace_q(network_t *net, int variant, const char *name, const dl_matrix2dq_t *m)
+/* A record over the caller's floats, w x h, row-major. */
+static dl_matrix2d_t view(const fptp_t *items, int w, int h)
 {
-    network_trace_t *t = &net->trace[variant];
-    t->step[t->count].name = name;
-    t->step[t->count].f = NULL;
-    t->step[t->count].q = m;
-    t->count++;
-}
-
-static dl_matrix2dq_t *state_q(void)
-{
-    dl_matrix2dq_t *m = dl_matrixq_alloc(UNITS, 1);
-    m->exponent = -15;
+    dl_matrix2d_t m = {w, h, w, DL_MF_FOREIGNDATA, (fptp_t *)items};
     return m;
 }
 
-const char *network_init(network_t *net)
+static int argmax_f(const dl_matrix2d_t *scores)
+{
+    int best = 0;
+    for (int x = 1; x < scores->w; x++)
+        if (scores->item[x] > scores->item[best]) best = x;
+    return best;
+}
+
+/* One row of items at one exponent: comparing items compares values. */
+static int argmax_q(const dl_matrix2dq_t *scores)
+{
+    int best = 0;
+    for (int x = 1; x < scores->w; x++)
+        if (scores->itemq[scores->stride * x] > scores->itemq[scores->stride * best]) best = x;
+    return best;
+}
+
+/* ---- LSTM network: the image rows are 8 time steps, then one fully
+ * connected layer on the last output. ---- */
+
+enum { LSTM_FLOAT, LSTM_QUANTISED_WEIGHTS, LSTM_FIXED, CONV_FLOAT, CONV_QUANTISED_WEIGHTS, CONV_FIXED };
+
+static struct {
+    const dl_matrix2d_t *w, *b, *fc_w, *fc_b; /* float */
+    const dl_matrix2dq_t *qw_w, *qw_fc_w;     /* quantised weights; biases from qw_b, qw_fc_b */
+    const dl_matrix2d_t *qw_b, *qw_fc_b;
+    const dl_matrix2dq_t *q_w, *q_b, *q_fc_w, *q_fc_b; /* fixed */
+    dl_matrix2d_t *c[2], *h[2], *scores[2], *probs[2];
+    dl_matrix2dq_t *pixels, *step, *q_c, *q_h, *q_scores, *q_probs;
+} lstm;
+
+static void lstm_init(void)
+{
+    lstm.w = table_f(&get_coeff_lstm_f, "lstm_w");
+    lstm.b = table_f(&get_coeff_lstm_f, "lstm_b");
+    lstm.fc_w = table_f(&get_coeff_lstm_f, "lstm_fc_w");
+    lstm.fc_b = table_f(&get_coeff_lstm_f, "lstm_fc_b");
+    lstm.qw_w = table_q(&get_coeff_lstm_qw, "lstm_w");
+    lstm.qw_b = table_f(&get_coeff_lstm_qw, "lstm_b");
+    lstm.qw_fc_w = table_q(&get_coeff_lstm_qw, "lstm_fc_w");
+    lstm.qw_fc_b = table_f(&get_coeff_lstm_qw, "lstm_fc_b");
+    lstm.q_w = table_q(&get_coeff_lstm_q, "lstm_w");
+    lstm.q_b = table_q(&get_coeff_lstm_q, "lstm_b");
+    lstm.q_fc_w = table_q(&get_coeff_lstm_q, "lstm_fc_w");
+    lstm.q_fc_b = table_q(&get_coeff_lstm_q, "lstm_fc_b");
+    for (int v = 0; v < 2; v++) {
+        lstm.c[v] = dl_matrix_alloc(LSTM_UNITS, 1);
+        lstm.h[v] = dl_matrix_alloc(LSTM_UNITS, 1);
+        lstm.scores[v] = dl_matrix_alloc(CLASSES, 1);
+        lstm.probs[v] = dl_matrix_alloc(CLASSES, 1);
+        trace(LSTM_FLOAT + v, "c", lstm.c[v], NULL);
+        trace(LSTM_FLOAT + v, "h", lstm.h[v], NULL);
+        trace(LSTM_FLOAT + v, "scores", lstm.scores[v], NULL);
+        trace(LSTM_FLOAT + v, "softmax", lstm.probs[v], NULL);
+    }
+    lstm.pixels = dl_matrixq_alloc(NETWORK_SIDE, NETWORK_SIDE);
+    lstm.q_c = dl_matrixq_alloc(LSTM_UNITS, 1);
+    lstm.q_h = dl_matrixq_alloc(LSTM_UNITS, 1);
+    lstm.q_scores = dl_matrixq_alloc(CLASSES, 1);
+    lstm.q_probs = dl_matrixq_alloc(CLASSES, 1);
+    trace(LSTM_FIXED, "c", NULL, lstm.q_c);
+    trace(LSTM_FIXED, "h", NULL, lstm.q_h);
+    trace(LSTM_FIXED, "scores", NULL, lstm.q_scores);
+    trace(LSTM_FIXED, "softmax", NULL, lstm.q_probs);
+}
+
+static int lstm_float(const fptp_t *image, int v)
+{
+    dl_matrix2d_t *c = lstm.c[v], *h = lstm.h[v], *scores = lstm.scores[v];
+    dl_matrix_zero(c);
+    dl_matrix_zero(h);
+    for (int t = 0; t < NETWORK_SIDE; t++) {
+        dl_matrix2d_t row = view(image + NETWORK_SIDE * t, NETWORK_SIDE, 1);
+        if (v == 0) MEASURED("lstm float: lstm step", dl_basic_lstm_layer(&row, c, h, lstm.w, lstm.b));
+        else MEASURED("lstm quantised-weights: lstm step",
+                      dl_basic_lstm_layer_quantised_weights(&row, c, h, lstm.qw_w, lstm.qw_b));
+    }
+    if (v == 0) {
+        dl_fully_connect_layer(h, lstm.fc_w, lstm.fc_b, scores);
+    } else {
+        /* A fully connected layer with a fixed-point weight: product, then bias. */
+        MEASURED("lstm quantised-weights: fc", dl_matrix_matrixq_dot(h, lstm.qw_fc_w, scores));
+        dl_matrix_add(scores, lstm.qw_fc_b, scores);
+    }
+    dl_softmax(scores, lstm.probs[v]);
+    return argmax_f(scores);
+}
+
+static int lstm_fixed(const fptp_t *image)
+{
+    /* The image is quantised as a whole, so that a blank row shares the
+     * others' exponent; the zero states start at a fresh record's exponent
+     * and so do not raise the input's in the first step's join. */
+    dl_matrix2d_t whole = view(image, NETWORK_SIDE, NETWORK_SIDE);
+    dl_matrixq_from_matrix2d(&whole, lstm.pixels);
+    dl_matrixq_zero(lstm.q_c);
+    dl_matrixq_zero(lstm.q_h);
+    lstm.q_c->exponent = lstm.q_h->exponent = -31;
+    for (int t = 0; t < NETWORK_SIDE; t++) {
+        lstm.step = dl_matrixq_slice(lstm.pixels, 0, t, NETWORK_SIDE, 1, lstm.step);
+        MEASURED("lstm fixed: lstm step",
+                 dl_basic_lstm_layer_q(lstm.step, lstm.q_c, lstm.q_h, lstm.q_w, lstm.q_b, LSTM_SHIFT));
+    }
+    dl_fully_connect_layer_q(lstm.q_h, lstm.q_fc_w, lstm.q_fc_b, lstm.q_scores, LSTM_FC_SHIFT);
+    dl_softmax_q(lstm.q_scores, lstm.q_probs);
+    return argmax_q(lstm.q_scores);
+}
+
+/* ---- Convolution network: convolution, relu, fully connected, batch
+ * normalisation, relu, fully connected. ---- */
+
+#define CONV_GEOMETRY \
+    CONV_FILTER_W, CONV_FILTER_H, CONV_OUT_CHANNELS, CONV_STRIDE_X, CONV_STRIDE_Y, CONV_PADDING
+
+static struct {
+    /* float, and the float tables of the quantised-weights pair */
+    const dl_matrix2d_t *conv_w, *conv_b[2], *fc1_w, *fc1_b[2], *offset[2], *scale[2], *mean[2], *root[2], *fc2_w,
+        *fc2_b[2];
+    const dl_matrix2dq_t *qw_conv_w, *qw_fc1_w, *qw_fc2_w;
+    const dl_matrix2dq_t *q_conv_w, *q_fc1_w, *q_fc1_b, *q_offset, *q_scale, *q_mean, *q_root, *q_fc2_w, *q_fc2_b;
+    dl_matrix2d_t *q_conv_b; /* the convolution takes a float bias */
+    dl_matrix2d_t *features[3], *hidden[2], *scores[2], *probs[2];
+    dl_matrix2dq_t *q_features, *q_hidden, *q_scores, *q_probs;
+} conv;
+
+static void conv_init(void)
+{
+    const model_coeff_getter_t *pair[2] = {&get_coeff_conv_f, &get_coeff_conv_qw};
+    for (int v = 0; v < 2; v++) {
+        conv.conv_b[v] = table_f(pair[v], "conv_b");
+        conv.fc1_b[v] = table_f(pair[v], "fc1_b");
+        conv.offset[v] = table_f(pair[v], "bn1_offset");
+        conv.scale[v] = table_f(pair[v], "bn1_scale");
+        conv.mean[v] = table_f(pair[v], "bn1_mean");
+        conv.root[v] = table_f(pair[v], "bn1_var"); /* kelvane stored sqrt(variance + 0.001) */
+        conv.fc2_b[v] = table_f(pair[v], "fc2_b");
+    }
+    conv.conv_w = table_f(&get_coeff_conv_f, "conv_w");
+    conv.fc1_w = table_f(&get_coeff_conv_f, "fc1_w");
+    conv.fc2_w = table_f(&get_coeff_conv_f, "fc2_w");
+    conv.qw_conv_w = table_q(&get_coeff_conv_qw, "conv_w");
+    conv.qw_fc1_w = table_q(&get_coeff_conv_qw, "fc1_w");
+    conv.qw_fc2_w = table_q(&get_coeff_conv_qw, "fc2_w");
+    const model_coeff_getter_t *q = &get_coeff_conv_q;
+    conv.q_conv_w = table_q(q, "conv_w");
+    conv.q_fc1_w = table_q(q, "fc1_w");
+    conv.q_fc1_b = table_q(q, "fc1_b");
+    conv.q_offset = table_q(q, "bn1_offset");
+    conv.q_scale = table_q(q, "bn1_scale");
+    conv.q_mean = table_q(q, "bn1_mean");
+    conv.q_root = table_q(q, "bn1_var");
+    conv.q_fc2_w = table_q(q, "fc2_w");
+    conv.q_fc2_b = table_q(q, "fc2_b");
+    const dl_matrix2dq_t *q_conv_b = table_q(q, "conv_b");
+    if (missing) return;
+    conv.q_conv_b = dl_matrix2d_from_matrixq(q_conv_b, NULL);
+    for (int v = 0; v < 3; v++) {
+        conv.features[v] = dl_matrix_alloc(CONV_OUT_SIZE, 1);
+        trace(CONV_FLOAT + v, "conv+relu", conv.features[v], NULL);
+    }
+    for (int v = 0; v < 2; v++) {
+        conv.hidden[v] = dl_matrix_alloc(FC1_OUTPUTS, 1);
+        conv.scores[v] = dl_matrix_alloc(CLASSES, 1);
+        conv.probs[v] = dl_matrix_alloc(CLASSES, 1);
+        trace(CONV_FLOAT + v, "fc1+bn+relu", conv.hidden[v], NULL);
+        trace(CONV_FLOAT + v, "scores", conv.scores[v], NULL);
+        trace(CONV_FLOAT + v, "softmax", conv.probs[v], NULL);
+    }
+    conv.q_features = dl_matrixq_alloc(CONV_OUT_SIZE, 1);
+    conv.q_hidden = dl_matrixq_alloc(FC1_OUTPUTS, 1);
+    conv.q_scores = dl_matrixq_alloc(CLASSES, 1);
+    conv.q_probs = dl_matrixq_alloc(CLASSES, 1);
+    trace(CONV_FIXED, "conv+relu quantised", NULL, conv.q_features);
+    trace(CONV_FIXED, "fc1+bn+relu", NULL, conv.q_hidden);
+    trace(CONV_FIXED, "scores", NULL, conv.q_scores);
+    trace(CONV_FIXED, "softmax", NULL, conv.q_probs);
+}
+
+static int conv_float(const fptp_t *image)
+{
+    dl_matrix2d_t whole = view(image, NETWORK_SIDE, NETWORK_SIDE);
+    dl_matrix2d_t *features = conv.features[0], *hidden = conv.hidden[0], *scores = conv.scores[0];
+    MEASURED("conv float: conv", dl_basic_conv_layer(&whole, conv.conv_w, conv.conv_b[0], CONV_GEOMETRY, features));
+    dl_relu(features, RELU_CLIP, features);
+    MEASURED("conv float: fc1", dl_fully_connect_layer(features, conv.fc1_w, conv.fc1_b[0], hidden));
+    MEASURED("conv float: bn",
+             dl_batch_normalize(hidden, conv.offset[0], conv.scale[0], conv.mean[0], conv.root[0]));
+    dl_relu(hidden, RELU_CLIP, hidden);
+    dl_fully_connect_layer(hidden, conv.fc2_w, conv.fc2_b[0], scores);
+    dl_softmax(scores, conv.probs[0]);
+    return argmax_f(scores);
+}
+
+static int conv_quantised_weights(const fptp_t *image)
+{
+    dl_matrix2d_t whole = view(image, NETWORK_SIDE, NETWORK_SIDE);
+    dl_matrix2d_t *features = conv.features[1], *hidden = conv.hidden[1], *scores = conv.scores[1];
+    MEASURED("conv quantised-weights: conv",
+             dl_basic_conv_layer_quantised_weight(&whole, conv.qw_conv_w, conv.conv_b[1], CONV_GEOMETRY, features));
+    dl_relu(features, RELU_CLIP, features);
+    MEASURED("conv quantised-weights: fc1", dl_matrix_matrixq_dot(features, conv.qw_fc1_w, hidden));
+    dl_matrix_add(hidden, conv.fc1_b[1], hidden);
+    dl_batch_normalize(hidden, conv.offset[1], conv.scale[1], conv.mean[1], conv.root[1]);
+    dl_relu(hidden, RELU_CLIP, hidden);
+    dl_matrix_matrixq_dot(hidden, conv.qw_fc2_w, scores);
+    dl_matrix_add(scores, conv.fc2_b[1], scores);
+    dl_softmax(scores, conv.probs[1]);
+    return argmax_f(scores);
+}
+
+static int conv_fixed(const fptp_t *image)
+{
+    dl_matrix2d_t whole = view(image, NETWORK_SIDE, NETWORK_SIDE);
+    dl_matrix2d_t *features = conv.features[2];
+    MEASURED("conv fixed: conv",
+             dl_basic_conv_layer_quantised_weight(&whole, conv.q_conv_w, conv.q_conv_b, CONV_GEOMETRY, features));
+    dl_relu(features, RELU_CLIP, features);
+    dl_matrixq_from_matrix2d(features, conv.q_features);
+    MEASURED("conv fixed: fc1",
+             dl_fully_connect_layer_q(conv.q_features, conv.q_fc1_w, conv.q_fc1_b, conv.q_hidden, FC1_SHIFT));
+    MEASURED("conv fixed: bn", dl_batch_normalize_q(conv.q_hidden, conv.q_offset, conv.q_scale, conv.q_mean,
+                                                     conv.q_root, BN1_SHIFT));
+    dl_relu_q(conv.q_hidden, RELU_CLIP, conv.q_hidden);
+    dl_fully_connect_layer_q(conv.q_hidden, conv.q_fc2_w, conv.q_fc2_b, conv.q_scores, FC2_SHIFT);
+    dl_softmax_q(conv.q_scores, conv.q_probs);
+    return argmax_q(conv.q_scores);
+}
+
+const char *network_init(void)
 {
     missing = NULL;
-    net->conv_w = table_f("conv_w");
-    net->conv_b = table_f("conv_b");
-    net->fc1_w = table_f("fc1_w");
-    net->fc1_b = table_f("fc1_b");
-    net->bn_offset = table_f("bn1_offset");
-    net->bn_scale = table_f("bn1_scale");
-    net->bn_mean = table_f("bn1_mean");
-    net->bn_sqrtvar = table_f("pop_var");
-    net->lstm_w = table_f("lstm_w");
-    net->lstm_b = table_f("lstm_b");
-    net->fc2_w = table_f("fc2_w");
-    net->fc2_b = table_f("fc2_b");
-    net->conv_wq = table_q("conv_w");
-    net->fc1_wq = table_q("fc1_w");
-    net->fc1_bq = table_q("fc1_b");
-    net->bn_offset_q = table_q("bn1_offset");
-    net->bn_scale_q = table_q("bn1_scale");
-    net->bn_mean_q = table_q("bn1_mean");
-    net->bn_sqrtvar_q = table_q("pop_var");
-    net->lstm_wq = table_q("lstm_w");
-    net->lstm_bq = table_q("lstm_b");
-    net->fc2_wq = table_q("fc2_w");
-    net->fc2_bq = table_q("fc2_b");
-    if (missing) return missing;
-
-    for (int v = 0; v < 2; v++) {
-        net->conv[v] = dl_matrix_alloc(CONV_OUT, 1);
-        net->fc1[v] = dl_matrix_alloc(FC1_OUT, 1);
-        net->state_c[v] = dl_matrix_alloc(UNITS, 1);
-        net->state_h[v] = dl_matrix_alloc(UNITS, 1);
-        net->fc2[v] = dl_matrix_alloc(CLASSES, 1);
-        net->prob[v] = dl_matrix_alloc(CLASSES, 1);
-        net->trace[v].count = 0;
-        trace_f(net, v, "conv+relu", net->conv[v]);
-        trace_f(net, v, "fc1+bn", net->fc1[v]);
-        trace_f(net, v, "lstm c", net->state_c[v]);
-        trace_f(net, v, "lstm h", net->state_h[v]);
-        trace_f(net, v, "fc2", net->fc2[v]);
-        trace_f(net, v, "softmax", net->prob[v]);
-    }
-    net->conv_f = dl_matrix_alloc(CONV_OUT, 1);
-    net->conv_q = dl_matrixq_alloc(CONV_OUT, 1);
-    net->fc1_q = dl_matrixq_alloc(FC1_OUT, 1);
-    net->state_cq = state_q();
-    net->state_hq = state_q();
-    net->fc2_q = dl_matrixq_alloc(CLASSES, 1);
-    net->prob_q = dl_matrixq_alloc(CLASSES, 1);
-    net->trace[NETWORK_FIXED].count = 0;
-    trace_f(net, NETWORK_FIXED, "conv", net->conv_f);
-    trace_q(net, NETWORK_FIXED, "conv+relu", net->conv_q);
-    trace_q(net, NETWORK_FIXED, "fc1+bn", net->fc1_q);
-    trace_q(net, NETWORK_FIXED, "lstm c", net->state_cq);
-    trace_q(net, NETWORK_FIXED, "lstm h", net->state_hq);
-    trace_q(net, NETWORK_FIXED, "fc2", net->fc2_q);
-    trace_q(net, NETWORK_FIXED, "softmax", net->prob_q);
-    return NULL;
+    for (int r = 0; r < NETWORK_RUNS; r++) traces[r].count = 0;
+    lstm_init();
+    conv_init();
+    return missing;
 }
 
-void network_run(network_t *net, int variant, const dl_matrix2d_t *in)
+int network_classify(int r, const fptp_t *image)
 {
-    /* Until the layers are in: the fixed variant quantises its input. */
-    if (variant == NETWORK_FIXED) {
-        measure_begin();
-        dl_matrix2dq_t *q = dl_matrixq_from_matrix2d(in, NULL);
-        measure_end("fixed quantise");
-        net->fc1_q->exponent = q->exponent;
-        for (int i = 0; i < FC1_OUT; i++) net->fc1_q->itemq[i] = q->itemq[i];
-        dl_matrixq_free(q);
+    switch (r) {
+    case LSTM_FLOAT: return lstm_float(image, 0);
+    case LSTM_QUANTISED_WEIGHTS: return lstm_float(image, 1);
+    case LSTM_FIXED: return lstm_fixed(image);
+    case CONV_FLOAT: return conv_float(image);
+    case CONV_QUANTISED_WEIGHTS: return conv_quantised_weights(image);
+    case CONV_FIXED: return conv_fixed(image);
     }
+    return -1;
 }
 
-void network_free(network_t *net)
+const network_trace_t *network_trace(int r) { return &traces[r]; }
+
+void network_free(void)
 {
     for (int v = 0; v < 2; v++) {
-        dl_matrix_free(net->conv[v]);
-        dl_matrix_free(net->fc1[v]);
-        dl_matrix_free(net->state_c[v]);
-        dl_matrix_free(net->state_h[v]);
-        dl_matrix_free(net->fc2[v]);
-        dl_matrix_free(net->prob[v]);
+        dl_matrix_free(lstm.c[v]);
+        dl_matrix_free(lstm.h[v]);
+        dl_matrix_free(lstm.scores[v]);
+        dl_matrix_free(lstm.probs[v]);
+        dl_matrix_free(conv.hidden[v]);
+        dl_matrix_free(conv.scores[v]);
+        dl_matrix_free(conv.probs[v]);
     }
-    dl_matrix_free(net->conv_f);
-    dl_matrixq_free(net->conv_q);
-    dl_matrixq_free(net->fc1_q);
-    dl_matrixq_free(net->state_cq);
-    dl_matrixq_free(net->state_hq);
-    dl_matrixq_free(net->fc2_q);
-    dl_matrixq_free(net->prob_q);
+    for (int v = 0; v < 3; v++) dl_matrix_free(conv.features[v]);
+    dl_matrixq_free(lstm.pixels);
+    dl_matrixq_free(lstm.step);
+    dl_matrixq_free(lstm.q_c);
+    dl_matrixq_free(lstm.q_h);
+    dl_matrixq_free(lstm.q_scores);
+    dl_matrixq_free(lstm.q_probs);
+    dl_matrix_free(conv.q_conv_b);
+    dl_matrixq_free(conv.q_features);
+    dl_matrixq_free(conv.q_hidden);
+    dl_matrixq_free(conv.q_scores);
+    dl_matrixq_free(conv.q_probs);
 }

@@ -8,9 +8,10 @@
  * adds its own few bytes per block.
  *
  * Stack: measure_begin paints the free part of the stack region with a
- * pattern; measure_end finds the lowest word that no longer holds it. A
- * nested measurement repaints, so it hands what it saw on to the enclosing
- * one when it ends.
+ * pattern; measure_end finds the lowest word that no longer holds it. The
+ * depth counts from measure_begin's own stack pointer, a few bytes below its
+ * caller's. A nested measurement repaints, so it hands what it saw on to the
+ * enclosing one when it ends.
  */
 #include <stddef.h>
 #include <stdint.h>
@@ -119,9 +120,9 @@ void measure_begin(void)
     depth++;
     heap_peak = heap_now;
     allocations = 0;
-    /* Everything below the stack pointer is free: paint it, keeping clear
-     * of the words this function itself may still push. */
-    for (volatile uint32_t *w = __stack_limit; (uintptr_t)w < sp - 64; w++) *w = PAINT;
+    /* Everything below the stack pointer is free, and nothing is pushed
+     * until this function returns: paint it all. */
+    for (volatile uint32_t *w = __stack_limit; (uintptr_t)w < sp; w++) *w = PAINT;
 }
 
 void measure_end(const char *label)
