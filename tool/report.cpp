@@ -24,6 +24,8 @@ constexpr int kFewBits = 8;
 
 using MatrixPtr = std::unique_ptr<dl_matrix2d_t, decltype(&dl_matrix_free)>;
 using MatrixqPtr = std::unique_ptr<dl_matrix2dq_t, decltype(&dl_matrixq_free)>;
+using TensorPtr = std::unique_ptr<dl_matrix3d_t, decltype(&dl_matrix3d_free)>;
+using TensorqPtr = std::unique_ptr<dl_matrix3dq_t, decltype(&dl_matrix3dq_free)>;
 
 // While it lives, what the library prints on stdout and stderr (the loaders'
 // lines, the batch-norm warnings) goes to a temporary file instead, so that
@@ -96,7 +98,7 @@ std::string format(const char *fmt, long long a, long long b)
 
 void add_warnings(TableRow &row)
 {
-    const bool fixed = row.kind == TableKind::fixed_point_matrix;
+    const bool fixed = row.kind == TableKind::fixed_point_matrix || row.kind == TableKind::fixed_point_tensor;
     if (row.non_finite > 0) {
         row.warnings.push_back(
             {"non_finite", format("%lld NaN or infinite values in the source (of %lld)", row.non_finite, row.cmp.items)});
@@ -113,18 +115,58 @@ void add_warnings(TableRow &row)
     }
 }
 
-// The 2-D modes: one matrix loader, the converter's flags and pre-calculation.
-// False when memory ran out.
-bool analyse_file2d(const Settings &s, const ModelEntry &e, const std::string &file, ModelReport &r)
+// Loads one entry with the mode's loader, as kelvane would, and adds its row
+// or its reason to be skipped. False when memory ran out.
+bool analyse_file(const Settings &s, const ModelEntry &e, const std::string &file, ModelReport &r)
 {
     CapturedOutput captured;
-    MatrixPtr m(dl_matrix2d_from_numpy_file(e.path.c_str()), dl_matrix_free);
-    if (!m) {
+    const char *path = e.path.c_str();
+    const int flags = final_flags(s, e.name);
+    auto refused = [&] {
         r.skipped.push_back({file, reason_from(captured.finish(), e.path)});
         return true;
+    };
+    std::optional<TableRow> row;
+    switch (s.mode()) {
+    case Mode::quantised_2d:
+    case Mode::float_2d: {
+        MatrixPtr m(dl_matrix2d_from_numpy_file(path), dl_matrix_free);
+        if (!m) return refused();
+        row = analyse_matrix2d(m.get(), flags);
+        break;
     }
-    std::optional<TableRow> row = analyse_matrix2d(m.get(), final_flags(s, e.name));
+    case Mode::quantised_tensor: {
+        // The quantising loader gives the table, the float one the values
+        // the table stands for.
+        TensorqPtr q(dl_matrix3dq_weight_from_numpy_file(path), dl_matrix3dq_free);
+        if (!q) return refused();
+        TensorPtr f(dl_matrix3d_weight_from_numpy_file(path), dl_matrix3d_free);
+        if (!f) return refused();
+        row = analyse_tensor(f.get(), q.get());
+        break;
+    }
+    case Mode::float_tensor: {
+        TensorPtr f(dl_matrix3d_weight_from_numpy_file(path), dl_matrix3d_free);
+        if (!f) return refused();
+        row = analyse_tensor(f.get(), nullptr);
+        break;
+    }
+    case Mode::input_tensor: {
+        std::unique_ptr<dl_matrix3du_t, decltype(&dl_matrix3du_free)> t(dl_matrix3du_input_from_numpy_file(path),
+                                                                         dl_matrix3du_free);
+        if (!t) return refused();
+        row = analyse_input(t.get());
+        break;
+    }
+    }
     if (!row) return false;
+    if (s.tensor_flag) {
+        // kelvane writes a tensor in the mode's format whatever the lists say.
+        if (flags & MF_QUANTISED)
+            row->warnings.push_back({"ignored_option", "-exclude applies to 2-D matrices only: ignored"});
+        if (flags & MF_BATCHNORM)
+            row->warnings.push_back({"ignored_option", "-bnmatrices applies to 2-D matrices only: ignored"});
+    }
     row->file = file;
     row->name = e.name;
     r.tables.push_back(std::move(*row));
@@ -142,6 +184,58 @@ void check_model_info(const ModelEntry &e, const std::string &file, ModelReport 
     if (sink) fclose(sink);
     const std::string printed = captured.finish();
     if (!ok) r.info_error = reason_from(printed, e.path);
+}
+
+template <class Value>
+int64_t count_non_finite(int64_t count, Value value)
+{
+    int64_t n = 0;
+    for (int64_t i = 0; i < count; i++) n += !std::isfinite(value(i));
+    return n;
+}
+
+// A fixed-point table: item(i) * 2^exponent against value(i).
+template <class Value, class Item>
+void compare_fixed(TableRow &row, int64_t count, int exponent, Value value, Item item)
+{
+    unsigned largest = 0;
+    for (int64_t i = 0; i < count; i++) {
+        const fptp_t v = value(i);
+        const unsigned magnitude = static_cast<unsigned>(std::abs(static_cast<int>(item(i))));
+        largest = std::max(largest, magnitude);
+        // The exponent may lie beyond a float's range; in double an item
+        // times 2^exponent is exact.
+        row.cmp.add(v, std::ldexp(static_cast<double>(item(i)), exponent));
+        if (std::isfinite(v) && v != 0.0f && std::bit_width(magnitude) <= kFewBits) row.few_bit_items++;
+    }
+    row.exponent = exponent;
+    row.bits = static_cast<int>(std::bit_width(largest));
+    row.bytes = count * static_cast<int64_t>(sizeof(qtp_t));
+}
+
+// A float table holds what a compiler reads back from the text the table
+// writer prints (six decimals): print the items the same way and read them
+// again. Each ends in ", ". False if memory ran out.
+template <class Value>
+bool compare_float(TableRow &row, int64_t count, Value value)
+{
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *f = open_memstream(&text, &size);
+    if (!f) return false;
+    for (int64_t i = 0; i < count; i++) emit_float_item(f, value(i));
+    const bool written = fclose(f) == 0;
+    std::unique_ptr<char, decltype(&free)> owned(text, free);
+    if (!written) return false;
+    const char *p = text;
+    for (int64_t i = 0; i < count; i++) {
+        const fptp_t v = value(i);
+        // NaN and infinity stay themselves (as constant expressions).
+        row.cmp.add(v, std::isfinite(v) ? strtof(p, nullptr) : v);
+        p = strstr(p, ", ") + 2;
+    }
+    row.bytes = count * static_cast<int64_t>(sizeof(fptp_t));
+    return true;
 }
 
 bool parse_db(const char *text, double &db)
@@ -197,57 +291,58 @@ std::optional<TableRow> analyse_matrix2d(dl_matrix2d_t *m, int flags)
     row.shape = {m->h, m->w};
     row.kind = (flags & MF_QUANTISED) ? TableKind::fixed_point_matrix : TableKind::float_matrix;
     row.batch_norm = (flags & MF_BATCHNORM) != 0;
-    for (int y = 0; y < m->h; y++)
-        for (int x = 0; x < m->w; x++) row.non_finite += !std::isfinite(m->item[x + m->stride * y]);
+    const int64_t count = static_cast<int64_t>(m->w) * m->h;
+    // Item i of a float table is row-major, of a fixed-point table column-major.
+    auto row_major = [m](int64_t i) { return m->item[i % m->w + m->stride * (i / m->w)]; };
+    auto column_major = [m](int64_t i) { return m->item[i / m->h + m->stride * (i % m->h)]; };
+    row.non_finite = count_non_finite(count, row_major);
     if (row.batch_norm) precalculate_batch_norm(m);
 
-    const int64_t count = static_cast<int64_t>(m->w) * m->h;
-    if (row.kind == TableKind::fixed_point_matrix) {
+    if (row.kind == TableKind::float_matrix) {
+        if (!compare_float(row, count, row_major)) return std::nullopt;
+    } else {
         // The quantiser as the fixed-point table writer calls it.
         MatrixqPtr q(dl_matrixq_alloc(m->w, m->h), dl_matrixq_free);
         if (!q) return std::nullopt;
         dl_matrixq_from_matrix2d(m, q.get());
-        unsigned largest = 0;
-        for (int x = 0; x < m->w; x++) {
-            for (int y = 0; y < m->h; y++) {
-                const int item = q->itemq[y + q->stride * x];
-                const fptp_t v = m->item[x + m->stride * y];
-                const unsigned magnitude = static_cast<unsigned>(std::abs(item));
-                largest = std::max(largest, magnitude);
-                // The exponent may lie beyond a float's range; in double an
-                // item times 2^exponent is exact.
-                row.cmp.add(v, std::ldexp(static_cast<double>(item), q->exponent));
-                if (std::isfinite(v) && v != 0.0f && std::bit_width(magnitude) <= kFewBits) row.few_bit_items++;
-            }
-        }
-        row.exponent = q->exponent;
-        row.bits = static_cast<int>(std::bit_width(largest));
-        row.bytes = count * static_cast<int64_t>(sizeof(qtp_t));
-    } else {
-        // A float table holds what a compiler reads back from the text the
-        // table writer prints (six decimals): print the items the same way
-        // and read them again. Each ends in ", ".
-        char *text = nullptr;
-        size_t size = 0;
-        FILE *f = open_memstream(&text, &size);
-        if (!f) return std::nullopt;
-        for (int y = 0; y < m->h; y++)
-            for (int x = 0; x < m->w; x++) emit_float_item(f, m->item[x + m->stride * y]);
-        const bool written = fclose(f) == 0;
-        std::unique_ptr<char, decltype(&free)> owned(text, free);
-        if (!written) return std::nullopt;
-        const char *p = text;
-        for (int y = 0; y < m->h; y++) {
-            for (int x = 0; x < m->w; x++) {
-                const fptp_t v = m->item[x + m->stride * y];
-                // NaN and infinity stay themselves (as constant expressions).
-                row.cmp.add(v, std::isfinite(v) ? strtof(p, nullptr) : v);
-                p = strstr(p, ", ") + 2;
-            }
-        }
-        row.bytes = count * static_cast<int64_t>(sizeof(fptp_t));
+        const dl_matrix2dq_t *t = q.get();
+        compare_fixed(row, count, t->exponent, column_major,
+                      [t](int64_t i) { return t->itemq[i % t->h + t->stride * (i / t->h)]; });
     }
     add_warnings(row);
+    return row;
+}
+
+std::optional<TableRow> analyse_tensor(const dl_matrix3d_t *f, const dl_matrix3dq_t *q)
+{
+    TableRow row;
+    row.shape = {f->n, f->h, f->w, f->c};
+    row.kind = q ? TableKind::fixed_point_tensor : TableKind::float_tensor;
+    // Tensors are dense (stride == w*c): tables and records list the
+    // elements in storage order.
+    const int64_t count = static_cast<int64_t>(f->n) * f->h * f->w * f->c;
+    auto value = [f](int64_t i) { return f->item[i]; };
+    row.non_finite = count_non_finite(count, value);
+    if (!q) {
+        if (!compare_float(row, count, value)) return std::nullopt;
+    } else {
+        compare_fixed(row, count, q->exponent, value, [q](int64_t i) { return q->item[i]; });
+    }
+    add_warnings(row);
+    return row;
+}
+
+TableRow analyse_input(const dl_matrix3du_t *t)
+{
+    TableRow row;
+    row.shape = {t->h, t->w, t->c};
+    row.kind = TableKind::input_tensor;
+    row.compared = false;
+    const int64_t count = static_cast<int64_t>(t->h) * t->w * t->c;
+    unsigned largest = 0;
+    for (int64_t i = 0; i < count; i++) largest = std::max<unsigned>(largest, t->item[i]);
+    row.bits = static_cast<int>(std::bit_width(largest));
+    row.bytes = count * static_cast<int64_t>(sizeof(uc_t));
     return row;
 }
 
@@ -283,16 +378,6 @@ bool analyse_model(const Settings &s, ModelReport &r, FILE *err)
     r.modeldir = s.modeldir;
     r.mode = s.mode();
     r.exclude = s.float_flag && s.exclude_flag;
-    switch (r.mode) {
-    case Mode::quantised_2d:
-    case Mode::float_2d: break;
-    case Mode::quantised_tensor:
-    case Mode::float_tensor:
-    case Mode::input_tensor:
-        fputs("Tensor modes (-3d) are not available in this version of kelvane-report.\n", err);
-        return false;
-    }
-
     std::vector<std::string> entries;
     if (!list_model_dir(s.modeldir, entries)) {
         fprintf(err, "%s: %s\n", s.modeldir.c_str(), strerror(errno));
@@ -307,7 +392,7 @@ bool analyse_model(const Settings &s, ModelReport &r, FILE *err)
         case EntryKind::not_regular: r.skipped.push_back({file, "not a regular file"}); continue;
         case EntryKind::load: break;
         }
-        if (!analyse_file2d(s, e, file, r)) {
+        if (!analyse_file(s, e, file, r)) {
             fprintf(err, "%s: out of memory\n", e.path.c_str());
             return false;
         }

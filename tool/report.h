@@ -27,7 +27,7 @@ struct ReportSettings {
 // Messages go to err. Nothing when the run must stop with status 1.
 std::optional<ReportSettings> parse_report_options(int argc, const char *const *argv, FILE *err);
 
-enum class TableKind { float_matrix, fixed_point_matrix };
+enum class TableKind { float_matrix, fixed_point_matrix, float_tensor, fixed_point_tensor, input_tensor };
 
 // How far a table's items lie from the float values they stand for, added
 // up item by item.
@@ -49,19 +49,21 @@ struct Comparison {
 };
 
 struct Warning {
-    const char *code;  // "non_finite", "zero_root" or "outliers"
+    const char *code;  // "non_finite", "zero_root", "outliers" or "ignored_option"
     std::string text;
 };
 
 struct TableRow {
     std::string file;        // the directory entry
     std::string name;        // sanitised: the table's name in the generated code
-    std::vector<int> shape;  // rows, columns
+    std::vector<int> shape;  // rows, columns; filters, rows, columns, channels;
+                             // or rows, columns, channels of an input
+    bool compared = true;    // false for input tensors: no float values
     TableKind kind = TableKind::float_matrix;
     bool batch_norm = false;
     int64_t non_finite = 0;       // NaN or infinity among the values as loaded
     std::optional<int> exponent;  // fixed-point tables
-    std::optional<int> bits;      // bits of magnitude the largest item uses, of 15
+    std::optional<int> bits;      // bits of magnitude the largest item uses (of 15, or of 8)
     int64_t few_bit_items = 0;    // non-zero values whose item uses 8 bits or fewer
     int64_t bytes = 0;            // size of the item array in flash
     Comparison cmp;
@@ -95,6 +97,14 @@ struct ModelReport {
 // by the quantiser or with a float table of six decimals. Nothing if memory
 // ran out.
 std::optional<TableRow> analyse_matrix2d(dl_matrix2d_t *m, int flags);
+
+// A filter bank as loaded, against its fixed-point table q (as the
+// quantising loader gives it) or, without q, its float table.
+std::optional<TableRow> analyse_tensor(const dl_matrix3d_t *f, const dl_matrix3dq_t *q);
+
+// An 8-bit input tensor: its loader converts the file straight to bytes, so
+// there is no float to compare with; shape, bits and bytes only.
+TableRow analyse_input(const dl_matrix3du_t *t);
 
 // Reads the model directory as kelvane would in the mode of s. False, after
 // a message on err, when the directory cannot be scanned or memory runs out.

@@ -1,4 +1,5 @@
 // The report as an aligned text table and as JSON.
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -40,6 +41,9 @@ const char *kind_text(TableKind k)
     switch (k) {
     case TableKind::float_matrix: return "float";
     case TableKind::fixed_point_matrix: return "fixed point";
+    case TableKind::float_tensor: return "float tensor";
+    case TableKind::fixed_point_tensor: return "fixed-point tensor";
+    case TableKind::input_tensor: return "8-bit input";
     }
     return "";
 }
@@ -49,6 +53,9 @@ const char *kind_code(TableKind k)
     switch (k) {
     case TableKind::float_matrix: return "float";
     case TableKind::fixed_point_matrix: return "fixed_point";
+    case TableKind::float_tensor: return "float_tensor";
+    case TableKind::fixed_point_tensor: return "fixed_point_tensor";
+    case TableKind::input_tensor: return "input_tensor";
     }
     return "";
 }
@@ -181,7 +188,8 @@ void print_report_text(const ModelReport &r, const std::optional<double> &min_sn
         for (const Warning &w : t.warnings) warnings += (warnings.empty() ? "" : "; ") + w.text;
         rows.push_back({t.name, shape_text(t.shape), kind_text(t.kind) + std::string(t.batch_norm ? ", bn" : ""),
                         t.exponent ? std::to_string(*t.exponent) : "-", t.bits ? std::to_string(*t.bits) : "-",
-                        snr_text(t.cmp), format("%.3g", t.cmp.max_abs_error), share_text(t.cmp),
+                        t.compared ? snr_text(t.cmp) : "-", t.compared ? format("%.3g", t.cmp.max_abs_error) : "-",
+                        t.compared ? share_text(t.cmp) : "-",
                         std::to_string(t.bytes), warnings});
     }
     print_table(out, rows, {false, false, false, true, true, true, true, true, true, false});
@@ -203,7 +211,8 @@ void print_report_text(const ModelReport &r, const std::optional<double> &min_sn
     if (const TableRow *worst = r.worst()) {
         fprintf(out, ", worst SNR %s dB in %s\n", snr_text(worst->cmp).c_str(), worst->name.c_str());
     } else {
-        fputs(r.tables.empty() ? "\n" : ", every table exact\n", out);
+        const bool compared = std::any_of(r.tables.begin(), r.tables.end(), [](const TableRow &t) { return t.compared; });
+        fputs(compared ? ", every table exact\n" : "\n", out);
     }
     if (min_snr) {
         const auto low = r.below(*min_snr);
@@ -232,8 +241,9 @@ void print_report_json(const ModelReport &r, const std::optional<double> &min_sn
                 "\"non_finite\": %lld, \"bytes\": %lld, \"warnings\": [%s]}",
                 i ? "," : "", json_string(t.file).c_str(), json_string(t.name).c_str(), shape.c_str(),
                 kind_code(t.kind), t.batch_norm ? "true" : "false", json_optional(t.exponent).c_str(),
-                json_optional(t.bits).c_str(), json_snr(t.cmp).c_str(), json_number(t.cmp.max_abs_error).c_str(),
-                json_number(t.cmp.zeroed_share()).c_str(), static_cast<long long>(t.non_finite),
+                json_optional(t.bits).c_str(), json_snr(t.cmp).c_str(),
+                t.compared ? json_number(t.cmp.max_abs_error).c_str() : "null",
+                t.compared ? json_number(t.cmp.zeroed_share()).c_str() : "null", static_cast<long long>(t.non_finite),
                 static_cast<long long>(t.bytes), warnings.c_str());
     }
     fputs(r.tables.empty() ? "],\n" : "\n  ],\n", out);
