@@ -250,7 +250,7 @@ void print_usage(const char *prog, FILE *err)
 {
     fprintf(err, "Usage: %s modeldir [--json] [--min-snr DB] [kelvane's options]\n", prog);
     fputs("Reports what quantisation costs each table that kelvane would write from modeldir with these\n"
-          "options (-no-quantized, -exclude (a,b), -bnmatrices v1,v2). Writes no file.\n"
+          "options (-no-quantized, -exclude (a,b), -bnmatrices v1,v2, -3d, -in). Writes no file.\n"
           "--json: the report as JSON\n"
           "--min-snr DB: exit status 1 when a table's signal-to-noise ratio lies below DB\n",
           err);
