@@ -471,7 +471,7 @@ class AgreementTest : public testing::TestWithParam<AgreementCase> {};
 
 struct GeneratedTable {
     std::string name;
-    bool fixed;
+    int item_size;  // bytes
     int64_t count;  // items
     std::optional<int> exponent;
 };
@@ -485,10 +485,11 @@ std::vector<GeneratedTable> generated_tables(const std::string &cfile)
     const std::string tail = "_item_array[]={";
     bool in_items = false;
     for (std::string line; std::getline(in, line);) {
-        for (const auto &[head, fixed] : {std::pair{"const static qtp_t ", true}, {"const static fptp_t ", false}}) {
+        for (const auto &[head, size] :
+             {std::pair{"const static qtp_t ", 2}, {"const static fptp_t ", 4}, {"const static uc_t ", 1}}) {
             const size_t n = strlen(head);
             if (line.compare(0, n, head) == 0 && line.ends_with(tail)) {
-                tables.push_back({line.substr(n, line.size() - n - tail.size()), fixed, 0, std::nullopt});
+                tables.push_back({line.substr(n, line.size() - n - tail.size()), size, 0, std::nullopt});
                 in_items = true;
             }
         }
@@ -523,9 +524,8 @@ TEST_P(AgreementTest, TablesAndFlashBytes)
     for (size_t i = 0; i < generated.size(); i++) {
         const GeneratedTable &g = generated[i];
         const TableRow &t = r.tables[i];
-        const int64_t size = g.count * (g.fixed ? 2 : 4);
+        const int64_t size = g.count * g.item_size;
         EXPECT_EQ(t.name, g.name);
-        EXPECT_EQ(t.kind, g.fixed ? TableKind::fixed_point_matrix : TableKind::float_matrix) << g.name;
         EXPECT_EQ(t.bytes, size) << g.name;
         EXPECT_EQ(t.exponent, g.exponent) << g.name;
         bytes += size;
@@ -548,7 +548,15 @@ INSTANTIATE_TEST_SUITE_P(
                     AgreementCase{"tests/data/fetch_model", {"-no-quantized", "-exclude", "(dense,odd)"}},
                     AgreementCase{"tests/data/fetch_model", {"-bnmatrices", "tiny,zero"}},
                     AgreementCase{"tests/data/hostile_model", {}},
-                    AgreementCase{"tests/data/hostile_model", {"-no-quantized"}}),
-    [](const auto &info) { return test_name(info.param.dir + std::to_string(info.param.opts.size())); });
+                    AgreementCase{"tests/data/hostile_model", {"-no-quantized"}},
+                    AgreementCase{"tests/data/tensor", {"-3d"}},
+                    AgreementCase{"tests/data/tensor", {"-3d", "-no-quantized"}},
+                    AgreementCase{"tests/data/tensor", {"-3d", "-in"}},
+                    AgreementCase{"examples/digits/conv", {"-3d", "-exclude", "(fc1_w)"}}),
+    [](const auto &info) {
+        std::string what = info.param.dir;
+        for (const char *o : info.param.opts) what += o;
+        return test_name(what);
+    });
 
 }  // namespace
