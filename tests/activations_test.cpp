@@ -74,22 +74,6 @@ TEST(Sigmoid, NoJumpUpToTheLastEntry)
     EXPECT_EQ(dl_sigmoid_op(-2.0f), 1.0f - dl_sigmoid_op(2.0f));
 }
 
-TEST(ActivationMatrices, ViewInPlaceTouchesOnlyTheView)
-{
-    // A 2 x 2 view inside a 3 x 2 matrix, as the LSTM's gates are.
-    MatrixPtr m = matrix(3, 2, {-1.0f, 0.25f, 9.0f, 1.25f, 7.0f, -9.0f});
-    MatrixPtr v = own(dl_matrix_slice(m.get(), 0, 0, 2, 2, nullptr));
-    dl_sigmoid(v.get(), v.get());
-    EXPECT_EQ(m->item[1], dl_sigmoid_op(0.25f));
-    EXPECT_EQ(m->item[3], dl_sigmoid_op(1.25f));
-    dl_tanh(v.get(), v.get());
-    EXPECT_EQ(m->item[0], dl_tanh_op(dl_sigmoid_op(-1.0f)));
-    dl_relu(v.get(), 0.5f, v.get());
-    EXPECT_EQ(m->item[4], 0.5f);
-    EXPECT_EQ(m->item[2], 9.0f);
-    EXPECT_EQ(m->item[5], -9.0f);
-}
-
 TEST(Softmax, OverTheWholeMatrix)
 {
     MatrixPtr z = matrix(2, 2, {0, 0, 0, 0});
@@ -172,18 +156,6 @@ INSTANTIATE_TEST_SUITE_P(
                     // Aligned values beyond 32 bits saturate, tiny ones end at 0 or -1.
                     AlignCase{20, {1, -1, 0}, {32767, 0, 16382}}, AlignCase{1, {-32768}, {0}},
                     AlignCase{-60, {32767, -32767}, {16382, 16385}}, AlignCase{-5, {}, {}}));
-
-TEST(TanhQ, ThroughTheFloatTanh)
-{
-    MatrixqPtr m = qmatrix(3, 1, -12, {0, 4096, -16384});  // 0, 1.0, -4.0
-    MatrixqPtr out = qmatrix(3, 1, 7, {9, 9, 9});
-    dl_tanh_q(m.get(), out.get());
-    EXPECT_EQ(out->exponent, -15);
-    EXPECT_EQ(item(out.get(), 0, 0), 0);
-    EXPECT_EQ(item(out.get(), 1, 0), dl_tanh_op_q(32768));
-    EXPECT_EQ(item(out.get(), 2, 0), -32767);
-    EXPECT_EQ(m->exponent, -12);
-}
 
 struct ReluCase {
     float clip;

@@ -157,9 +157,12 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
  *
  * padding 0: wo = (in->w - filter_w) / stride_x + 1 windows from column 0,
  * the remainder dropped; filter_w <= in->w is asserted (ho alike).
- * padding p >= 1: wo = ceil(in->w / stride_x); in sits in a zero frame p *
- * (filter_w - 1 rounded up to even) / 2 wide on each side, and the windows
- * are centred on what the frame leaves over (ho alike). Strides >= 1. */
+ * padding p >= 1: wo = ceil(in->w / stride_x). With k = filter_w - 1 rounded
+ * up to even, in sits in a zero frame p * k / 2 wide on each side, and the
+ * first window starts min(k / 2, ceil(r / 2)) into the framed matrix, r being
+ * what windows run from 0 leave over at the end (0 if none); ho alike.
+ * Strides are at least 1. Each channel sums its window's places in
+ * ascending order from 0.0, one float rounding per step, then adds bias. */
 dl_matrix2d_t *dl_basic_conv_layer(const dl_matrix2d_t *in, const dl_matrix2d_t *filter, const dl_matrix2d_t *bias,
                                    int filter_w, int filter_h, int out_channels, int stride_x, int stride_y,
                                    int padding, dl_matrix2d_t *out);

@@ -412,8 +412,8 @@ ConvAxis conv_axis(int size, int filter, int stride, int padding)
     a.padded = size + k * padding;
     const int rem = a.padded - filter - (a.n - 1) * stride;
     // The windows are moved in by half of what is left over, rounded up,
-    // and by no more than half the margin: padding enlarges the margin but
-    // does not move them further.
+    // but no further than k / 2, the margin of padding 1: a larger padding
+    // widens the margin without moving the windows along.
     if (rem <= 0) a.offset = 0;
     else if (rem > half) a.offset = half;
     else a.offset = half - static_cast<int>(floor((2 * half - rem) / 2.0));
@@ -454,20 +454,17 @@ dl_matrix2d_t *conv_output(dl_matrix2d_t *out, int out_channels, int wo, int ho)
     return out;
 }
 
-// The channels of one position: out[oc] = bias[oc] + the sum over the
-// window's places i, ascending, of weight(oc, i) * window[i]. The channels
-// are summed side by side (each its own float chain in the same order), so
-// the inner loop runs across a row of the filter.
-void channel_sums(const dl_matrix2d_t *filter, const dl_matrix2d_t *bias, const fptp_t *window, int places,
-                  int out_channels, fptp_t *__restrict out)
+// A record over caller-owned items, made on the stack: the views below
+// cost no allocation.
+dl_matrix2d_t view_of(fptp_t *items, int w, int h, int stride)
 {
-    for (int oc = 0; oc < out_channels; oc++) out[oc] = 0.0f;
-    for (int i = 0; i < places; i++) {
-        const fptp_t v = window[i];
-        const fptp_t *__restrict w = filter->item + filter->stride * i;
-        for (int oc = 0; oc < out_channels; oc++) out[oc] = w[oc] * v + out[oc];
-    }
-    for (int oc = 0; oc < out_channels; oc++) out[oc] = bias->item[oc] + out[oc];
+    dl_matrix2d_t v;
+    v.w = w;
+    v.h = h;
+    v.stride = stride;
+    v.flags = DL_MF_FOREIGNDATA;
+    v.item = items;
+    return v;
 }
 
 }  // namespace
@@ -488,21 +485,37 @@ dl_matrix2d_t *dl_basic_conv_layer(const dl_matrix2d_t *in, const dl_matrix2d_t 
     const dl_matrix2d_t *source = padded ? padded : in;
     out = conv_output(out, out_channels, geo.x.n, geo.y.n);
 
-    // One window buffer for the whole call, filled once per position and
-    // used by every channel.
-    dl_matrix2d_t *flat = nullptr;
-    fptp_t *dst = out->item;
+    // Each window is flattened once, as one row of `windows`, and serves
+    // every channel. A whole row of positions then goes through one product
+    // with the filter, straight into out: its rows are positions, its columns
+    // channels, which is out's own order. Each sum runs over the window's
+    // places in ascending order from 0.0 with separate roundings, as it would
+    // position by position, and the bias is added last.
+    const int places = filter_w * filter_h;
+    const int wo = geo.x.n;
+    dl_matrix2d_t *windows = dl_matrix_alloc(places, wo);
+    DL_ASSERT(windows);
+    // The filter's first `places` rows and `out_channels` columns: the caller
+    // may pass a larger one.
+    const dl_matrix2d_t weights = view_of(filter->item, out_channels, places, filter->stride);
     for (int oy = 0; oy < geo.y.n; oy++) {
-        for (int ox = 0; ox < geo.x.n; ox++) {
-            flat = dl_matrix_flatten(source, ox * stride_x + geo.x.offset, oy * stride_y + geo.y.offset, filter_w,
-                                     filter_h, flat);
-            DL_ASSERT(flat);
-            channel_sums(filter, bias, flat->item, flat->w, out_channels, dst);
-            dst += out_channels;
+        const int y0 = oy * stride_y + geo.y.offset;
+        for (int ox = 0; ox < wo; ox++) {
+            const int x0 = ox * stride_x + geo.x.offset;
+            fptp_t *flat = windows->item + windows->stride * ox;
+            for (int dy = 0; dy < filter_h; dy++)
+                for (int dx = 0; dx < filter_w; dx++)
+                    flat[dy * filter_w + dx] = source->item[(x0 + dx) + source->stride * (y0 + dy)];
         }
+        fptp_t *row = out->item + static_cast<size_t>(oy) * wo * out_channels;
+        dl_matrix2d_t sums = view_of(row, out_channels, wo, out_channels);
+        dl_matrix_dot(windows, &weights, &sums);
+        for (int ox = 0; ox < wo; ox++)
+            for (int oc = 0; oc < out_channels; oc++)
+                row[ox * out_channels + oc] = bias->item[oc] + row[ox * out_channels + oc];
     }
     dl_matrix_free(padded);
-    dl_matrix_free(flat);
+    dl_matrix_free(windows);
     return out;
 }
 
@@ -528,24 +541,33 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     const dl_matrix2dq_t *source = padded ? padded : qin;
     out = conv_output(out, out_channels, geo.x.n, geo.y.n);
 
-    // The window and the view of this position's channels in out are made
-    // at the first position and reused: the product writes straight into out.
-    dl_matrix2dq_t *flat = nullptr;
-    dl_matrix2d_t *slice = nullptr;
-    int pos = 0;
+    // As in the float layer, a row of positions is one product: each window
+    // flattened once into a row of `windows` (at the input's one exponent),
+    // each position's channels formed as exact sums, rounded once to float
+    // and scaled, straight into out; then the bias, position by position.
+    const int places = filter_w * filter_h;
+    const int wo = geo.x.n;
+    dl_matrix2dq_t *windows = dl_matrixq_alloc(places, wo);
+    DL_ASSERT(windows);
+    windows->exponent = source->exponent;
     for (int oy = 0; oy < geo.y.n; oy++) {
-        for (int ox = 0; ox < geo.x.n; ox++) {
-            flat = dl_matrixq_flatten(source, ox * stride_x + geo.x.offset, oy * stride_y + geo.y.offset, filter_w,
-                                      filter_h, flat);
-            slice = dl_matrix_slice(out, pos * out_channels, 0, out_channels, 1, slice);
-            DL_ASSERT(flat && slice);
-            dl_matrixq_dot_matrix_out(flat, filter, slice);
-            dl_matrix_add(slice, bias, slice);
-            pos++;
+        const int y0 = oy * stride_y + geo.y.offset;
+        for (int ox = 0; ox < wo; ox++) {
+            const int x0 = ox * stride_x + geo.x.offset;
+            for (int dy = 0; dy < filter_h; dy++)
+                for (int dx = 0; dx < filter_w; dx++)
+                    windows->itemq[ox + windows->stride * (dy * filter_w + dx)] =
+                        source->itemq[(y0 + dy) + source->stride * (x0 + dx)];
+        }
+        fptp_t *row = out->item + static_cast<size_t>(oy) * wo * out_channels;
+        dl_matrix2d_t sums = view_of(row, out_channels, wo, out_channels);
+        dl_matrixq_dot_matrix_out(windows, filter, &sums);
+        for (int ox = 0; ox < wo; ox++) {
+            dl_matrix2d_t position = view_of(row + ox * out_channels, out_channels, 1, out_channels);
+            dl_matrix_add(&position, bias, &position);
         }
     }
-    dl_matrix_free(slice);
-    dl_matrixq_free(flat);
+    dl_matrixq_free(windows);
     dl_matrixq_free(qin);
     dl_matrixq_free(padded);
     return out;
