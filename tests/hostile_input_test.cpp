@@ -107,6 +107,85 @@ INSTANTIATE_TEST_SUITE_P(
                   npy_bytes(kF4 + "(2,), }" + std::string(65535 - kF4.size() - 7, ' '), raw<float>({1, 2})), 2, 1}),
     [](const auto &info) { return std::string(info.param.label); });
 
+// The three tensor loaders, each under the same limits; dims are the fields
+// n, w, h, c of the result.
+enum class Loader { weights, weights_q, input };
+
+struct TensorBound {
+    const char *label;
+    Loader loader;
+    std::string file;
+    int n = -1, w = -1, h = -1, c = -1;  // n = -1: refused
+};
+
+void PrintTo(const TensorBound &c, std::ostream *os) { *os << c.label; }
+
+class TensorLoaderBoundTest : public testing::TestWithParam<TensorBound> {};
+
+template <class Tensor>
+bool has_dims(const Tensor *t, const TensorBound &c)
+{
+    if (c.n < 0) return t == nullptr;
+    return t != nullptr && t->n == c.n && t->w == c.w && t->h == c.h && t->c == c.c;
+}
+
+TEST_P(TensorLoaderBoundTest, TakesLittleMemoryAndTime)
+{
+    const TensorBound &c = GetParam();
+    TempFile file(c.file);
+    const bool ok = within_limits(64, 5, [&] {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        bool right = false;
+        switch (c.loader) {
+        case Loader::weights: {
+            dl_matrix3d_t *t = dl_matrix3d_weight_from_numpy_file(file.path());
+            right = has_dims(t, c);
+            dl_matrix3d_free(t);
+            break;
+        }
+        case Loader::weights_q: {
+            dl_matrix3dq_t *t = dl_matrix3dq_weight_from_numpy_file(file.path());
+            right = has_dims(t, c);
+            dl_matrix3dq_free(t);
+            break;
+        }
+        case Loader::input: {
+            dl_matrix3du_t *t = dl_matrix3du_input_from_numpy_file(file.path());
+            right = has_dims(t, c);
+            dl_matrix3du_free(t);
+            break;
+        }
+        }
+        const bool quiet = testing::internal::GetCapturedStdout().empty();
+        // A refusal's last line names the file and says why.
+        const std::string err = testing::internal::GetCapturedStderr();
+        const size_t last = err.rfind('\n', err.size() - 2);
+        const std::string last_line = err.substr(last == std::string::npos ? 0 : last + 1);
+        return right && quiet && (c.n >= 0 || last_line.rfind(file.path(), 0) == 0);
+    });
+    EXPECT_TRUE(ok);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, TensorLoaderBoundTest,
+    testing::Values(
+        // Found by fuzzing: without elements (h or n zero) the count passed,
+        // and the row stride w * c overflowed an int in the allocation.
+        TensorBound{"weights_stride_beyond_int", Loader::weights, npy_bytes(kF4 + "(0, 65536, 65536, 1), }", ""), -1},
+        TensorBound{"weights_q_stride_beyond_int", Loader::weights_q, npy_bytes(kF4 + "(2, 65536, 65536, 0), }", ""),
+                    -1},
+        TensorBound{"input_stride_beyond_int", Loader::input, npy_bytes(kF4 + "(0, 4, 2147483647), }", ""), -1},
+        TensorBound{"weights_without_elements", Loader::weights, npy_bytes(kF4 + "(0, 2, 3, 4), }", ""), 4, 2, 0, 3},
+        TensorBound{"weights_billions_promised", Loader::weights, npy_bytes(kF4 + "(2000000000, 1, 1, 1), }", ""),
+                    -1},
+        // The row path goes on after short rows, but not into a tensor
+        // larger than the whole file.
+        TensorBound{"weights_rows_billions_promised", Loader::weights_q,
+                    npy_bytes(kF4 + "(40000, 50000), }", raw<float>({1, 2})), -1},
+        TensorBound{"input_billions_promised", Loader::input, npy_bytes(kF4 + "(2000000000, 1, 1), }", ""), -1}),
+    [](const auto &info) { return std::string(info.param.label); });
+
 // --- The converter on hostile directories -----------------------------------
 
 class HostileDirectoryTest : public testing::Test {
@@ -158,9 +237,9 @@ TEST_F(HostileDirectoryTest, BillionsPromisedAreRefusedWithoutAllocating)
     const char *const shapes[] = {"(2000000000, 1)", "(65536, 65536)", "(1000000, 1000)"};
     for (int i = 0; i < 3; i++)
         write("w" + std::to_string(i) + ".npy", npy_bytes(kF4 + shapes[i] + ", }", raw<float>({1})));
-    for (const char *mode : {"", "-no-quantized"}) {
-        std::vector<std::string> options;
-        if (*mode) options.push_back(mode);
+    const std::vector<std::vector<std::string>> modes = {{}, {"-no-quantized"}, {"-3d"}, {"-3d", "-no-quantized"},
+                                                         {"-3d", "-in"}};
+    for (const std::vector<std::string> &options : modes) {
         EXPECT_TRUE(convert_within(
             64, 10, 0,
             [](const std::string &out) {
@@ -171,7 +250,7 @@ TEST_F(HostileDirectoryTest, BillionsPromisedAreRefusedWithoutAllocating)
                 return warnings == 3;
             },
             options))
-            << mode;
+            << options.size() << " options";
     }
 }
 

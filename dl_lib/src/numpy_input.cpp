@@ -290,6 +290,8 @@ void print_unsupported(const char *path, const int *entries, int found, const ch
 
 // Elements of a tensor of these dimensions, or -1 (after a message) when a
 // dimension is negative or the count does not fit a signed 32-bit integer.
+// The row stride w * c is an int of the record too: with h or n zero the
+// count is 0 whatever w * c is, so that product is checked by itself.
 int64_t checked_count(const char *path, const int *entries, int found, int n, int w, int h, int c)
 {
     if (n < 0 || w < 0 || h < 0 || c < 0) {
@@ -297,7 +299,7 @@ int64_t checked_count(const char *path, const int *entries, int found, int n, in
         return -1;
     }
     const int64_t count = static_cast<int64_t>(n) * w * h * c;
-    if (count > INT32_MAX) {
+    if (count > INT32_MAX || static_cast<int64_t>(w) * c > INT32_MAX) {
         print_unsupported(path, entries, found, "more than 2147483647 elements");
         return -1;
     }
