@@ -100,8 +100,8 @@ void add_warnings(TableRow &row)
 {
     const bool fixed = row.kind == TableKind::fixed_point_matrix || row.kind == TableKind::fixed_point_tensor;
     if (row.non_finite > 0) {
-        row.warnings.push_back(
-            {"non_finite", format("%lld NaN or infinite values in the source (of %lld)", row.non_finite, row.cmp.items)});
+        row.warnings.push_back({"non_finite", format("%lld NaN or infinite values in the source (of %lld)",
+                                                     row.non_finite, row.cmp.items)});
     }
     if (row.batch_norm && row.cmp.zero_in_table > 0) {
         row.warnings.push_back({"zero_root", format("%lld of %lld batch-norm roots are 0 in the table: the layer "

@@ -211,7 +211,8 @@ void print_report_text(const ModelReport &r, const std::optional<double> &min_sn
     if (const TableRow *worst = r.worst()) {
         fprintf(out, ", worst SNR %s dB in %s\n", snr_text(worst->cmp).c_str(), worst->name.c_str());
     } else {
-        const bool compared = std::any_of(r.tables.begin(), r.tables.end(), [](const TableRow &t) { return t.compared; });
+        const bool compared =
+            std::any_of(r.tables.begin(), r.tables.end(), [](const TableRow &t) { return t.compared; });
         fputs(compared ? ", every table exact\n" : "\n", out);
     }
     if (min_snr) {
