@@ -30,8 +30,9 @@ dl_matrix2d_t *dl_matrix2d_from_numpy_file(const char *path);
  * first four entries; three entries are refused. Element types '<f4',
  * '<f8', '<i4' and '<i8' (the first of these in the header wins). Prints
  * "filter <path>: matrix shape:(<n>, <w>, <h>, <c>)." to stderr on the way.
- * A 2-D file that ends early still loads: each short row is reported and
- * left 0. Free the result with dl_matrix3d_free. */
+ * A 2-D file that ends early still loads, as long as its tensor takes no
+ * more bytes than the file: each short row is reported and left 0. Free the
+ * result with dl_matrix3d_free. */
 dl_matrix3d_t *dl_matrix3d_weight_from_numpy_file(const char *path);
 
 /* The same, quantised with dl_matrixq_from_matrix3d (one exponent for all

@@ -1,7 +1,5 @@
 #include "dl_lib_tensor.h"
 
-#include <type_traits>
-
 #include "dl_lib_internal.h"
 
 using namespace dl;
@@ -26,8 +24,8 @@ Tensor *alloc_tensor(int n, int w, int h, int c, const char *failure)
     auto *t = static_cast<Tensor *>(calloc(1, sizeof(Tensor)));
     if (!t) return nullptr;
     const int64_t count = element_count(n, w, h, c);
-    using Element = std::remove_pointer_t<decltype(t->item)>;
-    if (count >= 0) t->item = static_cast<Element *>(calloc(count > 0 ? static_cast<size_t>(count) : 1, sizeof(Element)));
+    if (count >= 0)
+        t->item = static_cast<decltype(t->item)>(calloc(count > 0 ? static_cast<size_t>(count) : 1, sizeof *t->item));
     if (!t->item) {
         puts(failure);
         free(t);
