@@ -70,7 +70,8 @@ TEST(TensorRecord, UnholdableShapesFailWithTheMessage)
 {
     const struct {
         int n, w, h, c;
-    } cases[] = {{-1, 2, 2, 2}, {1, -3, 2, 2}, {-1, -1, 1, 1}, {65536, 65536, 1, 1}, {2, 1024, 1024, 1024}};
+    } cases[] = {{-1, 2, 2, 2}, {1, -3, 2, 2}, {-1, -1, 1, 1}, {65536, 65536, 1, 1}, {2, 1024, 1024, 1024},
+                 {0, 4, 2, INT32_MAX}};
     for (const auto &c : cases) {
         testing::internal::CaptureStdout();
         EXPECT_EQ(dl_matrix3d_alloc(c.n, c.w, c.h, c.c), nullptr);

@@ -6,13 +6,14 @@ using namespace dl;
 
 namespace {
 
-// Elements of a tensor, or -1 when a dimension is negative or the count
-// does not fit a signed 32-bit integer: such a tensor cannot be held.
+// Elements of a tensor, or -1 when a dimension is negative, or the count or
+// the row stride w*c does not fit a signed 32-bit integer (with n or h 0 the
+// count is 0 whatever the stride): such a tensor cannot be held.
 int64_t element_count(int n, int w, int h, int c)
 {
     if (n < 0 || w < 0 || h < 0 || c < 0) return -1;
     const int64_t count = static_cast<int64_t>(n) * w * h * c;
-    return count > INT32_MAX ? -1 : count;
+    return count > INT32_MAX || static_cast<int64_t>(w) * c > INT32_MAX ? -1 : count;
 }
 
 // Zeroed record and elements; all three tensor types share the steps and
