@@ -1,13 +1,13 @@
 // A C++ consumer of the three tensor modes, one generated pair of each in
 // one program: getter_3dq is called directly, getter_3d through the typed
-// accessors of dl_lib_coefgetter_if.h. The generated headers are included
-// inside extern "C", so the records keep their C names on every compiler.
+// accessors of dl_lib_coefgetter_if.h. One generated header is included as
+// it is, the others inside extern "C": both ways link to the C records.
 #include <cstdio>
 
+#include "tensors_q.h"
 extern "C" {
 #include "tensors_f.h"
 #include "tensors_in.h"
-#include "tensors_q.h"
 }
 
 int main()
