@@ -35,7 +35,8 @@ constexpr bool kAddressSanitizer = false;
 #endif
 
 // Runs f in a child that may use mb more megabytes of address space than the
-// test process has now and cpu_seconds of CPU time; true if f returned true.
+// test process has now, cpu_seconds of CPU time and four times that of wall
+// time; true if f returned true.
 bool within_limits(long mb, int cpu_seconds, const std::function<bool()> &f)
 {
     long pages = 0;
@@ -48,6 +49,7 @@ bool within_limits(long mb, int cpu_seconds, const std::function<bool()> &f)
     if (pid == 0) {
         const rlimit cpu = {static_cast<rlim_t>(cpu_seconds), static_cast<rlim_t>(cpu_seconds)};
         setrlimit(RLIMIT_CPU, &cpu);
+        alarm(static_cast<unsigned>(cpu_seconds) * 4);  // a blocked child uses no CPU time
         if (!kAddressSanitizer && pages > 0) {
             const rlim_t bytes = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (static_cast<rlim_t>(mb) << 20);
             const rlimit as = {bytes, bytes};
@@ -273,6 +275,17 @@ TEST_F(HostileDirectoryTest, MegabyteLinesOfModelInfoAreReadInPieces)
     // The same with the significant line behind it.
     write("_MODEL_INFO_", std::string(4 << 20, '_') + "\nkws_v1_hey_3_0.8_0.6\n");
     EXPECT_TRUE(convert_within(16, 10, 0, [](const std::string &out) { return out.empty(); }));
+}
+
+TEST_F(HostileDirectoryTest, ModelInfoThatIsAFifoIsNotOpened)
+{
+    // Found by fuzzing: the name alone made it the information file, and
+    // opening a FIFO for reading waits for a writer that never comes.
+    ASSERT_EQ(mkfifo((model_ + "/_MODEL_INFO_").c_str(), 0600), 0);
+    write("w.npy", npy_bytes(kF4 + "(1,), }", raw<float>({1})));
+    EXPECT_TRUE(convert_within(16, 5, 0, [](const std::string &out) {
+        return out == "WARNING: Could not parse file _MODEL_INFO_, not converting.\n";
+    }));
 }
 
 // --- Names and values the generated C must hold ------------------------------

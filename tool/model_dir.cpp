@@ -32,20 +32,22 @@ ModelEntry classify_entry(const std::string &modeldir, const char *entry_name)
     ModelEntry e{EntryKind::load, sanitize_name(entry_name), modeldir + "/" + entry_name};
     if (entry_name[0] == '.') {
         e.kind = EntryKind::hidden;
-    } else if (strcmp(entry_name, kModelInfoFilename) == 0) {
-        e.kind = EntryKind::model_info;
+        return e;
+    }
+    // Opening a FIFO or a device could block or never end; such an entry is
+    // neither a coefficient file nor the model information, whatever its
+    // name. Directories go on to the loader, which refuses them.
+    struct stat st;
+    const bool special = stat(e.path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode);
+    if (strcmp(entry_name, kModelInfoFilename) == 0) {
+        e.kind = special ? EntryKind::not_regular : EntryKind::model_info;
     } else if (!is_c_identifier(e.name)) {
         // The name becomes C identifiers in the generated source: anything
         // else would not compile, or would put text of the directory into
         // the code.
         e.kind = EntryKind::bad_name;
-    } else {
-        // Opening a FIFO or a device could block or never end; such an entry
-        // is no coefficient file. Directories go on to the loader, which
-        // refuses them.
-        struct stat st;
-        if (stat(e.path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))
-            e.kind = EntryKind::not_regular;
+    } else if (special) {
+        e.kind = EntryKind::not_regular;
     }
     return e;
 }
