@@ -26,7 +26,7 @@ while getopts "t:n:" opt; do
 done
 shift $((OPTIND - 1))
 harnesses=("$@")
-[ ${#harnesses[@]} -gt 0 ] || harnesses=(matrix2d model_info convert)
+[ ${#harnesses[@]} -gt 0 ] || harnesses=(matrix2d weight3d weight3dq input3du model_info convert)
 
 build=${KELVANE_FUZZ_BUILD:-build/fuzz}
 cc=${CC:-$(command -v clang-14 || command -v clang)}
@@ -36,8 +36,8 @@ cmake -S . -B "$build" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" -DCM
 cmake --build "$build" -j 2 --target "${harnesses[@]/%/_fuzzer}"
 
 # Per harness: seed corpus and the largest input worth trying.
-declare -A seeds=([matrix2d]=npy [model_info]=model_info [convert]=convert)
-declare -A max_len=([matrix2d]=4096 [model_info]=8192 [convert]=16384)
+declare -A seeds=([matrix2d]=npy [weight3d]=npy [weight3dq]=npy [input3du]=npy [model_info]=model_info [convert]=convert)
+declare -A max_len=([matrix2d]=4096 [weight3d]=4096 [weight3dq]=4096 [input3du]=4096 [model_info]=8192 [convert]=16384)
 
 mkdir -p "$build/artifacts" "$build/logs"
 for h in "${harnesses[@]}"; do
@@ -56,5 +56,5 @@ for h in "${harnesses[@]}"; do
         echo "== $h: FINDING, see $log and $build/artifacts/"
         exit 1
     fi
-    grep -aE "^#[0-9]+ *DONE|^stat::number_of_executed_units|^stat::peak_rss_mb" "$log" || tail -n 5 "$log"
+    grep -aE "^#[0-9]+[[:space:]]+DONE|^stat::number_of_executed_units|^stat::peak_rss_mb" "$log" || tail -n 5 "$log"
 done
