@@ -71,7 +71,10 @@ std::string format(const char *fmt, Args... args)
 std::string shape_text(const std::vector<int> &shape)
 {
     std::string s;
-    for (size_t i = 0; i < shape.size(); i++) s += (i ? "x" : "") + std::to_string(shape[i]);
+    for (size_t i = 0; i < shape.size(); i++) {
+        if (i) s += 'x';
+        s += std::to_string(shape[i]);
+    }
     return s;
 }
 

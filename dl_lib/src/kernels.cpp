@@ -1,5 +1,7 @@
 #include "kernels_internal.h"
 
+#include <atomic>
+
 // The instruction-set kernels are built on x86-64 only, each source file
 // with its own target flags; every other target runs the plain loops.
 #if defined(DL_LIB_X86_KERNELS) && defined(__x86_64__)
@@ -46,8 +48,19 @@ bool isa_usable(Isa isa)
 Isa detected_isa()
 {
 #if DL_X86_KERNELS
-    static const Isa best = isa_usable(Isa::avx512) ? Isa::avx512 : isa_usable(Isa::avx2) ? Isa::avx2 : Isa::none;
-    return best;
+    // Worked out on the first call and kept. A plain static with an atomic
+    // rather than a function-local static: the latter needs the C++ runtime's
+    // guard functions, which a C program linking the library lacks. Two
+    // threads racing on the first call store the same value.
+    static std::atomic<int> cached{-1};
+    int best = cached.load(std::memory_order_relaxed);
+    if (best < 0) {
+        best = static_cast<int>(isa_usable(Isa::avx512) ? Isa::avx512
+                                : isa_usable(Isa::avx2) ? Isa::avx2
+                                                        : Isa::none);
+        cached.store(best, std::memory_order_relaxed);
+    }
+    return static_cast<Isa>(best);
 #else
     return Isa::none;
 #endif
