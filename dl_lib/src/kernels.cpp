@@ -1,11 +1,10 @@
 #include "kernels_internal.h"
 
-#include <atomic>
-
 // The instruction-set kernels are built on x86-64 only, each source file
 // with its own target flags; every other target runs the plain loops.
 #if defined(DL_LIB_X86_KERNELS) && defined(__x86_64__)
 #define DL_X86_KERNELS 1
+#include <atomic>  // bare-metal toolchains ship no C++ headers: x86-64 only
 namespace dl::avx2 {
 bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);
 bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out);
