@@ -259,7 +259,7 @@ TEST_F(HostileDirectoryTest, BillionsPromisedAreRefusedWithoutAllocating)
 TEST_F(HostileDirectoryTest, ThousandsOfFilesKeepOneMatrixAtATime)
 {
     const std::string row = npy_bytes(kF4 + "(64,), }", raw<float>(std::vector<float>(64, 0.5f)));
-    for (int i = 0; i < 3000; i++) write("w" + std::to_string(i) + ".npy", row);
+    for (int i = 0; i < 3000; i++) write(std::string("w").append(std::to_string(i)).append(".npy"), row);
     // 3000 matrices of 64 floats: less than a megabyte of data in all, and
     // the names list; nothing near the limit unless every matrix is kept.
     EXPECT_TRUE(convert_within(32, 30, 0, [](const std::string &out) { return out.empty(); }));
