@@ -293,9 +293,15 @@ void dl_matrixq_div(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2
             // The dividend gains `shift` fractional bits in 32 bits; the
             // quotient truncates toward zero. A zero divisor, outside the
             // contract, saturates by the dividend's sign instead of trapping.
-            const int64_t num = dl::shl(a->itemq[y + a->stride * x], shift);
-            const int64_t den = b->itemq[y + b->stride * x];
-            const int64_t q = den != 0 ? num / den : num > 0 ? dl::kItemMax : num < 0 ? -dl::kItemMax : 0;
+            // 32-bit division, a single instruction on the device; only
+            // INT32_MIN / -1 would overflow it, and any quotient of a
+            // divisor of -1 is the negated dividend.
+            const int32_t num = dl::shl(a->itemq[y + a->stride * x], shift);
+            const int32_t den = b->itemq[y + b->stride * x];
+            int64_t q;
+            if (den == 0) q = num > 0 ? dl::kItemMax : num < 0 ? -dl::kItemMax : 0;
+            else if (den == -1) q = -static_cast<int64_t>(num);
+            else q = num / den;
             out->itemq[y + out->stride * x] = static_cast<qtp_t>(dl::saturate(q));
         }
     }
