@@ -329,7 +329,11 @@ INSTANTIATE_TEST_SUITE_P(
                     QPairCase{"mul_largest", mul_op, kMax, 1, -kMax, 2, 0, -16384, 19},
                     QPairCase{"div_truncates", dl_matrixq_div, 7, 0, 2, 0, 0, 3, 0},
                     QPairCase{"div_truncates_negative", dl_matrixq_div, -7, 0, 2, 0, 0, -3, 0},
-                    QPairCase{"div_saturates", dl_matrixq_div, kMax, 3, 1, 1, 1, kMax, 1}),
+                    QPairCase{"div_saturates", dl_matrixq_div, kMax, 3, 1, 1, 1, kMax, 1},
+                    // -32768 << 16 is the lowest 32-bit integer: divided by -1
+                    // it must saturate, not overflow.
+                    QPairCase{"div_lowest_by_minus_one", dl_matrixq_div, -32768, 0, -1, 0, 16, kMax, -16},
+                    QPairCase{"div_by_minus_one", dl_matrixq_div, -300, 0, -1, 0, 2, 1200, -2}),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST(QMul, ZerosStillRaiseExponent)
