@@ -5,8 +5,9 @@
 #   args      the arguments after the program name, one per line
 #   model/    copied to the scratch directory as ./model (optional)
 #   stdout, stderr, status   what the run must print and return
-#   out/      every file here must equal the file of the same name written
-#             in the scratch directory (typically demo.c and demo.h)
+#   out/      <file>.expected for every .c and .h file the run must write in
+#             the scratch directory (typically demo.c and demo.h); kept as
+#             data, not sources, so no tool takes them for project code
 # With the environment variable KELVANE_UPDATE_GOLDEN=1 the run rewrites the
 # expectations instead; review the diff before committing it.
 cmake_minimum_required(VERSION 3.21)
@@ -45,10 +46,11 @@ if(update)
   file(GLOB produced RELATIVE "${WORK_DIR}" "${WORK_DIR}/*.c" "${WORK_DIR}/*.h")
   file(REMOVE_RECURSE "${CASE_DIR}/out")
   foreach(f IN LISTS produced)
-    configure_file("${WORK_DIR}/${f}" "${CASE_DIR}/out/${f}" COPYONLY)
+    configure_file("${WORK_DIR}/${f}" "${CASE_DIR}/out/${f}.expected" COPYONLY)
   endforeach()
 else()
-  file(GLOB expected_files RELATIVE "${CASE_DIR}/out" "${CASE_DIR}/out/*")
+  file(GLOB expected_files RELATIVE "${CASE_DIR}/out" "${CASE_DIR}/out/*.expected")
+  list(TRANSFORM expected_files REPLACE "\\.expected$" "")
   file(GLOB produced RELATIVE "${WORK_DIR}" "${WORK_DIR}/*.c" "${WORK_DIR}/*.h")
   foreach(f IN LISTS produced)
     if(NOT f IN_LIST expected_files)
@@ -59,11 +61,11 @@ else()
     if(NOT EXISTS "${WORK_DIR}/${f}")
       string(APPEND failures "${f} was not written.\n")
     else()
-      execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files "${CASE_DIR}/out/${f}" "${WORK_DIR}/${f}"
+      execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files "${CASE_DIR}/out/${f}.expected" "${WORK_DIR}/${f}"
                       RESULT_VARIABLE differs)
       if(differs)
         file(READ "${WORK_DIR}/${f}" actual)
-        string(APPEND failures "${f} differs from out/${f}:\n${actual}\n")
+        string(APPEND failures "${f} differs from out/${f}.expected:\n${actual}\n")
       endif()
     endif()
   endforeach()
