@@ -56,14 +56,16 @@ inline FilterBank expected_filter_bank(const uint8_t *data, size_t size)
         b.reason = "Unknown var format";
         return b;
     }
-    const int64_t count = static_cast<int64_t>(b.n) * b.w * b.h * b.c;
+    // Four entries of up to 2^31 each: the product needs more than 64 bits.
+    const __int128 wide = static_cast<__int128>(b.n) * b.w * b.h * b.c;
     // The row stride w * c must fit an int too, also in a tensor without
     // elements.
-    if (found == 3 || b.n < 0 || b.w < 0 || b.h < 0 || b.c < 0 || count > INT32_MAX ||
+    if (found == 3 || b.n < 0 || b.w < 0 || b.h < 0 || b.c < 0 || wide > INT32_MAX ||
         static_cast<int64_t>(b.w) * b.c > INT32_MAX) {
         b.reason = "unsupported shape";
         return b;
     }
+    const int64_t count = static_cast<int64_t>(wide);
     const int64_t avail = static_cast<int64_t>(f.data.size()) / elem_width(type);
     if (avail < count) {
         // A row-by-row read goes on past short rows, unless the tensor would

@@ -34,7 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         w = s[1];
         c = s[2];
         type = find_elem(f.header, {Elem::f4, Elem::f8, Elem::u1, Elem::i4, Elem::i8});
-        const int64_t count = static_cast<int64_t>(h) * w * c;
+        // Three entries of up to 2^31 each: the product needs more than 64 bits.
+        const __int128 count = static_cast<__int128>(h) * w * c;
         if (h == -1)
             reason = "error parsing shape";
         else if (type == Elem::none)

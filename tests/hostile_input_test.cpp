@@ -178,6 +178,12 @@ INSTANTIATE_TEST_SUITE_P(
         TensorBound{"weights_q_stride_beyond_int", Loader::weights_q, npy_bytes(kF4 + "(2, 65536, 65536, 0), }", ""),
                     -1},
         TensorBound{"input_stride_beyond_int", Loader::input, npy_bytes(kF4 + "(0, 4, 2147483647), }", ""), -1},
+        // Found by fuzzing: entries near 2^31 overflowed the 64-bit product
+        // of the element count.
+        TensorBound{"weights_count_beyond_64_bits", Loader::weights,
+                    npy_bytes(kF4 + "(2000000000, 1000000, 1000736, 65536), }", ""), -1},
+        TensorBound{"input_count_beyond_64_bits", Loader::input,
+                    npy_bytes(kF4 + "(2000000000, 1000000, 1000736), }", ""), -1},
         TensorBound{"weights_without_elements", Loader::weights, npy_bytes(kF4 + "(0, 2, 3, 4), }", ""), 4, 2, 0, 3},
         TensorBound{"weights_billions_promised", Loader::weights, npy_bytes(kF4 + "(2000000000, 1, 1, 1), }", ""),
                     -1},
@@ -187,6 +193,15 @@ INSTANTIATE_TEST_SUITE_P(
                     npy_bytes(kF4 + "(40000, 50000), }", raw<float>({1, 2})), -1},
         TensorBound{"input_billions_promised", Loader::input, npy_bytes(kF4 + "(2000000000, 1, 1), }", ""), -1}),
     [](const auto &info) { return std::string(info.param.label); });
+
+TEST(TensorAlloc, DimensionsBeyondAnyCountAreRefused)
+{
+    // The same product in the allocator: four dimensions of 2^31 - 1.
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(dl_matrix3d_alloc(INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX), nullptr);
+    EXPECT_EQ(dl_matrix3du_alloc(INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX), nullptr);
+    testing::internal::GetCapturedStdout();
+}
 
 // --- The converter on hostile directories -----------------------------------
 

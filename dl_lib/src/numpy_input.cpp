@@ -298,7 +298,13 @@ int64_t checked_count(const char *path, const int *entries, int found, int n, in
         print_unsupported(path, entries, found, nullptr);
         return -1;
     }
-    const int64_t count = static_cast<int64_t>(n) * w * h * c;
+    // Multiplied one entry at a time and stopped beyond INT32_MAX: four
+    // entries near 2^31 would overflow even 64 bits.
+    const int dims[] = {n, w, h, c};
+    int64_t count = 1;
+    for (int d : dims)
+        if (count <= INT32_MAX) count *= d;
+    if (n == 0 || w == 0 || h == 0 || c == 0) count = 0;
     if (count > INT32_MAX || static_cast<int64_t>(w) * c > INT32_MAX) {
         print_unsupported(path, entries, found, "more than 2147483647 elements");
         return -1;

@@ -12,7 +12,13 @@ namespace {
 int64_t element_count(int n, int w, int h, int c)
 {
     if (n < 0 || w < 0 || h < 0 || c < 0) return -1;
-    const int64_t count = static_cast<int64_t>(n) * w * h * c;
+    // One factor at a time, stopping beyond INT32_MAX: four dimensions near
+    // 2^31 would overflow even 64 bits.
+    const int dims[] = {n, w, h, c};
+    int64_t count = 1;
+    for (int d : dims)
+        if (count <= INT32_MAX) count *= d;
+    if (n == 0 || w == 0 || h == 0 || c == 0) count = 0;
     return count > INT32_MAX || static_cast<int64_t>(w) * c > INT32_MAX ? -1 : count;
 }
 
