@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,26 @@ inline MatrixPtr matrix(int w, int h, const std::vector<float> &values)
     for (int i = 0; i < w * h; i++) m->item[i] = values[i];
     return m;
 }
+
+// Names a parameterised test by its case's `name` field.
+struct CaseName {
+    template <class Info>
+    std::string operator()(const Info &info) const
+    {
+        return info.param.name;
+    }
+};
+
+// One asserted condition of a contract: a call that must end the process,
+// and a regular expression its message must match. The records such calls
+// allocate are never freed.
+struct DeathCase {
+    const char *name;
+    void (*call)();
+    const char *message;
+};
+
+inline void PrintTo(const DeathCase &c, std::ostream *os) { *os << c.name; }
 
 // The bytes of a version 1.0 .npy file with the given header text and data.
 inline std::string npy_bytes(const std::string &header, const std::string &data)
