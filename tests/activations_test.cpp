@@ -74,15 +74,11 @@ TEST(Sigmoid, NoJumpUpToTheLastEntry)
     EXPECT_EQ(dl_sigmoid_op(-2.0f), 1.0f - dl_sigmoid_op(2.0f));
 }
 
-TEST(Softmax, OverTheWholeMatrix)
+TEST(Softmax, OverTheWholeMatrixWithoutGuards)
 {
     MatrixPtr z = matrix(2, 2, {0, 0, 0, 0});
     dl_softmax(z.get(), z.get());
     for (int i = 0; i < 4; i++) EXPECT_EQ(z->item[i], 0.25f);  // a row sums to 0.5
-
-    MatrixPtr one = matrix(1, 1, {-3.0f});
-    dl_softmax(one.get(), one.get());
-    EXPECT_EQ(one->item[0], 1.0f);
 
     // In place equals out of place.
     MatrixPtr a = matrix(3, 1, {1.0f, -2.0f, 0.5f}), out = own(dl_matrix_alloc(3, 1));
@@ -90,17 +86,12 @@ TEST(Softmax, OverTheWholeMatrix)
     dl_softmax(a.get(), a.get());
     for (int i = 0; i < 3; i++) EXPECT_EQ(a->item[i], out->item[i]);
     EXPECT_NEAR(out->item[0], fast_exp(1.0, 8) / (fast_exp(1.0, 8) + fast_exp(-2.0, 8) + fast_exp(0.5, 8)), 1e-7);
-}
 
-TEST(Softmax, NoGuardAgainstOverflowOrZeros)
-{
-    MatrixPtr big = matrix(2, 1, {200.0f, 1.0f});  // infinite sum
+    // An infinite sum, and 0 / 0.
+    MatrixPtr big = matrix(2, 1, {200.0f, 1.0f}), zeros = matrix(2, 1, {-256.0f, -256.0f});
     dl_softmax(big.get(), big.get());
-    EXPECT_TRUE(std::isnan(big->item[0]));
-    EXPECT_EQ(big->item[1], 0.0f);
-
-    MatrixPtr zeros = matrix(2, 1, {-256.0f, -256.0f});  // 0 / 0
     dl_softmax(zeros.get(), zeros.get());
+    EXPECT_TRUE(std::isnan(big->item[0]) && big->item[1] == 0.0f);
     EXPECT_TRUE(std::isnan(zeros->item[0]) && std::isnan(zeros->item[1]));
 }
 
@@ -162,14 +153,16 @@ struct ReluCase {
     int exponent, limit;
 };
 
+void PrintTo(const ReluCase &c, std::ostream *os) { *os << "clip " << c.clip << " at exponent " << c.exponent; }
+
 class ReluQTest : public testing::TestWithParam<ReluCase> {};
 
 TEST_P(ReluQTest, LimitAtTheExponent)
 {
     const ReluCase &c = GetParam();
-    MatrixqPtr m = qmatrix(2, 3, c.exponent, {-5, 0, 1, 96, 200, 32767});
+    const std::vector<int> in = {-5, 0, 1, 96, 200, 32767};
+    MatrixqPtr m = qmatrix(2, 3, c.exponent, in);
     dl_relu_q(m.get(), c.clip, m.get());
-    const int in[] = {-5, 0, 1, 96, 200, 32767};
     for (int i = 0; i < 6; i++) {
         const int want = in[i] < 0 ? 0 : in[i] > c.limit ? c.limit : in[i];
         EXPECT_EQ(item(m.get(), i % 2, i / 2), want) << i;
@@ -206,10 +199,7 @@ TEST(SoftmaxQ, QuarterOfZeroMatrixAndInPlace)
     MatrixqPtr empty = qmatrix(0, 1, 4, {});
     dl_softmax_q(empty.get(), empty.get());
     EXPECT_EQ(empty->exponent, 4);
-}
 
-TEST(SoftmaxQ, ResultWithNoItemStaysAtExponentMinus15)
-{
     // 100.0 dwarfs the rest: its quotient rounds to 1.0; 120.0 overflows
     // fast_exp and its quotient is NaN. Both become the largest item, and the
     // others keep their meaning at -15.
@@ -225,18 +215,25 @@ TEST(SoftmaxQ, ResultWithNoItemStaysAtExponentMinus15)
 
 // ---- Contract ------------------------------------------------------------
 
-using ActivationDeathTest = testing::Test;
+class ActivationDeathTest : public testing::TestWithParam<DeathCase> {};
 
-TEST_F(ActivationDeathTest, ShapesDiffer)
-{
-    MatrixPtr a = matrix(2, 1, {1, 2}), b = own(dl_matrix_alloc(1, 2));
-    EXPECT_DEATH(dl_sigmoid(a.get(), b.get()), "dl_sigmoid: Assertion `dl_matrix_same_shape\\(in, out\\)' failed");
-    EXPECT_DEATH(dl_tanh(a.get(), b.get()), "dl_tanh: Assertion `dl_matrix_same_shape\\(in, out\\)' failed");
-    EXPECT_DEATH(dl_relu(a.get(), 1.0f, b.get()), "dl_relu: Assertion `dl_matrix_same_shape\\(in, out\\)' failed");
-    MatrixqPtr p = qmatrix(2, 1, 0, {1, 2}), q = own(dl_matrixq_alloc(1, 2));
-    EXPECT_DEATH(dl_sigmoid_q(p.get(), q.get()), "dl_sigmoid_q: Assertion `dl_matrixq_same_shape\\(in, out\\)' failed");
-    EXPECT_DEATH(dl_tanh_q(p.get(), q.get()), "dl_tanh_q: Assertion `dl_matrixq_same_shape\\(in, out\\)' failed");
-    EXPECT_DEATH(dl_relu_q(p.get(), 1.0f, q.get()), "dl_relu_q: Assertion `dl_matrixq_same_shape\\(in, out\\)' failed");
-}
+TEST_P(ActivationDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
+
+dl_matrix2d_t *f(int w, int h) { return dl_matrix_alloc(w, h); }
+dl_matrix2dq_t *q(int w, int h) { return dl_matrixq_alloc(w, h); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Conditions, ActivationDeathTest,
+    testing::Values(
+        DeathCase{"sigmoid", [] { dl_sigmoid(f(2, 1), f(1, 2)); },
+                  "dl_sigmoid: Assertion `dl_matrix_same_shape\\(in, out\\)' failed"},
+        DeathCase{"tanh", [] { dl_tanh(f(2, 1), f(1, 2)); }, "dl_tanh: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
+        DeathCase{"relu", [] { dl_relu(f(2, 1), 1.0f, f(1, 2)); }, "dl_relu: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
+        DeathCase{"sigmoid_q", [] { dl_sigmoid_q(q(2, 1), q(1, 2)); },
+                  "dl_sigmoid_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
+        DeathCase{"tanh_q", [] { dl_tanh_q(q(2, 1), q(1, 2)); }, "dl_tanh_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
+        DeathCase{"relu_q", [] { dl_relu_q(q(2, 1), 1.0f, q(1, 2)); },
+                  "dl_relu_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"}),
+    CaseName());
 
 }  // namespace

@@ -10,19 +10,12 @@ using namespace testutil;
 namespace {
 
 struct LoadCase {
-    const char *label;
+    const char *name;
     std::string file;        // whole file contents
     std::string stderr_text; // with "@" standing for the path
     int w, h;                // -1: the load must fail
     std::vector<float> items;
 };
-
-std::string replace_at(std::string text, const std::string &path)
-{
-    for (size_t p = text.find('@'); p != std::string::npos; p = text.find('@', p + path.size()))
-        text.replace(p, 1, path);
-    return text;
-}
 
 const std::string kF4 = "{'descr': '<f4', 'fortran_order': False, 'shape': ";
 
@@ -48,10 +41,8 @@ std::vector<LoadCase> load_cases()
         {"f8_narrowed", npy_bytes("{'descr': '<f8', 'shape': (2,)}", raw<double>({0.1, -1e300})),
          "@: matrix of 1 by 2.\n", 2, 1, {0.1f, -INFINITY}},
         // Failures: one thing broken each.
-        {"empty_file", "", "@: too short\n", -1, -1, {}},
         {"nine_bytes", std::string("\x93NUMPY\x01\x00\x00", 9), "@: too short\n", -1, -1, {}},
         {"bad_magic", std::string("\x93NUMPX\x01\x00\x00\x00", 10), "@: invalid magic\n", -1, -1, {}},
-        {"text_file", "hello, this is text\n", "@: invalid magic\n", -1, -1, {}},
         {"empty_header", npy_bytes("", ""), "@: no shape\n", -1, -1, {}},
         {"double_quoted_key", npy_bytes("{\"descr\": '<f4', \"shape\": (1,)}", six), "@: no shape\n", -1, -1, {}},
         {"empty_shape", npy_bytes(kF4 + "(), }", six), "@: error parsing shape\n", -1, -1, {}},
@@ -77,7 +68,7 @@ std::vector<LoadCase> load_cases()
     };
 }
 
-void PrintTo(const LoadCase &c, std::ostream *os) { *os << c.label; }
+void PrintTo(const LoadCase &c, std::ostream *os) { *os << c.name; }
 
 class LoadTest : public testing::TestWithParam<LoadCase> {};
 
@@ -87,21 +78,17 @@ TEST_P(LoadTest, MatrixLoader)
     TempFile file(c.file);
     testing::internal::CaptureStderr();
     MatrixPtr m = own(dl_matrix2d_from_numpy_file(file.path()));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), replace_at(c.stderr_text, file.path()));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), with_path(c.stderr_text, file.path()));
     if (c.w < 0) {
         EXPECT_EQ(m, nullptr);
         return;
     }
     ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->w, c.w);
-    EXPECT_EQ(m->h, c.h);
-    EXPECT_EQ(m->stride, c.w);
-    EXPECT_EQ(m->flags, 0u);
-    for (size_t i = 0; i < c.items.size(); i++) EXPECT_EQ(m->item[i], c.items[i]) << "item " << i;
+    EXPECT_EQ(std::tuple(m->w, m->h, m->stride, m->flags), std::tuple(c.w, c.h, c.w, 0u));
+    EXPECT_EQ(std::vector<float>(m->item, m->item + c.w * c.h), c.items);
 }
 
-INSTANTIATE_TEST_SUITE_P(Bytes, LoadTest, testing::ValuesIn(load_cases()),
-                         [](const auto &info) { return std::string(info.param.label); });
+INSTANTIATE_TEST_SUITE_P(Bytes, LoadTest, testing::ValuesIn(load_cases()), CaseName());
 
 // Files written by numpy.save (tests/data/make_fixtures.py).
 struct FixtureCase {
@@ -127,9 +114,8 @@ TEST_P(FixtureTest, NumpyWrittenFiles)
         return;
     }
     ASSERT_NE(m, nullptr) << err;
-    EXPECT_EQ(m->w, c.w);
-    EXPECT_EQ(m->h, c.h);
-    for (size_t i = 0; i < c.items.size(); i++) EXPECT_EQ(m->item[i], c.items[i]) << c.file << " item " << i;
+    EXPECT_EQ(std::tuple(m->w, m->h), std::tuple(c.w, c.h));
+    EXPECT_EQ(std::vector<float>(m->item, m->item + c.w * c.h), c.items);
 }
 
 const std::vector<float> kBase = {-10, -5, 0, 5, 10, 15};
@@ -154,18 +140,12 @@ INSTANTIATE_TEST_SUITE_P(
         return name;
     });
 
-TEST(MatrixLoader, MissingFileGivesPerrorLine)
+TEST(MatrixLoader, MissingFileAndDirectory)
 {
     testing::internal::CaptureStderr();
     EXPECT_EQ(dl_matrix2d_from_numpy_file("/nonexistent/x.npy"), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "/nonexistent/x.npy: No such file or directory\n");
-}
-
-TEST(MatrixLoader, DirectoryIsTooShort)
-{
-    testing::internal::CaptureStderr();
     EXPECT_EQ(dl_matrix2d_from_numpy_file("/tmp"), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "/tmp: too short\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "/nonexistent/x.npy: No such file or directory\n/tmp: too short\n");
 }
 
 }  // namespace

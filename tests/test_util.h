@@ -63,6 +63,14 @@ std::string raw(const std::vector<T> &values)
     return std::string(reinterpret_cast<const char *>(values.data()), values.size() * sizeof(T));
 }
 
+// The expected messages of a loader, with "@" standing for the file's path.
+inline std::string with_path(std::string text, const std::string &path)
+{
+    for (size_t p = text.find('@'); p != std::string::npos; p = text.find('@', p + path.size()))
+        text.replace(p, 1, path);
+    return text;
+}
+
 // A file in the test's temporary directory, removed with the object.
 class TempFile {
 public:
