@@ -85,13 +85,7 @@ void reference_cell(const dl_matrix2d_t *in, std::vector<float> &c, std::vector<
     }
 }
 
-std::vector<float> items_of(const dl_matrix2d_t *m)
-{
-    std::vector<float> v;
-    for (int y = 0; y < m->h; y++)
-        for (int x = 0; x < m->w; x++) v.push_back(m->item[x + m->stride * y]);
-    return v;
-}
+std::vector<float> items_of(const dl_matrix2d_t *m) { return std::vector<float>(m->item, m->item + m->w * m->h); }
 
 struct LstmCase {
     int rows, inputs, units, extra_columns;
@@ -195,10 +189,8 @@ QState q_step(const std::vector<int> &weight, int w_exponent, const std::vector<
 
 void expect_state(const QState &got, const QState &want)
 {
-    EXPECT_EQ(got.c_item, want.c_item);
-    EXPECT_EQ(got.c_exponent, want.c_exponent);
-    EXPECT_EQ(got.h_item, want.h_item);
-    EXPECT_EQ(got.h_exponent, want.h_exponent);
+    EXPECT_EQ(std::tuple(got.c_item, got.c_exponent, got.h_item, got.h_exponent),
+              std::tuple(want.c_item, want.c_exponent, want.h_item, want.h_exponent));
 }
 
 TEST(LstmQ, ExponentTrailWithZeroWeight)
