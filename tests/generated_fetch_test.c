@@ -14,13 +14,8 @@
 
 static int failures;
 
-#define CHECK(cond)                                                      \
-    do {                                                                 \
-        if (!(cond)) {                                                   \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            failures++;                                                  \
-        }                                                                \
-    } while (0)
+#define CHECK(cond) \
+    ((cond) ? (void)0 : (void)(failures++, fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond)))
 
 /* The source values of the fixture model, as its generator writes them. */
 static float source_value(int seed, int i, const char *name)
@@ -86,11 +81,10 @@ static void check_quantised(const struct entry *e, const dl_matrix2dq_t *m)
 
 static void check_model_info(const model_info_t *info)
 {
-    CHECK(info->word_num == 2);
-    CHECK(strcmp(info->word_list[0], "hey") == 0 && strcmp(info->word_list[1], "stop") == 0);
+    CHECK(info->word_num == 2 && strcmp(info->word_list[0], "hey") == 0 && strcmp(info->word_list[1], "stop") == 0);
     CHECK(info->win_list[0] == 5 && info->win_list[1] == 3);
-    CHECK(info->thresh_list[0] == 0.72f && info->thresh_list[1] == 0.65f);
-    CHECK(info->thresh_list[2] == 0.8f && info->thresh_list[3] == 0.7f);
+    CHECK(info->thresh_list[0] == 0.72f && info->thresh_list[1] == 0.65f && info->thresh_list[2] == 0.8f &&
+          info->thresh_list[3] == 0.7f);
     CHECK(strcmp(info->info_str, "kws_v1_hey_5_0.72_0.65_stop_x_0.8_0.7") == 0);
 }
 

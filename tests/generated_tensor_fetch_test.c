@@ -13,13 +13,8 @@
 
 static int failures;
 
-#define CHECK(cond)                                                                  \
-    do {                                                                             \
-        if (!(cond)) {                                                               \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            failures++;                                                              \
-        }                                                                            \
-    } while (0)
+#define CHECK(cond) \
+    ((cond) ? (void)0 : (void)(failures++, fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond)))
 
 #if FETCH_MODE == 3 || FETCH_MODE == 4
 /* Element i of a filter file, in its C order, as the generator writes it. */
@@ -33,11 +28,7 @@ struct filter_entry {
     int seed, n, w, h, c, two_d;
 };
 
-static const struct filter_entry filters[] = {
-    {"bias", 0, 1, 1, 1, 5, 0},
-    {"conv", 1, 4, 2, 3, 2, 0},
-    {"dense", 2, 1, 3, 2, 1, 1},
-};
+static const struct filter_entry filters[] = {{"bias", 0, 1, 1, 1, 5, 0}, {"conv", 1, 4, 2, 3, 2, 0}, {"dense", 2, 1, 3, 2, 1, 1}};
 
 /* Where filter i's element at row y, column x, channel ch stood in the file. */
 static int file_index(const struct filter_entry *e, int i, int y, int x, int ch)
@@ -103,17 +94,14 @@ int main(void)
     CHECK(info->word_num == 2 && strcmp(info->word_list[1], "stop") == 0);
     CHECK(GETTER.getter_f == NULL && GETTER.getter_q == NULL);
 #if FETCH_MODE == 3
-    CHECK(GETTER.getter_3d == NULL);
-    CHECK(GETTER.getter_3dq("nothing", NULL, 0) == NULL);
-    check_filters();
+    CHECK(GETTER.getter_3d == NULL && GETTER.getter_3dq("nothing", NULL, 0) == NULL);
 #else
-    CHECK(GETTER.getter_3dq == NULL);
-    CHECK(dl_get_coeff_3d(&GETTER, "nothing", NULL, 0) == NULL);
-#if FETCH_MODE == 4
-    check_filters();
-#else
-    check_images();
+    CHECK(GETTER.getter_3dq == NULL && dl_get_coeff_3d(&GETTER, "nothing", NULL, 0) == NULL);
 #endif
+#if FETCH_MODE == 5
+    check_images();
+#else
+    check_filters();
 #endif
     if (failures) fprintf(stderr, "%d checks failed\n", failures);
     return failures != 0;
