@@ -8,7 +8,8 @@
 void dl_batch_normalize_get_sqrtvar(const dl_matrix2d_t *variance, fptp_t epsilon, dl_matrix2d_t *out)
 {
     DL_ASSERT(dl_matrix_same_shape(variance, out));
-    for (int y = 0; y < variance->h; y++) {
+    // Bounded by both sides, so an empty matrix of two billion rows costs nothing.
+    for (int y = 0; y < variance->h && variance->w > 0; y++) {
         for (int x = 0; x < variance->w; x++) {
             const fptp_t s = variance->item[x + variance->stride * y] + epsilon;
             fptp_t root = 0.0f;

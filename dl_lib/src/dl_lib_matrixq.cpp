@@ -14,8 +14,9 @@ dl_matrix2dq_t *dl_matrixq_alloc(int w, int h)
     auto *m = static_cast<dl_matrix2dq_t *>(calloc(1, sizeof(dl_matrix2dq_t)));
     if (!m) return nullptr;
     // Columns of odd height get one spare slot, so every column starts on an
-    // even item.
-    int stride = (h > 1 && (h & 1)) ? h + 1 : h;
+    // even item. INT32_MAX has no even neighbour in range; a matrix that tall
+    // can only be empty, as its items would not be addressable, and keeps h.
+    const int stride = (h > 1 && (h & 1) && h < INT32_MAX) ? h + 1 : h;
     m->itemq = static_cast<qtp_t *>(calloc(static_cast<size_t>(w) * static_cast<size_t>(stride), sizeof(qtp_t)));
     if (!m->itemq && w != 0 && stride != 0) {
         free(m);
@@ -99,8 +100,9 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t 
     const fptp_t half = 0.5f * pow2f(e);
     // Half a unit is added before scaling and the product truncates toward
     // zero: positives round to nearest (halves up), negatives end up to one
-    // unit above their nearest item.
-    for (int x = 0; x < m->w; x++) {
+    // unit above their nearest item. The row count bounds the column walk
+    // too: an empty matrix may still have two billion columns.
+    for (int x = 0; x < m->w && m->h > 0; x++) {
         for (int y = 0; y < m->h; y++) {
             fptp_t s = m->item[x + m->stride * y] + half;
             fptp_t p = s * mult;
@@ -118,7 +120,7 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d_by_qmf(const dl_matrix2d_t *m, dl_matri
     DL_ASSERT(m->h==out->h);
     const fptp_t limit = static_cast<fptp_t>(INT32_C(1) << (m_bit - 1));
     const fptp_t scale = static_cast<fptp_t>(INT32_C(1) << f_bit);
-    for (int x = 0; x < m->w; x++) {
+    for (int x = 0; x < m->w && m->h > 0; x++) {
         for (int y = 0; y < m->h; y++) {
             fptp_t v = m->item[x + m->stride * y];
             if (v > limit) v = limit;
