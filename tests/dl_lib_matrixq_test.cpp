@@ -95,6 +95,16 @@ TEST(MatrixqRecord, AllocAndFree)
         EXPECT_EQ(q->exponent, -31);
         EXPECT_EQ(q->flags, 0u);
     }
+    // Empty matrices as a hostile file can declare them: the greatest height
+    // keeps an odd stride (h + 1 overflows), and the quantiser neither walks
+    // two billion empty columns nor finds a range in them.
+    for (auto [w, h] : {std::pair{0, INT32_MAX}, {INT32_MAX, 0}}) {
+        MatrixqPtr q = own(dl_matrixq_alloc(w, h));
+        EXPECT_EQ(q->stride, h) << w << " x " << h;
+        dl_matrix2d_t *f = dl_matrix_from_data(w, h, w, nullptr);
+        EXPECT_EQ(dl_matrixq_from_matrix2d(f, q.get())->exponent, 0);
+        dl_matrix_free(f);
+    }
     qtp_t items[2] = {7, 8};
     auto *m = static_cast<dl_matrix2dq_t *>(calloc(1, sizeof(dl_matrix2dq_t)));
     *m = {1, 2, 2, DL_MF_FOREIGNDATA, 0, items};
