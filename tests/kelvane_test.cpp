@@ -128,7 +128,6 @@ TEST_P(ModelInfoTest, Emit)
 INSTANTIATE_TEST_SUITE_P(
     Files, ModelInfoTest,
     testing::Values(
-        InfoCase{"six_fields_no_newline", "a_b_w_9_abc_0.1236", "", "9", "0.000, 0.124, ", "w", "a_b_w_9_abc_0.1236"},
         // Seven and eight fields are no count of 2 + 4k; window 0 is out of range.
         InfoCase{"skips_wrong_counts", "a_b_c_d_e_f_g\na_b_c_d_e_f_g_h\nx_y_z_0_1_2\nx_y_w_1_1_1\n",
                  "WARNING: Could not parse string 0, should be 1~9, set to default 3", "3", "1.000, 2.000, ", "z",
