@@ -1,5 +1,8 @@
 #include "dl_lib_numpy_input.h"
 
+#include <errno.h>
+#include <stdarg.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include "dl_lib_internal.h"
@@ -42,6 +45,22 @@ uint64_t load_le(const unsigned char *p, int bytes)
 
 }  // namespace
 
+void fail(Diagnostic *d, const char *path, const char *format, ...)
+{
+    char reason[sizeof d->reason];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(reason, sizeof reason, format, args);
+    va_end(args);
+    if (!d) {
+        fprintf(stderr, "%s: %s\n", path, reason);
+        return;
+    }
+    if (d->failed) return;  // the first failure is the reason
+    d->failed = true;
+    memcpy(d->reason, reason, sizeof reason);
+}
+
 int width(Type t)
 {
     const Descriptor *d = descriptor(t);
@@ -54,21 +73,21 @@ File::~File()
     free(header);
 }
 
-bool open(const char *path, File &file)
+bool open(const char *path, File &file, Diagnostic *d)
 {
     file.f = fopen(path, "r");
     if (!file.f) {
-        perror(path);
+        fail(d, path, "%s", strerror(errno));  // what perror prints
         return false;
     }
     unsigned char prefix[10];
     if (fread(prefix, sizeof prefix, 1, file.f) != 1) {
-        fprintf(stderr, "%s: too short\n", path);
+        fail(d, path, "too short");
         return false;
     }
     static const unsigned char kMagic[6] = {0x93, 'N', 'U', 'M', 'P', 'Y'};
     if (memcmp(prefix, kMagic, sizeof kMagic) != 0) {
-        fprintf(stderr, "%s: invalid magic\n", path);
+        fail(d, path, "invalid magic");
         return false;
     }
     // Only the version 1.0 layout: a 16-bit little-endian header length at
@@ -76,7 +95,7 @@ bool open(const char *path, File &file)
     const size_t len = prefix[8] | (static_cast<size_t>(prefix[9]) << 8);
     file.header = static_cast<char *>(calloc(len + 1, 1));
     if (!file.header) {
-        fprintf(stderr, "%s: out of memory\n", path);
+        fail(d, path, "out of memory");
         return false;
     }
     // A header cut short by the end of the file is searched as far as it
@@ -84,7 +103,7 @@ bool open(const char *path, File &file)
     const size_t got = fread(file.header, 1, len, file.f);
     const char *key = strstr(file.header, "'shape':");
     if (!key) {
-        fprintf(stderr, "%s: no shape\n", path);
+        fail(d, path, "no shape");
         return false;
     }
     file.shape = key + 8;
@@ -196,17 +215,19 @@ uint8_t to_byte(const unsigned char *buf, Type t, int64_t i)
 }  // namespace dl::npy
 
 using namespace dl;
+using npy::Diagnostic;
+using npy::fail;
 
-dl_matrix2d_t *dl_matrix2d_from_numpy_file(const char *path)
+dl_matrix2d_t *npy::load_matrix2d(const char *path, Diagnostic *d)
 {
     npy::File file;
-    if (!npy::open(path, file)) return nullptr;
+    if (!npy::open(path, file, d)) return nullptr;
 
     int s0 = -1, s1 = -1;
     int *const entries[] = {&s0, &s1};
     npy::scan_ints(file.shape, " ( %d , %d )", entries);
     if (s0 == -1) {
-        fprintf(stderr, "%s: error parsing shape\n", path);
+        fail(d, path, "error parsing shape");
         return nullptr;
     }
     if (s1 == -1) {  // a one-entry shape is a single row
@@ -219,21 +240,21 @@ dl_matrix2d_t *dl_matrix2d_from_numpy_file(const char *path)
     // i8 wins: the same as taking the first match in reverse order.
     static const npy::Type kOrder[] = {npy::Type::i8, npy::Type::i4, npy::Type::f8, npy::Type::f4};
     const npy::Type type = npy::find_type(file.header, kOrder, 4);
-    fprintf(stderr, "%s: matrix of %d by %d.\n", path, h, w);
+    if (!d) fprintf(stderr, "%s: matrix of %d by %d.\n", path, h, w);
     if (type == npy::Type::none) {
-        fprintf(stderr, "%s: Unknown var format\n", path);
+        fail(d, path, "Unknown var format");
         return nullptr;
     }
     const int64_t count = static_cast<int64_t>(h) * w;
     if (h < 0 || w < 0 || count > INT32_MAX) {
-        fprintf(stderr, "%s: unsupported shape (%d, %d)\n", path, h, w);
+        fail(d, path, "unsupported shape (%d, %d)", h, w);
         return nullptr;
     }
     // A file too short for its shape fails at the first row it cannot fill;
     // say so without allocating what the shape promised.
     const int64_t avail = npy::available(file, type);
     if (avail < count) {
-        fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, static_cast<int>(avail / w), h);
+        fail(d, path, "short file! (ends at row %d/%d)", static_cast<int>(avail / w), h);
         return nullptr;
     }
 
@@ -244,14 +265,14 @@ dl_matrix2d_t *dl_matrix2d_from_numpy_file(const char *path)
     const int elem = npy::width(type);
     auto *row = static_cast<unsigned char *>(malloc(static_cast<size_t>(w) * elem + 1));
     if (!m || !row) {
-        fprintf(stderr, "%s: out of memory\n", path);
+        fail(d, path, "out of memory");
         dl_matrix_free(m);
         free(row);
         return nullptr;
     }
     for (int y = 0; y < h; y++) {
         if (fread(row, elem, w, file.f) != static_cast<size_t>(w)) {
-            fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, y, h);
+            fail(d, path, "short file! (ends at row %d/%d)", y, h);
             dl_matrix_free(m);
             free(row);
             return nullptr;
@@ -279,52 +300,55 @@ int entries_found(const int *entries, int max)
 
 // "<path>: unsupported shape (2, 3)" with the entries as the file gives
 // them, and a reason where there is more to say than the numbers.
-void print_unsupported(const char *path, const int *entries, int found, const char *reason)
+void print_unsupported(Diagnostic *d, const char *path, const int *entries, int found, const char *reason)
 {
-    fprintf(stderr, "%s: unsupported shape (", path);
-    for (int i = 0; i < found; i++) fprintf(stderr, i == 0 ? "%d" : ", %d", entries[i]);
-    fprintf(stderr, found == 1 ? ",)" : ")");
-    if (reason) fprintf(stderr, ": %s", reason);
-    fputc('\n', stderr);
+    char text[128];
+    int len = snprintf(text, sizeof text, "unsupported shape (");
+    for (int i = 0; i < found; i++) len += snprintf(text + len, sizeof text - len, i == 0 ? "%d" : ", %d", entries[i]);
+    snprintf(text + len, sizeof text - len, found == 1 ? ",)" : ")");
+    if (reason) fail(d, path, "%s: %s", text, reason);
+    else fail(d, path, "%s", text);
 }
 
 // Elements of a tensor of these dimensions, or -1 (after a message) when a
 // dimension is negative or the count does not fit a signed 32-bit integer.
 // The row stride w * c is an int of the record too: with h or n zero the
 // count is 0 whatever w * c is, so that product is checked by itself.
-int64_t checked_count(const char *path, const int *entries, int found, int n, int w, int h, int c)
+int64_t checked_count(Diagnostic *d, const char *path, const int *entries, int found, int n, int w, int h, int c)
 {
     if (n < 0 || w < 0 || h < 0 || c < 0) {
-        print_unsupported(path, entries, found, nullptr);
+        print_unsupported(d, path, entries, found, nullptr);
         return -1;
     }
     // Multiplied one entry at a time and stopped beyond INT32_MAX: four
     // entries near 2^31 would overflow even 64 bits.
     const int dims[] = {n, w, h, c};
     int64_t count = 1;
-    for (int d : dims)
-        if (count <= INT32_MAX) count *= d;
+    for (int dim : dims)
+        if (count <= INT32_MAX) count *= dim;
     if (n == 0 || w == 0 || h == 0 || c == 0) count = 0;
     if (count > INT32_MAX || static_cast<int64_t>(w) * c > INT32_MAX) {
-        print_unsupported(path, entries, found, "more than 2147483647 elements");
+        print_unsupported(d, path, entries, found, "more than 2147483647 elements");
         return -1;
     }
     return count;
 }
 
+}  // namespace
+
 // Filter banks, float. Shapes: (h, w, c, n) with the filters fastest in the
 // file, read by positions of all filters at once (the run path); (s0,) as
 // one position of s0 channels; (s0, s1) transposed, row by row (the row path).
-dl_matrix3d_t *load_filter_bank(const char *path)
+dl_matrix3d_t *npy::load_filter_bank(const char *path, Diagnostic *d)
 {
     npy::File file;
-    if (!npy::open(path, file)) return nullptr;
+    if (!npy::open(path, file, d)) return nullptr;
 
     int s[4] = {kMarker, kMarker, kMarker, kMarker};
     int *const entries[] = {&s[0], &s[1], &s[2], &s[3]};
     npy::scan_ints(file.shape, " (%d, %d, %d, %d)", entries);
     if (s[0] == kMarker) {
-        fprintf(stderr, "%s: error parsing shape\n", path);
+        fail(d, path, "error parsing shape");
         return nullptr;
     }
     const int found = entries_found(s, 4);
@@ -342,19 +366,19 @@ dl_matrix3d_t *load_filter_bank(const char *path)
         n = 1;
         row_path = true;
     }
-    fprintf(stderr, "filter %s: matrix shape:(%d, %d, %d, %d).\n", path, n, w, h, c);
+    if (!d) fprintf(stderr, "filter %s: matrix shape:(%d, %d, %d, %d).\n", path, n, w, h, c);
 
     static const npy::Type kOrder[] = {npy::Type::f4, npy::Type::f8, npy::Type::i4, npy::Type::i8};
     const npy::Type type = npy::find_type(file.header, kOrder, 4);
     if (type == npy::Type::none) {
-        fprintf(stderr, "%s: Unknown var format\n", path);
+        fail(d, path, "Unknown var format");
         return nullptr;
     }
     if (found == 3) {
-        print_unsupported(path, s, found, "a filter bank has 1, 2 or 4 entries");
+        print_unsupported(d, path, s, found, "a filter bank has 1, 2 or 4 entries");
         return nullptr;
     }
-    const int64_t count = checked_count(path, s, found, n, w, h, c);
+    const int64_t count = checked_count(d, path, s, found, n, w, h, c);
     if (count < 0) return nullptr;
 
     // A file too short for its shape: the run path fails at the read that
@@ -366,13 +390,13 @@ dl_matrix3d_t *load_filter_bank(const char *path)
     if (avail < count) {
         if (!row_path) {
             const int64_t read_index = avail / n;  // reads of n elements, y outermost
-            fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, static_cast<int>(read_index / (w * c)), h);
+            fail(d, path, "short file! (ends at row %d/%d)", static_cast<int>(read_index / (w * c)), h);
             return nullptr;
         }
         if (count * static_cast<int64_t>(sizeof(fptp_t)) > file.file_bytes) {
-            fprintf(stderr, "%s: short file! (ends at row %d/%d), num: %d\n", path, static_cast<int>(avail / h), w,
+            fail(d, path, "short file! (ends at row %d/%d), num: %d", static_cast<int>(avail / h), w,
                     static_cast<int>(avail % h));
-            fprintf(stderr, "%s: %lld of %lld elements missing, not loading\n", path,
+            fail(d, path, "%lld of %lld elements missing, not loading",
                     static_cast<long long>(count - avail), static_cast<long long>(count));
             return nullptr;
         }
@@ -385,7 +409,7 @@ dl_matrix3d_t *load_filter_bank(const char *path)
     const int group = row_path ? h : n;  // elements per read
     auto *buf = static_cast<unsigned char *>(malloc(static_cast<size_t>(group) * elem));
     if (!buf) {
-        fprintf(stderr, "%s: out of memory\n", path);
+        fail(d, path, "out of memory");
         dl_matrix3d_free(t);
         return nullptr;
     }
@@ -395,7 +419,7 @@ dl_matrix3d_t *load_filter_bank(const char *path)
             const size_t got = fread(buf, elem, h, file.f);
             if (got != static_cast<size_t>(h)) {
                 // The row's elements stay 0, also those that did arrive.
-                fprintf(stderr, "%s: short file! (ends at row %d/%d), num: %d\n", path, r, w, static_cast<int>(got));
+                fail(d, path, "short file! (ends at row %d/%d), num: %d", r, w, static_cast<int>(got));
                 continue;
             }
             for (int col = 0; col < h; col++) t->item[r + static_cast<int64_t>(w) * col] = npy::to_float(buf, type, col);
@@ -407,7 +431,7 @@ dl_matrix3d_t *load_filter_bank(const char *path)
             for (int x = 0; x < w; x++) {
                 for (int ch = 0; ch < c; ch++) {
                     if (fread(buf, elem, n, file.f) != static_cast<size_t>(n)) {
-                        fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, y, h);
+                        fail(d, path, "short file! (ends at row %d/%d)", y, h);
                         free(buf);
                         dl_matrix3d_free(t);
                         return nullptr;
@@ -423,53 +447,55 @@ dl_matrix3d_t *load_filter_bank(const char *path)
     return t;
 }
 
-}  // namespace
+dl_matrix2d_t *dl_matrix2d_from_numpy_file(const char *path) { return npy::load_matrix2d(path, nullptr); }
 
-dl_matrix3d_t *dl_matrix3d_weight_from_numpy_file(const char *path) { return load_filter_bank(path); }
+dl_matrix3d_t *dl_matrix3d_weight_from_numpy_file(const char *path) { return npy::load_filter_bank(path, nullptr); }
+
+dl_matrix3du_t *dl_matrix3du_input_from_numpy_file(const char *path) { return npy::load_input(path, nullptr); }
 
 dl_matrix3dq_t *dl_matrix3dq_weight_from_numpy_file(const char *path)
 {
-    dl_matrix3d_t *t = load_filter_bank(path);
+    dl_matrix3d_t *t = npy::load_filter_bank(path, nullptr);
     if (!t) return nullptr;
     dl_matrix3dq_t *q = dl_matrixq_from_matrix3d(t);
     dl_matrix3d_free(t);
     return q;
 }
 
-dl_matrix3du_t *dl_matrix3du_input_from_numpy_file(const char *path)
+dl_matrix3du_t *npy::load_input(const char *path, Diagnostic *d)
 {
     npy::File file;
-    if (!npy::open(path, file)) return nullptr;
+    if (!npy::open(path, file, d)) return nullptr;
 
     int s[3] = {kMarker, kMarker, kMarker};
     int *const entries[] = {&s[0], &s[1], &s[2]};
     npy::scan_ints(file.shape, " (%d, %d, %d)", entries);
     const int h = s[0], w = s[1], c = s[2];
     if (h == kMarker) {
-        fprintf(stderr, "%s: error parsing shape\n", path);
+        fail(d, path, "error parsing shape");
         return nullptr;
     }
-    fprintf(stderr, "input %s: matrix shape:(%d, %d, %d).\n", path, w, h, c);
+    if (!d) fprintf(stderr, "input %s: matrix shape:(%d, %d, %d).\n", path, w, h, c);
 
     // Of several descriptors the first of this order wins; only this loader
     // takes bytes.
     static const npy::Type kOrder[] = {npy::Type::f4, npy::Type::f8, npy::Type::u1, npy::Type::i4, npy::Type::i8};
     const npy::Type type = npy::find_type(file.header, kOrder, 5);
     if (type == npy::Type::none) {
-        fprintf(stderr, "%s: Unknown var format\n", path);
+        fail(d, path, "Unknown var format");
         return nullptr;
     }
     const int found = entries_found(s, 3);
     if (found < 3) {
-        print_unsupported(path, s, found, "an input has 3 entries (height, width, channels)");
+        print_unsupported(d, path, s, found, "an input has 3 entries (height, width, channels)");
         return nullptr;
     }
-    const int64_t count = checked_count(path, s, found, 1, w, h, c);
+    const int64_t count = checked_count(d, path, s, found, 1, w, h, c);
     if (count < 0) return nullptr;
     const int64_t avail = npy::available(file, type);
     if (avail < count) {
         const int64_t read_index = avail / c;  // reads of c elements, rows outermost
-        fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, static_cast<int>(read_index / w), h);
+        fail(d, path, "short file! (ends at row %d/%d)", static_cast<int>(read_index / w), h);
         return nullptr;
     }
 
@@ -479,7 +505,7 @@ dl_matrix3du_t *dl_matrix3du_input_from_numpy_file(const char *path)
     const int elem = npy::width(type);
     auto *buf = static_cast<unsigned char *>(malloc(static_cast<size_t>(c) * elem));
     if (!buf) {
-        fprintf(stderr, "%s: out of memory\n", path);
+        fail(d, path, "out of memory");
         dl_matrix3du_free(t);
         return nullptr;
     }
@@ -488,7 +514,7 @@ dl_matrix3du_t *dl_matrix3du_input_from_numpy_file(const char *path)
     for (int y = 0; y < h; y++) {
         for (int x = 0; x < w; x++) {
             if (fread(buf, elem, c, file.f) != static_cast<size_t>(c)) {
-                fprintf(stderr, "%s: short file! (ends at row %d/%d)\n", path, y, h);
+                fail(d, path, "short file! (ends at row %d/%d)", y, h);
                 free(buf);
                 dl_matrix3du_free(t);
                 return nullptr;

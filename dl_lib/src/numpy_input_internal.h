@@ -7,6 +7,8 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include "dl_lib_types.h"
+
 namespace dl::npy {
 
 enum class Type { none, f4, f8, i4, i8, u1 };
@@ -29,10 +31,29 @@ struct File {
     ~File();
 };
 
+/* Why a load went wrong. The public loaders pass none: each failure then
+ * prints its one line, "<path>: <reason>", on stderr, as do the size lines
+ * of a load. The converter's strict mode and kelvane-report pass one and
+ * get the first failure's reason here instead, with nothing printed.
+ * `failed` is also set by a load that still returns a record (the row path
+ * of a filter bank zero-fills rows a short file lacks). */
+struct Diagnostic {
+    bool failed = false;
+    char reason[256] = {};
+};
+
+/* Reports a failure of the file at path: to d, or to stderr without one. */
+void fail(Diagnostic *d, const char *path, const char *format, ...) __attribute__((format(printf, 3, 4)));
+
 /* Opens path, reads the ten-byte prefix and the header text and finds the
- * shape. On failure prints "<path>: <reason>" (or perror's line) to stderr
- * and returns false. */
-bool open(const char *path, File &file);
+ * shape. On failure reports "<path>: <reason>" (or perror's line) and
+ * returns false. */
+bool open(const char *path, File &file, Diagnostic *d);
+
+/* The loaders behind the public functions, reporting to d (see above). */
+dl_matrix2d_t *load_matrix2d(const char *path, Diagnostic *d);
+dl_matrix3d_t *load_filter_bank(const char *path, Diagnostic *d);
+dl_matrix3du_t *load_input(const char *path, Diagnostic *d);
 
 /* Scans numbers out of text the way sscanf does with a format made of
  * blanks (any run of white space, empty too), "%d" and literal characters,
