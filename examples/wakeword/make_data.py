@@ -50,7 +50,8 @@ SILENCE = LABELS.index("silence")
 def espeak_voices():
     """Every English base accent (no MBROLA voices: their data is another package) with every variant."""
     out = subprocess.run(["espeak-ng", "--voices=en"], capture_output=True, text=True, check=True).stdout
-    bases = sorted({line.split()[1] for line in out.splitlines()[1:] if not line.split()[4].startswith("mb/")})
+    bases = sorted({f[1] for f in map(str.split, out.splitlines()[1:])
+                    if f[1].startswith("en") and not f[4].startswith("mb/")})
     out = subprocess.run(["espeak-ng", "--voices=variant"], capture_output=True, text=True, check=True).stdout
     variants = sorted(line.split()[4].split("/")[1] for line in out.splitlines()[1:])
     return [("espeak", f"{b}+{v}") for b in bases for v in variants]
