@@ -1,16 +1,20 @@
-# kelvane_add_model(<target> DIRECTORY <model dir> NAME <name> [OPTIONS <kelvane options>...])
+# kelvane_add_model(<target> DIRECTORY <model dir> NAME <name> [CLASSIC] [OPTIONS <kelvane options>...])
 #
 # Converts a model directory at build time and compiles the generated
 # <name>.c into <target>, which also gets the directory of <name>.h on its
-# include path and links dl_lib::dl_lib. The conversion runs again when a
-# file of the directory changes, or when one is added or removed.
+# include path and links dl_lib::dl_lib. The converter runs with -strict,
+# so a file it cannot convert exactly stops the build with its reason;
+# CLASSIC converts as kelvane does without options. Every build compares a
+# digest of the directory's contents with the last one, and the conversion
+# runs again whenever they differ, whatever the files' timestamps say.
 #
 #   kelvane_add_model(firmware DIRECTORY ${CMAKE_SOURCE_DIR}/model NAME kws)
 #   kelvane_add_model(firmware DIRECTORY model_f NAME kws_f OPTIONS -no-quantized)
 include_guard(GLOBAL)
+set(_kelvane_model_dir "${CMAKE_CURRENT_LIST_DIR}")
 
 function(kelvane_add_model target)
-  cmake_parse_arguments(PARSE_ARGV 1 KM "" "DIRECTORY;NAME" "OPTIONS")
+  cmake_parse_arguments(PARSE_ARGV 1 KM "CLASSIC" "DIRECTORY;NAME" "OPTIONS")
   if(NOT KM_DIRECTORY OR NOT KM_NAME)
     message(FATAL_ERROR "kelvane_add_model: DIRECTORY and NAME are required")
   endif()
@@ -28,20 +32,25 @@ function(kelvane_add_model target)
   endif()
 
   get_filename_component(model_dir "${KM_DIRECTORY}" ABSOLUTE)
-  file(GLOB model_files CONFIGURE_DEPENDS "${model_dir}/*")
   set(out_dir "${CMAKE_CURRENT_BINARY_DIR}/kelvane/${target}/${KM_NAME}")
   set(c_file "${out_dir}/${KM_NAME}.c")
   set(h_file "${out_dir}/${KM_NAME}.h")
-  # The listing changes (and so is rewritten) only when entries come or go;
-  # depending on it converts again after a file is removed.
-  set(listing "${out_dir}/model_files.txt")
-  string(REPLACE ";" "\n" listing_text "${model_files}")
-  file(CONFIGURE OUTPUT "${listing}" CONTENT "${listing_text}\n" @ONLY)
+  set(stamp "${out_dir}/contents.sha256")
+  set(strict -strict)
+  if(KM_CLASSIC)
+    set(strict "")
+  endif()
+  add_custom_target(${target}_${KM_NAME}_contents
+    COMMAND ${CMAKE_COMMAND} -DMODEL_DIR=${model_dir} -DSTAMP=${stamp} -P ${_kelvane_model_dir}/KelvaneModelStamp.cmake
+    BYPRODUCTS "${stamp}"
+    COMMENT "kelvane: checking the contents of ${KM_DIRECTORY}"
+    VERBATIM)
+  add_dependencies(${target} ${target}_${KM_NAME}_contents)
   add_custom_command(
     OUTPUT "${c_file}" "${h_file}"
     COMMAND ${CMAKE_COMMAND} -E make_directory "${out_dir}"
-    COMMAND ${converter} "${model_dir}" "${c_file}" "${h_file}" ${KM_NAME} ${KM_OPTIONS}
-    DEPENDS ${converter} ${model_files} "${listing}"
+    COMMAND ${converter} "${model_dir}" "${c_file}" "${h_file}" ${KM_NAME} ${strict} ${KM_OPTIONS}
+    DEPENDS ${converter} "${stamp}"
     COMMENT "kelvane: converting ${KM_DIRECTORY} to ${KM_NAME}.c"
     VERBATIM)
   target_sources(${target} PRIVATE "${c_file}" "${h_file}")

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <cmath>
 #include <fstream>
 #include <limits>
@@ -223,61 +225,25 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- JSON, status and messages ---------------------------------------------------
 
-// 10000 stays, -30000 becomes -29999 (exponent 0): SNR = 10 log10(1e9 / 1) =
-// 90 dB exactly. The junk entry's name ends in a control character and a
-// byte that is no UTF-8.
-TEST(Json, FiguresModelInfoAndSkippedEntries)
+// The exact text and JSON outputs are golden cases (tests/cli/report_*).
+// File names may hold any bytes: the document stays valid JSON and keeps
+// them (bytes that are no UTF-8 become U+FFFD).
+TEST(Json, NamesWithQuotesBackslashesAndControlBytesParse)
 {
     ModelDir dir;
-    dir.write_row("a.npy", {10000.0f, -30000.0f});
-    dir.write_row("b.npy", {1.0f, 0.5f});
-    dir.write("junk.\"\x01\xff", "not a numpy file");
-    dir.write("_MODEL_INFO_", "kws_v1_hey_3_0.80_0.60\n");
-    const RunResult res = run({dir.path().c_str(), "--json", "--min-snr", "90.5"});
-    EXPECT_EQ(res.status, 1);
-    EXPECT_EQ(res.err, "");
-    EXPECT_EQ(res.out, "{\n  \"modeldir\": \"" + dir.path() +
-                           "\",\n  \"mode\": \"quantised_2d\",\n  \"tables\": [\n"
-                           "    {\"file\": \"a.npy\", \"name\": \"a\", \"shape\": [1, 2], \"kind\": \"fixed_point\", "
-                           "\"batch_norm\": false, \"exponent\": 0, \"bits\": 15, \"snr_db\": 90, \"max_abs_error\": 1, "
-                           "\"zeroed_share\": 0, \"non_finite\": 0, \"bytes\": 4, \"warnings\": []},\n"
-                           "    {\"file\": \"b.npy\", \"name\": \"b\", \"shape\": [1, 2], \"kind\": \"fixed_point\", "
-                           "\"batch_norm\": false, \"exponent\": -14, \"bits\": 15, \"snr_db\": null, "
-                           "\"max_abs_error\": 0, \"zeroed_share\": 0, \"non_finite\": 0, \"bytes\": 4, \"warnings\": []}\n"
-                           "  ],\n  \"model_info\": {\"file\": \"_MODEL_INFO_\", \"error\": null},\n  \"skipped\": [\n"
-                           "    {\"file\": \"junk.\\\"\\u0001\\ufffd\", \"reason\": \"invalid magic\"}\n  ],\n"
-                           "  \"summary\": {\"tables\": 2, \"flash_bytes\": 8, \"worst_snr_db\": 90, \"worst_table\": \"a\", "
-                           "\"min_snr_db\": 90.5, \"below_min_snr\": [\"a\"]}\n}\n");
-
-    const RunResult text = run({dir.path().c_str(), "--min-snr", "90"});
-    EXPECT_EQ(text.status, 0);
-    EXPECT_NE(text.out.find("\n_MODEL_INFO_: model information, not a table\n"), std::string::npos) << text.out;
-}
-
-TEST(Text, ReportOfACraftedDirectory)
-{
-    ModelDir dir;
-    dir.write_row("a.npy", {1.0f, -1.0f});
-    dir.write_row("pop_var.npy", {1e8f, 0.0f});
-    dir.write("2nd.npy", "");
-    dir.write("_MODEL_INFO_", "no significant line\n");
-    const RunResult res = run({dir.path().c_str(), "--min-snr", "90"});
-    // pop_var: roots 10000 (exact at exponent -1) and sqrt(0.001), lost:
-    // SNR = 10 log10((1e8 + 0.001) / 0.001) = 110 dB.
-    EXPECT_EQ(res.status, 1);
-    EXPECT_EQ(res.out,
-              dir.path() + ": matrices in 16-bit fixed point\n"
-                           "table    shape  kind             exp  bits  SNR dB  max error  zeroed  bytes  warnings\n"
-                           "a        1x2    fixed point      -14    15    87.3    6.1e-05       0      4\n"
-                           "pop_var  1x2    fixed point, bn   -1    15   110.0     0.0316   50.0%      4  1 of 2 "
-                           "batch-norm roots are 0 in the table: the layer divides by zero\n"
-                           "_MODEL_INFO_: kelvane stops here with status 1: ERROR: Could not parse file " +
-                  dir.path() +
-                  "/_MODEL_INFO_, please check.\n"
-                  "Not converted:\n"
-                  "  2nd.npy: name 2nd is not a C identifier\n"
-                  "2 tables, 8 bytes of flash, worst SNR 87.3 dB in a\n"
-                  "1 table below 90 dB: a\n");
+    const std::string odd = "q\"b\\s\x01\x1f.npy";
+    dir.write_row(odd, {1.0f, -0.5f});
+    dir.write("junk.\x7f\xff", "not a numpy file");
+    const RunResult res = run({dir.path().c_str(), "--json"});
+    ASSERT_EQ(res.status, 0) << res.err;
+    const auto doc = nlohmann::json::parse(res.out);
+    EXPECT_EQ(doc["modeldir"], dir.path());
+    ASSERT_EQ(doc["tables"].size(), 1u);
+    EXPECT_EQ(doc["tables"][0]["file"], odd);
+    EXPECT_EQ(doc["tables"][0]["exponent"], -14);
+    EXPECT_EQ(doc["skipped"][0]["file"], "junk.\x7f\xef\xbf\xbd");
+    // The table's sanitised name q"b\s... is no C identifier: -strict refuses it.
+    EXPECT_EQ(doc["strict_findings"].size(), 2u);
 }
 
 struct OptionCase {

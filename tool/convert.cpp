@@ -1,6 +1,10 @@
 #include "convert.h"
 
+#include <unistd.h>
+
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -8,6 +12,8 @@
 
 #include "emit.h"
 #include "model_dir.h"
+#include "numpy_input_internal.h"
+#include "strict.h"
 
 namespace kelvane {
 
@@ -18,45 +24,125 @@ struct converted_matrix_t {
     uint8_t flags;
 };
 
-struct FileCloser {
-    void operator()(FILE *f) const { fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
+// One generated file. The classic run writes it in place, so that a stop
+// leaves what was written so far. The strict run writes a temporary file in
+// the same directory and renames it into place only when the whole run
+// succeeded, so a failed or interrupted run leaves the previous file.
+class Output {
+public:
+    explicit Output(std::string path) : path_(std::move(path)) {}
+    Output(const Output &) = delete;
+    Output &operator=(const Output &) = delete;
+    ~Output() { finish(false); }
 
-// One run's state: the settings, the two outputs and the names converted so
-// far, in sorted order (the lookups list them newest first).
+    bool open(bool via_temp)
+    {
+        if (via_temp) {
+            const std::filesystem::path p(path_);
+            // Built by appends: GCC 12 misreads "." + string as an overlapping copy.
+            std::string hidden(1, '.');
+            hidden.append(p.filename().string()).append(".XXXXXX");
+            temp_ = (p.parent_path() / hidden).string();
+            const int fd = mkstemp(temp_.data());
+            f_ = fd >= 0 ? fdopen(fd, "w") : nullptr;
+            if (!f_ && fd >= 0) close(fd);
+            if (!f_) temp_.clear();
+        } else {
+            f_ = fopen(path_.c_str(), "w");
+        }
+        if (!f_) perror(path_.c_str());
+        return f_ != nullptr;
+    }
+
+    FILE *get() const { return f_; }
+
+    // Closes the file and reports a failed write or close (a full disk, say)
+    // with perror. A temporary file is renamed into place when keep is set
+    // and everything went well, and removed otherwise.
+    bool finish(bool keep)
+    {
+        if (!f_) return !keep;
+        bool ok = !ferror(f_);
+        ok = (fclose(f_) == 0) && ok;
+        f_ = nullptr;
+        if (!ok && keep) perror(path_.c_str());
+        if (!temp_.empty()) {
+            if (ok && keep && rename(temp_.c_str(), path_.c_str()) != 0) {
+                perror(path_.c_str());
+                ok = false;
+            }
+            if (!ok || !keep) remove(temp_.c_str());
+            temp_.clear();
+        }
+        return ok;
+    }
+
+private:
+    std::string path_;
+    std::string temp_;
+    FILE *f_ = nullptr;
+};
+
+// One run's state: the settings, the source being written and the names
+// converted so far, in sorted order (the lookups list them newest first).
 class Converter {
 public:
-    Converter(const Settings &s, FILE *cfile, FILE *hfile) : s_(s), cfile_(cfile), hfile_(hfile) {}
+    Converter(const Settings &s, FILE *cfile) : s_(s), cfile_(cfile) {}
 
     // Runs one directory entry through the pipeline; false means stop with
     // status 1.
     bool entry(const char *entry_name);
     void write_tail();
+    std::vector<std::string> names() const
+    {
+        std::vector<std::string> names;
+        for (const converted_matrix_t &c : converted_) names.push_back(c.name);
+        return names;
+    }
+
+    std::vector<Finding> findings;  // what -strict refuses
 
 private:
     template <class Record>
-    bool convert_file(const char *entry_name, const std::string &name, const std::string &path,
-                      Record *(*load)(const char *), void (*emit)(const char *, const Record *, FILE *, FILE *),
+    bool convert_file(const ModelEntry &e, const char *entry_name, Record *(*load)(const char *, dl::npy::Diagnostic *),
                       void (*release)(Record *));
+    template <class Record>
+    void emit(const std::string &name, const Record *m);
     void write_lookup(const char *head, bool quantised_members) const;
+    bool model_info(const char *entry_name, const std::string &path);
 
     const Settings &s_;
     FILE *cfile_;
-    FILE *hfile_;
     std::vector<converted_matrix_t> converted_;
+    NameTable names_;
 };
 
-template <class Record>
-bool Converter::convert_file(const char *entry_name, const std::string &name, const std::string &path,
-                             Record *(*load)(const char *),
-                             void (*emit)(const char *, const Record *, FILE *, FILE *), void (*release)(Record *))
+// The filter bank of the quantised tensor mode, read as floats first so that
+// -strict can look at the values before they are quantised.
+dl_matrix3dq_t *load_filter_bank_q(const char *path, dl::npy::Diagnostic *d)
 {
-    std::unique_ptr<Record, void (*)(Record *)> m(load(path.c_str()), release);
-    if (!m) {
-        printf("WARNING: Could not parse file %s, not converting.\n", entry_name);
-        return true;
-    }
+    dl_matrix3d_t *t = dl::npy::load_filter_bank(path, d);
+    if (!t) return nullptr;
+    dl_matrix3dq_t *q = dl_matrixq_from_matrix3d(t);
+    dl_matrix3d_free(t);
+    return q;
+}
+
+template <class Record>
+void Converter::emit(const std::string &name, const Record *m)
+{
+    const NonFinite non_finite = s_.strict ? NonFinite::as_expression : NonFinite::as_printed;
+    if constexpr (std::is_same_v<Record, dl_matrix2d_t>) emit_matrix2d(name.c_str(), m, cfile_, non_finite);
+    else if constexpr (std::is_same_v<Record, dl_matrix3d_t>) emit_matrix3d(name.c_str(), m, cfile_, non_finite);
+    else if constexpr (std::is_same_v<Record, dl_matrix3dq_t>) emit_matrix3dq(name.c_str(), m, cfile_);
+    else emit_matrix3d_input(name.c_str(), m, cfile_);
+}
+
+template <class Record>
+bool Converter::convert_file(const ModelEntry &e, const char *entry_name,
+                             Record *(*load)(const char *, dl::npy::Diagnostic *), void (*release)(Record *))
+{
+    const std::string &name = e.name;
     int flags = final_flags(s_, name);
     if constexpr (!std::is_same_v<Record, dl_matrix2d_t>) {
         // Batch-norm roots and fixed-point 2-D tables are for 2-D matrices:
@@ -71,6 +157,26 @@ bool Converter::convert_file(const char *entry_name, const std::string &name, co
                    name.c_str());
         flags &= ~(MF_QUANTISED | MF_BATCHNORM);
     }
+
+    dl::npy::Diagnostic diagnostic;
+    const size_t findings_before = findings.size();
+    if (s_.strict) check_npy_header(s_, entry_name, e.path, findings);
+    std::unique_ptr<Record, void (*)(Record *)> m(load(e.path.c_str(), s_.strict ? &diagnostic : nullptr), release);
+    if (s_.strict && findings.size() == findings_before && diagnostic.failed)
+        findings.push_back({entry_name, std::string("it cannot be read: ") + diagnostic.reason});
+    if (!m) {
+        if (!s_.strict) printf("WARNING: Could not parse file %s, not converting.\n", entry_name);
+        return true;
+    }
+    if (s_.strict && findings.size() > findings_before) return true;
+    if constexpr (std::is_same_v<Record, dl_matrix2d_t>) {
+        // One NaN or infinity sets the exponent of the whole table, and the
+        // quantiser then writes zeros.
+        if (s_.strict && (flags & MF_QUANTISED) && !all_finite(m.get()))
+            findings.push_back({entry_name, "it holds a NaN or an infinity, which cannot be quantised"});
+    }
+
+    converted_.push_back({name, static_cast<uint8_t>(flags)});
     fputs("\n", cfile_);
     if constexpr (std::is_same_v<Record, dl_matrix2d_t>) {
         if (flags & MF_BATCHNORM) {
@@ -79,51 +185,69 @@ bool Converter::convert_file(const char *entry_name, const std::string &name, co
             precalculate_batch_norm(m.get());
         }
         if (flags & MF_QUANTISED) {
-            if (!emit_matrix2dq(name.c_str(), m.get(), cfile_, hfile_)) {
+            if (!emit_matrix2dq(name.c_str(), m.get(), cfile_)) {
                 printf("ERROR: Out of memory while converting %s.\n", entry_name);
                 return false;
             }
-            converted_.push_back({name, static_cast<uint8_t>(flags)});
             return true;
         }
     }
-    emit(name.c_str(), m.get(), cfile_, hfile_);
-    converted_.push_back({name, static_cast<uint8_t>(flags)});
+    emit(name, m.get());
+    return true;
+}
+
+bool Converter::model_info(const char *entry_name, const std::string &path)
+{
+    if (!s_.strict) return emit_model_info(path.c_str(), cfile_);
+    ModelInfoError error;
+    std::vector<std::string> problems;
+    const std::optional<ModelInfo> info = read_model_info(path.c_str(), error, &problems);
+    if (!info) {
+        std::string why = error.text;
+        if (error.is_errno) why = "it cannot be read: " + why;
+        else if (why.rfind("ERROR: ", 0) == 0) why = "it cannot be used: " + why.substr(7);
+        while (!why.empty() && why.back() == '\n') why.pop_back();
+        findings.push_back({entry_name, why});
+        return true;
+    }
+    for (const std::string &p : problems) findings.push_back({entry_name, p});
+    write_model_info(*info, cfile_, true);
     return true;
 }
 
 bool Converter::entry(const char *entry_name)
 {
     const ModelEntry e = classify_entry(s_.modeldir, entry_name);
-    const std::string &name = e.name;
-    const std::string &path = e.path;
     switch (e.kind) {
     case EntryKind::hidden: return true;
-    case EntryKind::model_info: return emit_model_info(path.c_str(), cfile_);
-    case EntryKind::bad_name:
-        printf("WARNING: Name %s of file %s is not a C identifier, not converting.\n", name.c_str(), entry_name);
-        return true;
+    case EntryKind::model_info: return model_info(entry_name, e.path);
     case EntryKind::not_regular:
-        fprintf(stderr, "%s: not a regular file\n", path.c_str());
-        printf("WARNING: Could not parse file %s, not converting.\n", entry_name);
+        if (s_.strict) {
+            findings.push_back({entry_name, "it is not a regular file"});
+        } else {
+            fprintf(stderr, "%s: not a regular file\n", e.path.c_str());
+            printf("WARNING: Could not parse file %s, not converting.\n", entry_name);
+        }
         return true;
     case EntryKind::load: break;
+    }
+    if (s_.strict) {
+        const std::string problem = name_problem(e.name);
+        if (!problem.empty()) findings.push_back({entry_name, problem});
+        const std::string owner = names_.add(e.name, entry_name);
+        if (!owner.empty())
+            findings.push_back({entry_name, "its name " + e.name + " clashes with that of " + owner +
+                                                " in the generated source"});
     }
 
     switch (s_.mode()) {
     case Mode::quantised_2d:
-    case Mode::float_2d:
-        return convert_file<dl_matrix2d_t>(entry_name, name, path, dl_matrix2d_from_numpy_file, emit_matrix2d,
-                                           dl_matrix_free);
+    case Mode::float_2d: return convert_file<dl_matrix2d_t>(e, entry_name, dl::npy::load_matrix2d, dl_matrix_free);
     case Mode::quantised_tensor:
-        return convert_file<dl_matrix3dq_t>(entry_name, name, path, dl_matrix3dq_weight_from_numpy_file,
-                                            emit_matrix3dq, dl_matrix3dq_free);
+        return convert_file<dl_matrix3dq_t>(e, entry_name, load_filter_bank_q, dl_matrix3dq_free);
     case Mode::float_tensor:
-        return convert_file<dl_matrix3d_t>(entry_name, name, path, dl_matrix3d_weight_from_numpy_file, emit_matrix3d,
-                                           dl_matrix3d_free);
-    case Mode::input_tensor:
-        return convert_file<dl_matrix3du_t>(entry_name, name, path, dl_matrix3du_input_from_numpy_file,
-                                            emit_matrix3d_input, dl_matrix3du_free);
+        return convert_file<dl_matrix3d_t>(e, entry_name, dl::npy::load_filter_bank, dl_matrix3d_free);
+    case Mode::input_tensor: return convert_file<dl_matrix3du_t>(e, entry_name, dl::npy::load_input, dl_matrix3du_free);
     }
     return false;
 }
@@ -180,32 +304,21 @@ void Converter::write_tail()
     fputs(member, cfile_);
     if (second) fputs("\t.getter_q=get_coeff_q,\n", cfile_);
     fputs("};\n", cfile_);
-    fprintf(hfile_, "extern const model_coeff_getter_t get_coeff_%s;\n", s_.name.c_str());
-}
-
-File open_output(const std::string &path)
-{
-    File f(fopen(path.c_str(), "w"));
-    if (!f) perror(path.c_str());
-    return f;
-}
-
-// Closes an output and reports a failed write (a full disk, say).
-bool close_output(File &f, const std::string &path)
-{
-    const bool ok = !ferror(f.get()) && fclose(f.release()) == 0;
-    if (!ok) perror(path.c_str());
-    return ok;
 }
 
 }  // namespace
 
 int convert(const Settings &s)
 {
-    File cfile = open_output(s.cfile);
-    if (!cfile) return 1;
-    File hfile = open_output(s.hfile);
-    if (!hfile) return 1;
+    // -strict goes on after a finding, to report every file, but writes
+    // temporary files only: nothing reaches the outputs' paths.
+    std::vector<Finding> settings_findings;
+    if (s.strict) {
+        check_settings(s, settings_findings);
+        for (const Finding &f : settings_findings) print_finding(f);
+    }
+    Output cfile(s.cfile), hfile(s.hfile);
+    if (!cfile.open(s.strict) || !hfile.open(s.strict)) return 1;
     emit_c_hdr(cfile.get(), s.name.c_str());
     emit_h_hdr(hfile.get());
 
@@ -214,14 +327,29 @@ int convert(const Settings &s)
         perror(s.modeldir.c_str());
         return 1;
     }
-    Converter converter(s, cfile.get(), hfile.get());
-    for (const std::string &entry : entries)
+    Converter converter(s, cfile.get());
+    for (const std::string &entry : entries) {
+        const size_t before = converter.findings.size();
         if (!converter.entry(entry.c_str())) return 1;
+        // One message per file, with every reason it has.
+        if (converter.findings.size() > before) {
+            Finding f = converter.findings[before];
+            for (size_t i = before + 1; i < converter.findings.size(); i++) f.why += "; " + converter.findings[i].why;
+            print_finding(f);
+        }
+    }
+    if (s.strict) {
+        std::vector<Finding> lists;
+        check_lists(s, converter.names(), lists);
+        for (const Finding &f : lists) print_finding(f);
+        if (!settings_findings.empty() || !converter.findings.empty() || !lists.empty()) return 1;
+    }
 
     emit_h_footer(hfile.get(), s.name.c_str());
     converter.write_tail();
-    const bool c_ok = close_output(cfile, s.cfile);
-    const bool h_ok = close_output(hfile, s.hfile);
+    fprintf(hfile.get(), "extern const model_coeff_getter_t get_coeff_%s;\n", s.name.c_str());
+    const bool c_ok = cfile.finish(true);
+    const bool h_ok = hfile.finish(true);
     return c_ok && h_ok ? 0 : 1;
 }
 

@@ -7,6 +7,9 @@
 #include <cstdio>
 #include <string>
 
+#include "model_info.h"
+#include "names.h"
+
 #include "dl_lib.h"
 
 namespace kelvane {
@@ -14,14 +17,6 @@ namespace kelvane {
 // Per-file flags.
 constexpr int MF_QUANTISED = 1;  // written as a fixed-point table
 constexpr int MF_BATCHNORM = 2;  // replaced by its batch-norm roots first
-
-// The file name with blanks made '_' and cut at its first '.'.
-std::string sanitize_name(const char *filename);
-
-// Whether a sanitised name can name the generated objects: a C identifier
-// that is no keyword and that neither the generated code nor the headers it
-// includes use already.
-bool is_c_identifier(const std::string &name);
 
 // MF_QUANTISED, plus MF_BATCHNORM when name is one whole item of the
 // comma-separated bnmatrices.
@@ -31,28 +26,28 @@ void emit_c_hdr(FILE *cfile, const char *name);
 void emit_h_hdr(FILE *hfile);
 void emit_h_footer(FILE *hfile, const char *name);
 
-// One item of a float table: "%ff, ", or a constant expression for an
-// infinity or a NaN, which have no literal.
-void emit_float_item(FILE *out, fptp_t v);
+// How a float table writes an infinity or a NaN, which have no C literal:
+// as "%ff, " prints them ("inff, ", "nanf, "), which does not compile, or as
+// a constant expression of the same value, which does.
+enum class NonFinite { as_printed, as_expression };
+
+// One item of a float table: "%ff, ", or for an infinity or a NaN what
+// non_finite says.
+void emit_float_item(FILE *out, fptp_t v, NonFinite non_finite);
 
 // Float table and its dl_matrix2d_t record, to cfile.
-void emit_matrix2d(const char *name, const dl_matrix2d_t *m, FILE *cfile, FILE *hfile);
+void emit_matrix2d(const char *name, const dl_matrix2d_t *m, FILE *cfile, NonFinite non_finite);
 // Quantises m and writes a fixed-point table and its dl_matrix2dq_t record.
 // False if memory ran out (nothing is written then).
-bool emit_matrix2dq(const char *name, const dl_matrix2d_t *m, FILE *cfile, FILE *hfile);
+bool emit_matrix2dq(const char *name, const dl_matrix2d_t *m, FILE *cfile);
 
 // Tensor tables and their records, to cfile: the items in the order of the
 // storage (filter, row, column, channel), 8 to a line. A filter bank
 // arrives quantised from its loader and is only written; an input tensor's
 // table holds its one image.
-void emit_matrix3d(const char *name, const dl_matrix3d_t *t, FILE *cfile, FILE *hfile);
-void emit_matrix3dq(const char *name, const dl_matrix3dq_t *t, FILE *cfile, FILE *hfile);
-void emit_matrix3d_input(const char *name, const dl_matrix3du_t *t, FILE *cfile, FILE *hfile);
-
-// Reads _MODEL_INFO_ at path and writes its tables and model_info to cfile.
-// False, after a message (stdout, or perror's on stderr), when the file
-// cannot be used; the run must then stop with status 1.
-bool emit_model_info(const char *path, FILE *cfile);
+void emit_matrix3d(const char *name, const dl_matrix3d_t *t, FILE *cfile, NonFinite non_finite);
+void emit_matrix3dq(const char *name, const dl_matrix3dq_t *t, FILE *cfile);
+void emit_matrix3d_input(const char *name, const dl_matrix3du_t *t, FILE *cfile);
 
 // Writes count items of a table, per_line to a line: a tab opens each line,
 // a newline closes each full line and a short last one.

@@ -6,59 +6,6 @@
 
 namespace kelvane {
 
-std::string sanitize_name(const char *filename)
-{
-    std::string name;
-    for (const char *p = filename; *p && *p != '.'; p++) name += (*p == ' ') ? '_' : *p;
-    return name;
-}
-
-namespace {
-
-bool ends_with(const std::string &s, const char *suffix)
-{
-    const size_t n = strlen(suffix);
-    return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
-}
-
-// Names a table cannot take in the generated source: C keywords (up to
-// C23), the names of the generated code itself, and the names that the
-// headers it includes declare (string.h's functions, the stdint.h types
-// and macros, the library's dl_ and DL_ names and _t types).
-bool is_taken(const std::string &name)
-{
-    static const char *const kTaken[] = {
-        "auto", "break", "case", "char", "const", "continue", "default", "do", "double", "else", "enum", "extern",
-        "float", "for", "goto", "if", "inline", "int", "long", "register", "restrict", "return", "short", "signed",
-        "sizeof", "static", "struct", "switch", "typedef", "union", "unsigned", "void", "volatile", "while",
-        "alignas", "alignof", "bool", "constexpr", "false", "nullptr", "static_assert", "thread_local", "true",
-        "typeof", "typeof_unqual", "_Alignas", "_Alignof", "_Atomic", "_BitInt", "_Bool", "_Complex", "_Decimal128",
-        "_Decimal32", "_Decimal64", "_Generic", "_Imaginary", "_Noreturn", "_Pragma", "_Static_assert", "_Thread_local",
-        "NULL", "name", "arg", "hint", "get_info", "model_info", "det_win_list", "det_thresh_list", "wake_word_list",
-        "memchr", "memcmp", "memcpy", "memmove", "memset", "strcat", "strchr", "strcmp", "strcoll", "strcpy",
-        "strcspn", "strerror", "strlen", "strncat", "strncmp", "strncpy", "strpbrk", "strrchr", "strspn", "strstr",
-        "strtok", "strxfrm", "SIZE_MAX", "PTRDIFF_MIN", "PTRDIFF_MAX", "SIG_ATOMIC_MIN", "SIG_ATOMIC_MAX",
-        "WCHAR_MIN", "WCHAR_MAX", "WINT_MIN", "WINT_MAX"};
-    for (const char *t : kTaken)
-        if (name == t) return true;
-    if (name.rfind("__", 0) == 0) return true;  // the compiler's own names
-    if (name.rfind("get_coeff_", 0) == 0 || name.rfind("dl_", 0) == 0 || name.rfind("DL_", 0) == 0) return true;
-    if (ends_with(name, "_t")) return true;
-    return (name.rfind("INT", 0) == 0 || name.rfind("UINT", 0) == 0) &&
-           (ends_with(name, "_MAX") || ends_with(name, "_MIN") || ends_with(name, "_C"));
-}
-
-}  // namespace
-
-bool is_c_identifier(const std::string &name)
-{
-    auto alpha = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; };
-    if (name.empty() || !alpha(name[0])) return false;
-    for (char c : name)
-        if (!alpha(c) && !(c >= '0' && c <= '9')) return false;
-    return !is_taken(name);
-}
-
 int get_flags_for_file(const std::string &name, const std::string &bnmatrices)
 {
     int flags = MF_QUANTISED;
@@ -93,23 +40,25 @@ void emit_h_hdr(FILE *hfile)
 
 void emit_h_footer(FILE *, const char *) {}
 
-void emit_float_item(FILE *out, fptp_t v)
+void emit_float_item(FILE *out, fptp_t v, NonFinite non_finite)
 {
-    // "%f" gives "inf" and "nan", which are no C literals; these constant
-    // expressions keep such a value (a double beyond the float range, say)
-    // and the table compiles.
+    if (non_finite == NonFinite::as_printed || std::isfinite(v)) {
+        fprintf(out, "%ff, ", static_cast<double>(v));
+        return;
+    }
+    // Constant expressions that keep the value (a double beyond the float
+    // range, say) where "%f" gives "inf" and "nan", which are no C literals.
     if (std::isnan(v)) fputs(std::signbit(v) ? "-(0.0f/0.0f), " : "(0.0f/0.0f), ", out);
-    else if (std::isinf(v)) fputs(v > 0 ? "(1.0f/0.0f), " : "(-1.0f/0.0f), ", out);
-    else fprintf(out, "%ff, ", static_cast<double>(v));
+    else fputs(v > 0 ? "(1.0f/0.0f), " : "(-1.0f/0.0f), ", out);
 }
 
-void emit_matrix2d(const char *name, const dl_matrix2d_t *m, FILE *cfile, FILE *)
+void emit_matrix2d(const char *name, const dl_matrix2d_t *m, FILE *cfile, NonFinite non_finite)
 {
     fprintf(cfile, "const static fptp_t %s_item_array[]={\n", name);
     const int w = m->w;
     emit_items(cfile, static_cast<int64_t>(w) * m->h, 8, [&](int64_t i) {
         const int x = static_cast<int>(i % w), y = static_cast<int>(i / w);
-        emit_float_item(cfile, m->item[x + m->stride * y]);
+        emit_float_item(cfile, m->item[x + m->stride * y], non_finite);
     });
     fputs("};\n", cfile);
     fprintf(cfile, "\nconst static dl_matrix2d_t %s={\n", name);
@@ -121,7 +70,7 @@ void emit_matrix2d(const char *name, const dl_matrix2d_t *m, FILE *cfile, FILE *
     fputs("};\n", cfile);
 }
 
-bool emit_matrix2dq(const char *name, const dl_matrix2d_t *m, FILE *cfile, FILE *)
+bool emit_matrix2dq(const char *name, const dl_matrix2d_t *m, FILE *cfile)
 {
     std::unique_ptr<dl_matrix2dq_t, decltype(&dl_matrixq_free)> q(dl_matrixq_alloc(m->w, m->h), dl_matrixq_free);
     if (!q) return false;

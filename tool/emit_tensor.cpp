@@ -30,10 +30,10 @@ void emit_tensor_shape(FILE *cfile, const Tensor *t)
 
 }  // namespace
 
-void emit_matrix3d(const char *name, const dl_matrix3d_t *t, FILE *cfile, FILE *)
+void emit_matrix3d(const char *name, const dl_matrix3d_t *t, FILE *cfile, NonFinite non_finite)
 {
     fprintf(cfile, "const static fptp_t %s_item_array[]={\n", name);
-    emit_tensor_items(cfile, t, t->n, [&](fptp_t v) { emit_float_item(cfile, v); });
+    emit_tensor_items(cfile, t, t->n, [&](fptp_t v) { emit_float_item(cfile, v, non_finite); });
     fputs("};\n", cfile);
     fprintf(cfile, "\nconst static dl_matrix3d_t %s={\n", name);
     emit_tensor_shape(cfile, t);
@@ -41,7 +41,7 @@ void emit_matrix3d(const char *name, const dl_matrix3d_t *t, FILE *cfile, FILE *
     fputs("};\n", cfile);
 }
 
-void emit_matrix3dq(const char *name, const dl_matrix3dq_t *t, FILE *cfile, FILE *)
+void emit_matrix3dq(const char *name, const dl_matrix3dq_t *t, FILE *cfile)
 {
     // Already quantised by the loader: only written here.
     fprintf(cfile, "const static qtp_t %s_item_array[]={\n", name);
@@ -54,7 +54,7 @@ void emit_matrix3dq(const char *name, const dl_matrix3dq_t *t, FILE *cfile, FILE
     fputs("};\n", cfile);
 }
 
-void emit_matrix3d_input(const char *name, const dl_matrix3du_t *t, FILE *cfile, FILE *)
+void emit_matrix3d_input(const char *name, const dl_matrix3du_t *t, FILE *cfile)
 {
     // One image: rows, columns and channels only, whatever n says.
     fprintf(cfile, "const static uc_t %s_item_array[]={\n", name);

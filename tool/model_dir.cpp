@@ -41,11 +41,6 @@ ModelEntry classify_entry(const std::string &modeldir, const char *entry_name)
     const bool special = stat(e.path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode);
     if (strcmp(entry_name, kModelInfoFilename) == 0) {
         e.kind = special ? EntryKind::not_regular : EntryKind::model_info;
-    } else if (!is_c_identifier(e.name)) {
-        // The name becomes C identifiers in the generated source: anything
-        // else would not compile, or would put text of the directory into
-        // the code.
-        e.kind = EntryKind::bad_name;
     } else if (special) {
         e.kind = EntryKind::not_regular;
     }

@@ -24,7 +24,6 @@ bool list_model_dir(const std::string &dir, std::vector<std::string> &names);
 enum class EntryKind {
     hidden,       // ., .. and hidden files: not looked at
     model_info,   // _MODEL_INFO_
-    bad_name,     // its sanitised name is not a C identifier
     not_regular,  // a FIFO, device or socket: never opened
     load,         // goes to the mode's loader
 };

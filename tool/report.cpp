@@ -1,7 +1,5 @@
 #include "report.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <bit>
 #include <cerrno>
@@ -12,6 +10,8 @@
 
 #include "emit.h"
 #include "model_dir.h"
+#include "numpy_input_internal.h"
+#include "strict.h"
 
 namespace kelvane {
 
@@ -26,68 +26,6 @@ using MatrixPtr = std::unique_ptr<dl_matrix2d_t, decltype(&dl_matrix_free)>;
 using MatrixqPtr = std::unique_ptr<dl_matrix2dq_t, decltype(&dl_matrixq_free)>;
 using TensorPtr = std::unique_ptr<dl_matrix3d_t, decltype(&dl_matrix3d_free)>;
 using TensorqPtr = std::unique_ptr<dl_matrix3dq_t, decltype(&dl_matrix3dq_free)>;
-
-// While it lives, what the library prints on stdout and stderr (the loaders'
-// lines, the batch-norm warnings) goes to a temporary file instead, so that
-// the report's own output stays clean and a loader's reason can be quoted.
-class CapturedOutput {
-public:
-    CapturedOutput()
-    {
-        fflush(stdout);
-        fflush(stderr);
-        tmp_ = tmpfile();
-        if (!tmp_) return;
-        saved_out_ = dup(STDOUT_FILENO);
-        saved_err_ = dup(STDERR_FILENO);
-        dup2(fileno(tmp_), STDOUT_FILENO);
-        dup2(fileno(tmp_), STDERR_FILENO);
-    }
-    ~CapturedOutput() { finish(); }
-    CapturedOutput(const CapturedOutput &) = delete;
-    CapturedOutput &operator=(const CapturedOutput &) = delete;
-
-    // Restores both streams and returns what was printed meanwhile.
-    std::string finish()
-    {
-        std::string text;
-        if (!tmp_) return text;
-        fflush(stdout);
-        fflush(stderr);
-        restore(saved_out_, STDOUT_FILENO);
-        restore(saved_err_, STDERR_FILENO);
-        rewind(tmp_);
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, tmp_)) > 0;) text.append(buf, n);
-        fclose(tmp_);
-        tmp_ = nullptr;
-        return text;
-    }
-
-private:
-    static void restore(int saved, int fd)
-    {
-        if (saved < 0) return;
-        dup2(saved, fd);
-        close(saved);
-    }
-
-    FILE *tmp_ = nullptr;
-    int saved_out_ = -1, saved_err_ = -1;
-};
-
-// The last line a loader printed, without the path it starts with: why it
-// refused the file.
-std::string reason_from(const std::string &printed, const std::string &path)
-{
-    std::string text = printed;
-    while (!text.empty() && text.back() == '\n') text.pop_back();
-    const size_t nl = text.rfind('\n');
-    std::string line = nl == std::string::npos ? text : text.substr(nl + 1);
-    const std::string prefix = path + ": ";
-    if (line.compare(0, prefix.size(), prefix) == 0) line.erase(0, prefix.size());
-    return line.empty() ? "could not be read" : line;
-}
 
 std::string format(const char *fmt, long long a, long long b)
 {
@@ -116,49 +54,57 @@ void add_warnings(TableRow &row)
 }
 
 // Loads one entry with the mode's loader, as kelvane would, and adds its row
-// or its reason to be skipped. False when memory ran out.
+// or its reason to be skipped, and what -strict would refuse in it. False
+// when memory ran out.
 bool analyse_file(const Settings &s, const ModelEntry &e, const std::string &file, ModelReport &r)
 {
-    CapturedOutput captured;
     const char *path = e.path.c_str();
     const int flags = final_flags(s, e.name);
+    dl::npy::Diagnostic d;
+    const size_t findings_before = r.strict_findings.size();
+    check_npy_header(s, file, e.path, r.strict_findings);
     auto refused = [&] {
-        r.skipped.push_back({file, reason_from(captured.finish(), e.path)});
+        r.skipped.push_back({file, d.failed ? d.reason : "could not be read"});
+        if (r.strict_findings.size() == findings_before)
+            r.strict_findings.push_back({file, std::string("it cannot be read: ") + d.reason});
         return true;
     };
     std::optional<TableRow> row;
     switch (s.mode()) {
     case Mode::quantised_2d:
     case Mode::float_2d: {
-        MatrixPtr m(dl_matrix2d_from_numpy_file(path), dl_matrix_free);
+        MatrixPtr m(dl::npy::load_matrix2d(path, &d), dl_matrix_free);
         if (!m) return refused();
+        if ((flags & MF_QUANTISED) && !all_finite(m.get()))
+            r.strict_findings.push_back({file, "it holds a NaN or an infinity, which cannot be quantised"});
         row = analyse_matrix2d(m.get(), flags);
         break;
     }
     case Mode::quantised_tensor: {
-        // The quantising loader gives the table, the float one the values
-        // the table stands for.
-        TensorqPtr q(dl_matrix3dq_weight_from_numpy_file(path), dl_matrix3dq_free);
-        if (!q) return refused();
-        TensorPtr f(dl_matrix3d_weight_from_numpy_file(path), dl_matrix3d_free);
+        // The float values, and the table the quantiser makes of them.
+        TensorPtr f(dl::npy::load_filter_bank(path, &d), dl_matrix3d_free);
         if (!f) return refused();
+        TensorqPtr q(dl_matrixq_from_matrix3d(f.get()), dl_matrix3dq_free);
+        if (!q) return false;
         row = analyse_tensor(f.get(), q.get());
         break;
     }
     case Mode::float_tensor: {
-        TensorPtr f(dl_matrix3d_weight_from_numpy_file(path), dl_matrix3d_free);
+        TensorPtr f(dl::npy::load_filter_bank(path, &d), dl_matrix3d_free);
         if (!f) return refused();
         row = analyse_tensor(f.get(), nullptr);
         break;
     }
     case Mode::input_tensor: {
-        std::unique_ptr<dl_matrix3du_t, decltype(&dl_matrix3du_free)> t(dl_matrix3du_input_from_numpy_file(path),
+        std::unique_ptr<dl_matrix3du_t, decltype(&dl_matrix3du_free)> t(dl::npy::load_input(path, &d),
                                                                          dl_matrix3du_free);
         if (!t) return refused();
         row = analyse_input(t.get());
         break;
     }
     }
+    if (d.failed && r.strict_findings.size() == findings_before)
+        r.strict_findings.push_back({file, std::string("it cannot be read: ") + d.reason});
     if (!row) return false;
     if (s.tensor_flag) {
         // kelvane writes a tensor in the mode's format whatever the lists say.
@@ -174,16 +120,19 @@ bool analyse_file(const Settings &s, const ModelEntry &e, const std::string &fil
 }
 
 // kelvane reads _MODEL_INFO_ where it finds it and stops with status 1 when
-// the file is unusable; the report runs the same reader on /dev/null.
+// the file is unusable.
 void check_model_info(const ModelEntry &e, const std::string &file, ModelReport &r)
 {
     r.model_info = file;
-    CapturedOutput captured;
-    FILE *sink = fopen("/dev/null", "w");
-    const bool ok = sink && emit_model_info(e.path.c_str(), sink);
-    if (sink) fclose(sink);
-    const std::string printed = captured.finish();
-    if (!ok) r.info_error = reason_from(printed, e.path);
+    ModelInfoError error;
+    std::vector<std::string> problems;
+    if (!read_model_info(e.path.c_str(), error, &problems)) {
+        std::string why = error.text;
+        while (!why.empty() && why.back() == '\n') why.pop_back();
+        r.info_error = why;
+        r.strict_findings.push_back({file, "it cannot be used: " + why});
+    }
+    for (const std::string &p : problems) r.strict_findings.push_back({file, p});
 }
 
 template <class Value>
@@ -223,7 +172,7 @@ bool compare_float(TableRow &row, int64_t count, Value value)
     size_t size = 0;
     FILE *f = open_memstream(&text, &size);
     if (!f) return false;
-    for (int64_t i = 0; i < count; i++) emit_float_item(f, value(i));
+    for (int64_t i = 0; i < count; i++) emit_float_item(f, value(i), NonFinite::as_expression);
     const bool written = fclose(f) == 0;
     std::unique_ptr<char, decltype(&free)> owned(text, free);
     if (!written) return false;
@@ -383,20 +332,34 @@ bool analyse_model(const Settings &s, ModelReport &r, FILE *err)
         fprintf(err, "%s: %s\n", s.modeldir.c_str(), strerror(errno));
         return false;
     }
+    if (s.exclude_flag && !s.exclude_closed)
+        r.strict_findings.push_back({"", "the -exclude list has no closing parenthesis: its last character is dropped"});
+    NameTable names;
+    std::vector<std::string> converted;
     for (const std::string &file : entries) {
         const ModelEntry e = classify_entry(s.modeldir, file.c_str());
         switch (e.kind) {
         case EntryKind::hidden: continue;
         case EntryKind::model_info: check_model_info(e, file, r); continue;
-        case EntryKind::bad_name: r.skipped.push_back({file, "name " + e.name + " is not a C identifier"}); continue;
-        case EntryKind::not_regular: r.skipped.push_back({file, "not a regular file"}); continue;
+        case EntryKind::not_regular:
+            r.skipped.push_back({file, "not a regular file"});
+            r.strict_findings.push_back({file, "it is not a regular file"});
+            continue;
         case EntryKind::load: break;
         }
+        const std::string problem = name_problem(e.name);
+        if (!problem.empty()) r.strict_findings.push_back({file, problem});
+        const std::string owner = names.add(e.name, file);
+        if (!owner.empty())
+            r.strict_findings.push_back(
+                {file, "its name " + e.name + " clashes with that of " + owner + " in the generated source"});
         if (!analyse_file(s, e, file, r)) {
             fprintf(err, "%s: out of memory\n", e.path.c_str());
             return false;
         }
+        converted.push_back(e.name);
     }
+    check_lists(s, converted, r.strict_findings);
     return true;
 }
 
@@ -404,10 +367,10 @@ std::optional<ReportSettings> parse_report_options(int argc, const char *const *
 {
     const char *prog = argc > 0 ? argv[0] : "kelvane-report";
     ReportSettings r;
-    std::vector<const char *> args;  // modeldir and kelvane's options
-    for (int i = 1; i < argc; i++) {
+    for (int i = 1; i < argc;) {
         if (strcmp(argv[i], "--json") == 0) {
             r.json = true;
+            i++;
         } else if (strcmp(argv[i], "--min-snr") == 0) {
             double db = 0.0;
             if (i + 1 >= argc || !parse_db(argv[i + 1], db)) {
@@ -415,21 +378,21 @@ std::optional<ReportSettings> parse_report_options(int argc, const char *const *
                 return std::nullopt;
             }
             r.min_snr = db;
-            i++;
+            i += 2;
+        } else if (r.convert.modeldir.empty()) {
+            if (argv[i][0] == '-') break;  // the directory comes first
+            r.convert.modeldir = argv[i++];
         } else {
-            args.push_back(argv[i]);
+            // kelvane's options, parsed as kelvane parses them.
+            const int used = parse_mode_option(argc, argv, i, r.convert, err);
+            if (used == 0) return std::nullopt;
+            i += used;
         }
     }
-    if (args.empty() || args[0][0] == '-') {
+    if (r.convert.modeldir.empty()) {
         print_usage(prog, err);
         return std::nullopt;
     }
-    // kelvane's own parser, with placeholders for the outputs it would write.
-    std::vector<const char *> kelvane_argv = {prog, args[0], "-", "-", "report"};
-    kelvane_argv.insert(kelvane_argv.end(), args.begin() + 1, args.end());
-    auto s = parse_options(static_cast<int>(kelvane_argv.size()), kelvane_argv.data(), err);
-    if (!s) return std::nullopt;
-    r.convert = std::move(*s);
     return r;
 }
 

@@ -14,6 +14,7 @@
 
 #include "dl_lib.h"
 #include "options.h"
+#include "strict.h"
 
 namespace kelvane {
 
@@ -83,6 +84,7 @@ struct ModelReport {
     std::vector<SkippedEntry> skipped;       // entries kelvane leaves out
     std::optional<std::string> model_info;   // _MODEL_INFO_, when present
     std::optional<std::string> info_error;   // why kelvane would stop on it
+    std::vector<Finding> strict_findings;    // what kelvane -strict would refuse
 
     int64_t flash_bytes() const;
     // The table with the lowest SNR; null when every table is exact.

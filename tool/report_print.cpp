@@ -1,8 +1,9 @@
 // The report as an aligned text table and as JSON.
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstring>
+
+#include <nlohmann/json.hpp>
 
 #include "report.h"
 
@@ -114,69 +115,20 @@ void print_table(FILE *out, const std::vector<std::vector<std::string>> &rows, c
 
 // ---- JSON -----------------------------------------------------------------
 
-// A JSON string. File names may hold any bytes: control characters are
-// escaped, and bytes that are not UTF-8 become U+FFFD.
-std::string json_string(const std::string &s)
-{
-    std::string j = "\"";
-    for (size_t i = 0; i < s.size();) {
-        const unsigned char c = static_cast<unsigned char>(s[i]);
-        if (c == '"' || c == '\\') {
-            j += '\\';
-            j += static_cast<char>(c);
-            i++;
-        } else if (c < 0x20 || c == 0x7f) {
-            j += format("\\u%04x", c);
-            i++;
-        } else if (c < 0x80) {
-            j += static_cast<char>(c);
-            i++;
-        } else {
-            // Length of a well-formed sequence starting here, or 0.
-            size_t n = (c >= 0xc2 && c <= 0xdf) ? 2 : (c >= 0xe0 && c <= 0xef) ? 3 : (c >= 0xf0 && c <= 0xf4) ? 4 : 0;
-            if (n && i + n <= s.size()) {
-                const unsigned char c1 = static_cast<unsigned char>(s[i + 1]);
-                // Second bytes that would give overlong forms, surrogates or
-                // code points above U+10FFFF.
-                const unsigned char lo = c == 0xe0 ? 0xa0 : c == 0xf0 ? 0x90 : 0x80;
-                const unsigned char hi = c == 0xed ? 0x9f : c == 0xf4 ? 0x8f : 0xbf;
-                if (c1 < lo || c1 > hi) n = 0;
-                for (size_t k = 2; n && k < n; k++)
-                    if ((static_cast<unsigned char>(s[i + k]) & 0xc0) != 0x80) n = 0;
-            } else {
-                n = 0;
-            }
-            if (n) {
-                j.append(s, i, n);
-                i += n;
-            } else {
-                j += "\\ufffd";
-                i++;
-            }
-        }
-    }
-    return j + "\"";
-}
+using Json = nlohmann::ordered_json;  // keys in the order they are set
 
-// The shortest text that reads back as the same double.
-std::string json_number(double v)
-{
-    if (!std::isfinite(v)) return "null";
-    char buf[32];
-    const auto res = std::to_chars(buf, buf + sizeof buf, v);
-    return std::string(buf, res.ptr);
-}
+Json json_number(double v) { return std::isfinite(v) ? Json(v) : Json(nullptr); }
 
-std::string json_snr(const Comparison &c)
+Json json_snr(const Comparison &c)
 {
     const auto snr = c.snr_db();
-    return snr ? json_number(*snr) : "null";
+    return snr ? json_number(*snr) : Json(nullptr);
 }
 
 template <class T>
-std::string json_optional(const std::optional<T> &v)
+Json json_optional(const std::optional<T> &v)
 {
-    return v ? std::to_string(*v) : "null";
+    return v ? Json(*v) : Json(nullptr);
 }
 
 }  // namespace
@@ -208,6 +160,11 @@ void print_report_text(const ModelReport &r, const std::optional<double> &min_sn
         fputs("Not converted:\n", out);
         for (const SkippedEntry &s : r.skipped) fprintf(out, "  %s: %s\n", s.file.c_str(), s.reason.c_str());
     }
+    if (!r.strict_findings.empty()) {
+        fputs("kelvane -strict refuses:\n", out);
+        for (const Finding &f : r.strict_findings)
+            fprintf(out, "  %s%s%s\n", f.file.c_str(), f.file.empty() ? "" : ": ", f.why.c_str());
+    }
 
     fprintf(out, "%zu table%s, %lld bytes of flash", r.tables.size(), r.tables.size() == 1 ? "" : "s",
             static_cast<long long>(r.flash_bytes()));
@@ -228,54 +185,47 @@ void print_report_text(const ModelReport &r, const std::optional<double> &min_sn
 
 void print_report_json(const ModelReport &r, const std::optional<double> &min_snr, FILE *out)
 {
-    fprintf(out, "{\n  \"modeldir\": %s,\n  \"mode\": \"%s\",\n  \"tables\": [", json_string(r.modeldir).c_str(),
-            mode_code(r.mode));
-    for (size_t i = 0; i < r.tables.size(); i++) {
-        const TableRow &t = r.tables[i];
-        std::string shape;
-        for (size_t k = 0; k < t.shape.size(); k++) shape += (k ? ", " : "") + std::to_string(t.shape[k]);
-        std::string warnings;
-        for (size_t k = 0; k < t.warnings.size(); k++) {
-            warnings += format("%s{\"code\": \"%s\", \"text\": ", k ? ", " : "", t.warnings[k].code) +
-                        json_string(t.warnings[k].text) + "}";
-        }
-        fprintf(out,
-                "%s\n    {\"file\": %s, \"name\": %s, \"shape\": [%s], \"kind\": \"%s\", \"batch_norm\": %s, "
-                "\"exponent\": %s, \"bits\": %s, \"snr_db\": %s, \"max_abs_error\": %s, \"zeroed_share\": %s, "
-                "\"non_finite\": %lld, \"bytes\": %lld, \"warnings\": [%s]}",
-                i ? "," : "", json_string(t.file).c_str(), json_string(t.name).c_str(), shape.c_str(),
-                kind_code(t.kind), t.batch_norm ? "true" : "false", json_optional(t.exponent).c_str(),
-                json_optional(t.bits).c_str(), json_snr(t.cmp).c_str(),
-                t.compared ? json_number(t.cmp.max_abs_error).c_str() : "null",
-                t.compared ? json_number(t.cmp.zeroed_share()).c_str() : "null", static_cast<long long>(t.non_finite),
-                static_cast<long long>(t.bytes), warnings.c_str());
+    Json doc;
+    doc["modeldir"] = r.modeldir;
+    doc["mode"] = mode_code(r.mode);
+    doc["tables"] = Json::array();
+    for (const TableRow &t : r.tables) {
+        Json warnings = Json::array();
+        for (const Warning &w : t.warnings) warnings.push_back({{"code", w.code}, {"text", w.text}});
+        doc["tables"].push_back({{"file", t.file},
+                                 {"name", t.name},
+                                 {"shape", t.shape},
+                                 {"kind", kind_code(t.kind)},
+                                 {"batch_norm", t.batch_norm},
+                                 {"exponent", json_optional(t.exponent)},
+                                 {"bits", json_optional(t.bits)},
+                                 {"snr_db", json_snr(t.cmp)},
+                                 {"max_abs_error", t.compared ? json_number(t.cmp.max_abs_error) : Json(nullptr)},
+                                 {"zeroed_share", t.compared ? json_number(t.cmp.zeroed_share()) : Json(nullptr)},
+                                 {"non_finite", static_cast<long long>(t.non_finite)},
+                                 {"bytes", static_cast<long long>(t.bytes)},
+                                 {"warnings", warnings}});
     }
-    fputs(r.tables.empty() ? "],\n" : "\n  ],\n", out);
-
-    if (r.model_info) {
-        fprintf(out, "  \"model_info\": {\"file\": %s, \"error\": %s},\n", json_string(*r.model_info).c_str(),
-                r.info_error ? json_string(*r.info_error).c_str() : "null");
-    } else {
-        fputs("  \"model_info\": null,\n", out);
-    }
-    fputs("  \"skipped\": [", out);
-    for (size_t i = 0; i < r.skipped.size(); i++) {
-        fprintf(out, "%s\n    {\"file\": %s, \"reason\": %s}", i ? "," : "", json_string(r.skipped[i].file).c_str(),
-                json_string(r.skipped[i].reason).c_str());
-    }
-    fputs(r.skipped.empty() ? "],\n" : "\n  ],\n", out);
-
+    doc["model_info"] = r.model_info ? Json{{"file", *r.model_info}, {"error", json_optional(r.info_error)}}
+                                     : Json(nullptr);
+    doc["skipped"] = Json::array();
+    for (const SkippedEntry &s : r.skipped) doc["skipped"].push_back({{"file", s.file}, {"reason", s.reason}});
+    doc["strict_findings"] = Json::array();
+    for (const Finding &f : r.strict_findings)
+        doc["strict_findings"].push_back({{"file", f.file.empty() ? Json(nullptr) : Json(f.file)}, {"why", f.why}});
     const TableRow *worst = r.worst();
-    fprintf(out, "  \"summary\": {\"tables\": %zu, \"flash_bytes\": %lld, \"worst_snr_db\": %s, \"worst_table\": %s",
-            r.tables.size(), static_cast<long long>(r.flash_bytes()), worst ? json_snr(worst->cmp).c_str() : "null",
-            worst ? json_string(worst->name).c_str() : "null");
+    Json summary = {{"tables", r.tables.size()},
+                    {"flash_bytes", static_cast<long long>(r.flash_bytes())},
+                    {"worst_snr_db", worst ? json_snr(worst->cmp) : Json(nullptr)},
+                    {"worst_table", worst ? Json(worst->name) : Json(nullptr)}};
     if (min_snr) {
-        fprintf(out, ", \"min_snr_db\": %s, \"below_min_snr\": [", json_number(*min_snr).c_str());
-        const auto low = r.below(*min_snr);
-        for (size_t i = 0; i < low.size(); i++) fprintf(out, "%s%s", i ? ", " : "", json_string(low[i]->name).c_str());
-        fputs("]", out);
+        summary["min_snr_db"] = json_number(*min_snr);
+        summary["below_min_snr"] = Json::array();
+        for (const TableRow *t : r.below(*min_snr)) summary["below_min_snr"].push_back(t->name);
     }
-    fputs("}\n}\n", out);
+    doc["summary"] = summary;
+    // File names may hold any bytes: those that are not UTF-8 become U+FFFD.
+    fprintf(out, "%s\n", doc.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
 }
 
 }  // namespace kelvane

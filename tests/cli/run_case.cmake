@@ -1,9 +1,12 @@
 # Runs one golden case of the kelvane command line and compares its output
-# byte for byte: cmake -DKELVANE=<exe> -DCASE_DIR=<case> -DWORK_DIR=<scratch> -P run_case.cmake
+# byte for byte: cmake -DKELVANE=<exe> -DREPORT=<exe> -DCASE_DIR=<case> -DWORK_DIR=<scratch> -P run_case.cmake
 #
 # A case directory holds:
+#   program   kelvane-report to run the report instead of kelvane (optional)
 #   args      the arguments after the program name, one per line
 #   model/    copied to the scratch directory as ./model (optional)
+#   before/   files put in the scratch directory first, as outputs of an
+#             earlier run (optional)
 #   stdout, stderr, status   what the run must print and return
 #   out/      <file>.expected for every .c and .h file the run must write in
 #             the scratch directory (typically demo.c and demo.h); kept as
@@ -17,13 +20,21 @@ file(MAKE_DIRECTORY "${WORK_DIR}")
 if(EXISTS "${CASE_DIR}/model")
   file(COPY "${CASE_DIR}/model" DESTINATION "${WORK_DIR}")
 endif()
+if(EXISTS "${CASE_DIR}/before")
+  file(COPY "${CASE_DIR}/before/" DESTINATION "${WORK_DIR}")
+endif()
 
+set(program "${KELVANE}")
+if(EXISTS "${CASE_DIR}/program")
+  set(program "${REPORT}")
+endif()
 file(STRINGS "${CASE_DIR}/args" args ENCODING UTF-8)
-execute_process(COMMAND "${KELVANE}" ${args}
+execute_process(COMMAND "${program}" ${args}
                 WORKING_DIRECTORY "${WORK_DIR}"
                 OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE status)
 # The usage text names the program as called; make it independent of the build tree.
 string(REPLACE "${KELVANE}" "kelvane" out "${out}")
+string(REPLACE "${REPORT}" "kelvane-report" err "${err}")
 
 set(update "$ENV{KELVANE_UPDATE_GOLDEN}")
 set(failures "")
@@ -51,7 +62,10 @@ if(update)
 else()
   file(GLOB expected_files RELATIVE "${CASE_DIR}/out" "${CASE_DIR}/out/*.expected")
   list(TRANSFORM expected_files REPLACE "\\.expected$" "")
-  file(GLOB produced RELATIVE "${WORK_DIR}" "${WORK_DIR}/*.c" "${WORK_DIR}/*.h")
+  # Anything else left in the scratch directory (a temporary file of a
+  # failed run, say) is a failure too.
+  file(GLOB produced RELATIVE "${WORK_DIR}" "${WORK_DIR}/*" "${WORK_DIR}/.*")
+  list(REMOVE_ITEM produced model)
   foreach(f IN LISTS produced)
     if(NOT f IN_LIST expected_files)
       string(APPEND failures "${f} was written, but the case expects no such file.\n")

@@ -77,7 +77,7 @@ def fetch_models():
     save(f"{d3}/w.npy", np.array([1.0], dtype=np.float32))
     with open(path(d3, "_MODEL_INFO_"), "wb") as f:
         # A quote, a backslash, a trigraph and a carriage return (DOS line end).
-        f.write(b'm_v1_say"hi"_3_0.5_0.25_back\\slash_4_0.1236_abc_what??=_1_1_2\r\n')
+        f.write(b'm_v1_say"hi"_3_0.5_0.25_back\\slash_4_0.1236_0_what??=_1_1_2\r\n')
     d2 = fresh_dir("tests/data/fetch_model_noinfo")
     save(f"{d2}/w.npy", np.array([[0.5, -1.0], [2.0, 0.125]], dtype=np.float32))
 
@@ -143,6 +143,76 @@ def cli_case_models():
         f.write(full[:-6])
     with open(path(d, "_MODEL_INFO_.txt"), "w") as f:
         f.write("a_b_c_1_0.5_0.5\n")
+
+    strict_cases(model)
+    report_cases(model)
+
+
+def report_cases(model):
+    """kelvane-report's text and JSON outputs."""
+    d = model("report_text")
+    save(f"{d}/a.npy", np.array([1.0, -1.0], dtype=np.float32))
+    # Roots 10000 (exact at exponent -1) and sqrt(0.001), which is lost.
+    save(f"{d}/pop_var.npy", np.array([1e8, 0.0], dtype=np.float32))
+    with open(path(d, "2nd.npy"), "w") as f:
+        f.write("")
+    with open(path(d, "_MODEL_INFO_"), "w") as f:
+        f.write("no significant line\n")
+    d = model("report_json")
+    # 10000 stays, -30000 becomes -29999 (exponent 0): SNR = 10 log10(1e9 / 1) = 90 dB.
+    save(f"{d}/a.npy", np.array([10000.0, -30000.0], dtype=np.float32))
+    save(f"{d}/b.npy", np.array([1.0, 0.5], dtype=np.float32))
+    with open(path(d, "junk.txt"), "w") as f:
+        f.write("not a numpy file")
+    with open(path(d, "_MODEL_INFO_"), "w") as f:
+        f.write("kws_v1_hey_3_0.80_0.60\n")
+
+
+def npy_bytes(header, data=b""):
+    """A version 1.0 .npy file with this header text, padded as numpy pads it."""
+    text = header.encode()
+    pad = 64 - (10 + len(text) + 1) % 64
+    text += b" " * (pad % 64) + b"\n"
+    return b"\x93NUMPY\x01\x00" + len(text).to_bytes(2, "little") + text + data
+
+
+def strict_cases(model):
+    """Files the classic conversion writes although the result is wrong or
+    does not compile, in the two runs that pin it (classic_values) and in the
+    runs that -strict refuses or writes exactly (strict_*)."""
+    d = model("classic_values")
+    save(f"{d}/w.npy", np.array([np.inf, -np.inf, np.nan, 0.5], dtype=np.float32))
+    with open(path(d, "_MODEL_INFO_"), "wb") as f:
+        f.write(b"m_v1_say_3_nan_abc_go_7_inf_0.5\r\n")
+    d = model("strict_ok")
+    save(f"{d}/w.npy", np.array([np.inf, -np.inf, np.nan, 0.5], dtype=np.float32))
+    save(f"{d}/q.npy", np.array([[1.0, -0.5]], dtype=np.float32))
+    with open(path(d, "_MODEL_INFO_"), "wb") as f:
+        f.write(b"m_v1_say??=_3_0.5_0.25\r\n")
+
+    for case in ("strict_refusals", "classic_refusals"):
+        d = model(case)
+        one = np.array([1.0], dtype=np.float32)
+        for name in ("2nd", "my-w", "index", "strdup", "w", "w.old", "q", "bn"):
+            save(f"{d}/{name}.npy", one)
+        save(f"{d}/q.npy", np.array([1.0, np.nan], dtype=np.float32))
+        save(f"{d}/fortran.npy", np.asfortranarray(np.arange(6, dtype=np.float32).reshape(2, 3)))
+        save(f"{d}/three_d.npy", np.arange(24, dtype=np.float32).reshape(2, 3, 4))
+        save(f"{d}/structured.npy", np.zeros(2, dtype=[("a", "<i4"), ("b", "<f4")]))
+        with open(path(d, "negative.npy"), "wb") as f:
+            f.write(npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': (2, -1), }", b"\0" * 8))
+        with open(path(d, "truncated.npy"), "wb") as f:
+            f.write(npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': (2, 2), }", b"\0" * 12))
+        with open(path(d, "_MODEL_INFO_"), "wb") as f:
+            f.write(b"\xef\xbb\xbf# comment_a_b_1_0.5_0.5\nm_v1_go_0_0.5_0.5\n")
+
+    d = model("strict_tensor")
+    save(f"{d}/five_d.npy", np.zeros((1, 1, 1, 1, 2), dtype=np.float32))
+    save(f"{d}/filters.npy", np.ones((1, 1, 1, 2), dtype=np.float32))
+    with open(path(d, "_MODEL_INFO_"), "w") as f:
+        # Read in pieces of 2047 bytes: the first piece qualifies, and the
+        # classic reader takes its threshold without the rest of its digits.
+        f.write("m_v1_go_3_0.5_0." + "5" * 2100 + "\n")
 
 
 def hostile_models():
