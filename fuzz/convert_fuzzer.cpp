@@ -6,15 +6,18 @@
 //
 // An entry name ending in '/' makes a subdirectory, one ending in '|' a
 // FIFO. The options follow "kelvane <dir> model.c model.h model", so every
-// mode and option can be reached. Beyond not crashing, a run must account
-// for every entry (a table in a lookup or a warning naming it), put no text
-// of the directory into the code outside the names it accepted as C
-// identifiers, write tables whose item counts fit their records, and give a
-// source that compiles (sampled).
+// mode and option can be reached. Each input runs twice. The classic run
+// must not crash and must end with status 0 or 1. The -strict run must
+// either refuse, with a reason and no file left behind, or account for every
+// entry in its lookups, put no text of the directory into the code outside
+// the names of its tables, write tables whose item counts fit their
+// records, and give a source that compiles (sampled).
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -175,6 +178,44 @@ void check_tables(const std::string &code)
     }
 }
 
+
+struct Run {
+    int status = -1;
+    bool parsed = false;
+    Captured printed;
+};
+
+// kelvane on dir with the input's options (and -strict when strict is set),
+// writing base/model.c and base/model.h.
+Run convert_dir(const Input &in, const std::string &base, const std::string &dir, bool strict)
+{
+    const std::string cfile = base + "/model.c", hfile = base + "/model.h";
+    std::vector<const char *> argv = {"kelvane", dir.c_str(), cfile.c_str(), hfile.c_str(), "model"};
+    for (const std::string &o : in.options) argv.push_back(o.c_str());
+    if (strict) argv.push_back("-strict");
+    Run r;
+    r.printed = capture([&] {
+        const auto settings = kelvane::parse_options(static_cast<int>(argv.size()), argv.data(), stdout);
+        r.parsed = settings.has_value();
+        r.status = settings ? kelvane::convert(*settings) : 1;
+    });
+    FUZZ_CHECK(r.status == 0 || r.status == 1, "status %d", r.status);
+    return r;
+}
+
+// Names of base's entries other than the model directory m.
+std::set<std::string> outputs_in(const std::string &base)
+{
+    std::set<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR *)> d(opendir(base.c_str()), closedir);
+    if (!d) return names;
+    while (const dirent *e = readdir(d.get())) {
+        const std::string n = e->d_name;
+        if (n != "." && n != ".." && n != "m") names.insert(n);
+    }
+    return names;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -193,43 +234,41 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     }
 
-    const std::string cfile = base + "/model.c", hfile = base + "/model.h";
-    std::vector<const char *> argv = {"kelvane", dir.c_str(), cfile.c_str(), hfile.c_str(), "model"};
-    for (const std::string &o : in.options) argv.push_back(o.c_str());
-    int status = -1;
-    bool parsed = false;
-    const Captured printed = capture([&] {
-        const auto settings = kelvane::parse_options(static_cast<int>(argv.size()), argv.data(), stdout);
-        parsed = settings.has_value();
-        status = settings ? kelvane::convert(*settings) : 1;
-    });
-    FUZZ_CHECK(status == 0 || status == 1, "status %d", status);
-    struct stat st;
-    if (!parsed) {
-        FUZZ_CHECK(stat(cfile.c_str(), &st) != 0 && stat(hfile.c_str(), &st) != 0, "a bad option touched a file");
+    // The classic conversion: whatever the files, a status of 0 or 1 and
+    // library lines that begin with the file's path (the tensor loaders'
+    // shape lines with "filter " or "input " before it; the batch-norm
+    // roots warn under their own name).
+    const Run classic = convert_dir(in, base, dir, false);
+    if (!classic.parsed) {
+        FUZZ_CHECK(outputs_in(base).empty(), "a bad option touched a file");
         return 0;
     }
-    // A library message begins with the file's path (the tensor loaders'
-    // shape lines with "filter " or "input " before it); the batch-norm
-    // roots warn under their own name.
-    for (std::string_view line : lines(printed.err)) {
+    for (std::string_view line : lines(classic.printed.err)) {
         FUZZ_CHECK(starts_with(line, dir + "/") || starts_with(line, "filter " + dir + "/") ||
                        starts_with(line, "input " + dir + "/") || starts_with(line, "dl_batch_normalize_get_sqrtvar: "),
                    "stderr line: %.*s", static_cast<int>(line.size()), line.data());
     }
-    if (status == 1) {
-        // An unusable _MODEL_INFO_: a message on stdout, or perror's line.
-        FUZZ_CHECK(printed.out.find("ERROR") != std::string::npos || !printed.err.empty(),
-                   "status 1 without a reason: %s", printed.out.c_str());
+
+    // The strict conversion either refuses, with a reason and no file
+    // written or left behind, or writes a pair that holds every entry.
+    const std::string cfile = base + "/model.c", hfile = base + "/model.h";
+    remove(cfile.c_str());
+    remove(hfile.c_str());
+    const Run strict = convert_dir(in, base, dir, true);
+    if (strict.status == 1) {
+        FUZZ_CHECK(strict.printed.out.find("ERROR") != std::string::npos || !strict.printed.err.empty(),
+                   "status 1 without a reason: %s", strict.printed.out.c_str());
+        FUZZ_CHECK(outputs_in(base).empty(), "a refused run left a file: %s", strict.printed.out.c_str());
         return 0;
     }
+    FUZZ_CHECK(strict.printed.err.empty(), "stderr of a strict run: %s", strict.printed.err.c_str());
 
     const std::string source = read_file(cfile);
     FUZZ_CHECK(read_file(hfile) == kHeader, "header:\n%s", read_file(hfile).c_str());
     const CText c = split_c(source);
     FUZZ_CHECK(c.ok, "a string literal is not closed or has a foreign escape:\n%s", source.c_str());
 
-    // Every visible entry is either in a lookup or named in a warning.
+    // Every visible entry is in a lookup, once.
     std::map<std::string, int> listed;  // lookup lines per name
     for (std::string_view line : lines(source)) {
         const std::string_view head = "\tif (strcmp(name, \"";
@@ -240,38 +279,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                    static_cast<int>(line.size()), line.data());
         listed[n]++;
     }
-    std::set<std::string> accepted;
     std::map<std::string, int> converted;
     for (const Entry &e : in.entries) {
         if (e.name[0] == '.' || e.name == "_MODEL_INFO_") continue;
-        const bool warned =
-            printed.out.find("Could not parse file " + e.name + ", not converting.\n") != std::string::npos ||
-            printed.out.find(" of file " + e.name + " is not a C identifier, not converting.\n") != std::string::npos;
+        FUZZ_CHECK(e.kind != Entry::fifo, "converted the FIFO %s", e.name.c_str());
         const std::string n = kelvane::sanitize_name(e.name.c_str());
-        if (!warned) {
-            FUZZ_CHECK(kelvane::is_c_identifier(n), "converted %s as %s", e.name.c_str(), n.c_str());
-            FUZZ_CHECK(e.kind != Entry::fifo, "converted the FIFO %s", e.name.c_str());
-            converted[n]++;
-        }
-        if (kelvane::is_c_identifier(n)) accepted.insert(n);
+        FUZZ_CHECK(kelvane::name_problem(n).empty(), "converted %s as %s", e.name.c_str(), n.c_str());
+        converted[n]++;
     }
     FUZZ_CHECK(listed == converted, "%zu names in the lookups, %zu entries converted:\n%s\n%s", listed.size(),
-               converted.size(), printed.out.c_str(), source.c_str());
+               converted.size(), strict.printed.out.c_str(), source.c_str());
 
     // No other text of the directory reaches the code.
     for (const std::string &id : identifiers(c.code)) {
-        const bool own = kVocabulary.count(id) || accepted.count(id) ||
+        const bool own = kVocabulary.count(id) || converted.count(id) ||
                          (id.size() > 11 && id.compare(id.size() - 11, 11, "_item_array") == 0 &&
-                          accepted.count(id.substr(0, id.size() - 11)));
+                          converted.count(id.substr(0, id.size() - 11)));
         FUZZ_CHECK(own, "identifier %s in the generated code:\n%s", id.c_str(), source.c_str());
     }
     check_tables(c.code);
-
-    // Two entries with one sanitised name (a.npy, a.v2.npy) both give their
-    // tables, which then clash: the source cannot compile, by design.
-    bool clash = false;
-    for (const auto &[n, count] : converted) clash = clash || count > 1 || converted.count(n + "_item_array");
-    if (!clash && sampled(data, size, 64)) {
+    if (sampled(data, size, 64)) {
         FUZZ_CHECK(compiles_as_c(cfile, base), "generated source does not compile:\n%s", source.c_str());
     }
     return 0;

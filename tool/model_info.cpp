@@ -21,7 +21,12 @@ bool find_significant_line(FILE *f, std::string &line, bool &cut)
     bool line_start = true;  // the piece begins a line of the file
     while (fgets(buf, sizeof buf, f)) {
         const size_t len = strlen(buf);
-        const bool whole_end = (len > 0 && buf[len - 1] == '\n') || feof(f);
+        bool whole_end = len > 0 && buf[len - 1] == '\n';
+        if (!whole_end) {  // the line ends here only if the file does
+            const int next = getc(f);
+            whole_end = next == EOF;
+            if (next != EOF) ungetc(next, f);
+        }
         const bool piece_start = line_start;
         line_start = len > 0 && buf[len - 1] == '\n';
         if (buf[0] == '#' || buf[0] == '\0') continue;
