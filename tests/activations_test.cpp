@@ -233,7 +233,11 @@ INSTANTIATE_TEST_SUITE_P(
                   "dl_sigmoid_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
         DeathCase{"tanh_q", [] { dl_tanh_q(q(2, 1), q(1, 2)); }, "dl_tanh_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
         DeathCase{"relu_q", [] { dl_relu_q(q(2, 1), 1.0f, q(1, 2)); },
-                  "dl_relu_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"}),
+                  "dl_relu_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
+        DeathCase{"softmax_into_small", [] { dl_softmax(f(2, 1), f(1, 1)); },
+                  "dl_softmax: Assertion `out->w>=in->w && out->h>=in->h'"},
+        DeathCase{"softmax_q_into_small", [] { dl_softmax_q(q(1, 2), q(1, 1)); },
+                  "dl_softmax_q: Assertion `out->w>=in->w && out->h>=in->h'"}),
     CaseName());
 
 }  // namespace

@@ -252,4 +252,18 @@ INSTANTIATE_TEST_SUITE_P(
                                   "Assertion `out->w == out_channels \\* wo \\* ho' failed"}),
     CaseName());
 
+// The float layer takes a larger filter or bias than it uses, but not a
+// smaller one (the fixed-point layer's product asserts exact shapes).
+TEST(ConvDeathTest, FloatFilterAndBiasLargeEnough)
+{
+    MatrixPtr in = matrix(3, 2, {1, 2, 3, 4, 5, 6}), filter = own(dl_matrix_alloc(2, 4)),
+              bias = own(dl_matrix_alloc(2, 1)), small = own(dl_matrix_alloc(1, 1));
+    EXPECT_DEATH(dl_basic_conv_layer(in.get(), small.get(), bias.get(), 2, 2, 2, 1, 1, 0, nullptr),
+                 "Assertion `filter->h>=filter_w\\*filter_h' failed");
+    EXPECT_DEATH(dl_basic_conv_layer(in.get(), filter.get(), bias.get(), 2, 2, 3, 1, 1, 0, nullptr),
+                 "Assertion `filter->w>=out_channels' failed");
+    EXPECT_DEATH(dl_basic_conv_layer(in.get(), filter.get(), small.get(), 2, 2, 2, 1, 1, 0, nullptr),
+                 "Assertion `bias->w\\*bias->h>=out_channels' failed");
+}
+
 }  // namespace

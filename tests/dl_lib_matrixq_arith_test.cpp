@@ -544,6 +544,17 @@ dl_matrix2dq_t *q(int w, int h)
 }
 dl_matrix2d_t *f(int w, int h) { return dl_matrix_alloc(w, h); }
 
+// New records that cannot be had are NULL: a negative total width is one
+// that no allocation can satisfy.
+TEST(MatrixqMemory, NewRecordsAreNullWhenMemoryRunsOut)
+{
+    dl_matrix2d_t *m = f(1, 1);
+    m->w = -5;
+    EXPECT_EQ(dl_matrixq_from_matrix2d(m, nullptr), nullptr);
+    EXPECT_EQ(dl_matrixq_concat(q(-4, 1), q(1, 1)), nullptr);
+    EXPECT_EQ(dl_matrixq_flatten(q(2, 2), 0, 0, -3, 1, nullptr), nullptr);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Conditions, MatrixqDeathTest,
     testing::Values(
@@ -559,6 +570,16 @@ INSTANTIATE_TEST_SUITE_P(
                   "dl_matrixq_dot_c_impl: Assertion `a->h==res->h'"},
         DeathCase{"dot_width", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(3, 2), 0); },
                   "dl_matrixq_dot_c_impl: Assertion `b->w==res->w'"},
+        DeathCase{"dot_in_place", [] {
+                      dl_matrix2dq_t *a = q(2, 2);
+                      dl_matrixq_dot(a, q(2, 2), a, 0);
+                  },
+                  "dl_matrixq_dot_c_impl: Assertion `res!=a && res!=b'"},
+        DeathCase{"dot_shift_negative", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), -1); },
+                  "dl_matrixq_dot_c_impl: Assertion `shift>=0'"},
+        // a->w 2: the default shift is 16.
+        DeathCase{"dot_shift_above_default", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), 17); },
+                  "dl_matrixq_dot_c_impl: Assertion `shift<=product_shift\\(a->w\\)'"},
         DeathCase{"out_inner", [] { dl_matrixq_dot_matrix_out(q(3, 2), q(2, 2), f(2, 2)); },
                   "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
         DeathCase{"out_height", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(2, 3)); },
@@ -567,6 +588,12 @@ INSTANTIATE_TEST_SUITE_P(
                   "dl_matrixq_dot_matrix_out_c_impl: Assertion `b->w==res->w'"},
         DeathCase{"float_times_fixed", [] { dl_matrix_matrixq_dot(f(3, 2), q(2, 2), f(2, 2)); },
                   "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
+        DeathCase{"float_times_fixed_out_of_memory", [] {
+                      dl_matrix2d_t *a = f(1, 1);
+                      a->w = -5;  // no allocation can hold its quantised copy
+                      dl_matrix_matrixq_dot(a, q(2, 2), f(2, 1));
+                  },
+                  "dl_matrix_matrixq_dot: Assertion `out of memory: qa'"},
         DeathCase{"add_operands", [] { dl_matrixq_add(q(2, 2), q(2, 3), q(2, 2), 0); },
                   "a: 2 x 2, b: 2 x 3\n.*dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
         DeathCase{"add_result", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(3, 2), 0); },
@@ -585,13 +612,12 @@ INSTANTIATE_TEST_SUITE_P(
                   "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
         DeathCase{"div_result", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(3, 2), 0); },
                   "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, out\\)'"},
+        DeathCase{"div_shift", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(2, 2), 17); },
+                  "dl_matrixq_div: Assertion `shift>=0 && shift<=16'"},
         DeathCase{"add_const_shift", [] { dl_matrixq_add_const(q(2, 2), 1.0f, -1); },
                   "dl_matrixq_add_const: Assertion `shift==0 \\|\\| shift==1'"},
         DeathCase{"concat_heights", [] { dl_matrixq_concat(q(2, 2), q(2, 3)); },
                   "dl_matrixq_concat: Assertion `a->h==b->h'"},
-        // A negative total width is one that no allocation can satisfy.
-        DeathCase{"concat_allocation", [] { dl_matrixq_concat(q(-4, 1), q(1, 1)); },
-                  "dl_matrixq_concat: Assertion `ret'"},
         DeathCase{"slice_into_owning", [] { dl_matrixq_slice(q(2, 2), 0, 0, 1, 1, q(1, 1)); },
                   "dl_matrixq_slice: Assertion `in->flags&DL_MF_FOREIGNDATA'"},
         DeathCase{"slice_right", [] { dl_matrixq_slice(q(2, 3), 1, 0, 2, 1, nullptr); },
@@ -601,7 +627,13 @@ INSTANTIATE_TEST_SUITE_P(
         DeathCase{"flatten_right", [] { dl_matrixq_flatten(q(2, 3), 1, 0, 2, 1, nullptr); },
                   "dl_matrixq_flatten: Assertion `x \\+ w <= src->w'"},
         DeathCase{"flatten_bottom", [] { dl_matrixq_flatten(q(2, 3), 0, 2, 1, 2, nullptr); },
-                  "dl_matrixq_flatten: Assertion `y \\+ h <= src->h'"}),
+                  "dl_matrixq_flatten: Assertion `y \\+ h <= src->h'"},
+        DeathCase{"flatten_into_small", [] { dl_matrixq_flatten(q(2, 3), 0, 0, 2, 2, q(3, 1)); },
+                  "dl_matrixq_flatten: Assertion `out->w\\*out->h>=w\\*h'"},
+        DeathCase{"set_column", [] { dl_matrixq_set(q(2, 2), 2, 0, 1.0f); },
+                  "dl_matrixq_set: Assertion `x>=0 && x<m->w'"},
+        DeathCase{"set_row", [] { dl_matrixq_set(q(2, 2), 0, -1, 1.0f); },
+                  "dl_matrixq_set: Assertion `y>=0 && y<m->h'"}),
     CaseName());
 
 }  // namespace

@@ -13,6 +13,11 @@
  *    type: the message quotes the condition, e.g. "a->w==b->h".
  *  - File loaders never assert on file content: they print one line on
  *    stderr, beginning with the file's name, and return NULL.
+ *  - When memory runs out, a function that makes a new record (an
+ *    allocator, a loader, a concatenation, an operation given a NULL result
+ *    record) returns NULL; a layer or operation that cannot get a temporary
+ *    of its own stops with "Assertion `out of memory: <name>' failed.".
+ *    No function goes on with a record it could not get.
  *  - Float arithmetic is single precision, rounded at each step, with no
  *    fused multiply-add; a device computes what the PC computed.
  */
@@ -46,7 +51,7 @@ fptp_t fast_exp(double x, int n);
 
 /* Softmax over the whole matrix (not per row): fast_exp(item, 8) divided by
  * the float sum of all of them, with no subtraction of the largest. out must
- * be at least as large as in (not checked); may be in. An infinite sum gives
+ * be at least as large as in (asserted); may be in. An infinite sum gives
  * NaN for the overflowing items and 0 for the others. */
 void dl_softmax(const dl_matrix2d_t *in, dl_matrix2d_t *out);
 
@@ -162,7 +167,10 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
  * first window starts min(k / 2, ceil(r / 2)) into the framed matrix, r being
  * what windows run from 0 leave over at the end (0 if none); ho alike.
  * Strides are at least 1. Each channel sums its window's places in
- * ascending order from 0.0, one float rounding per step, then adds bias. */
+ * ascending order from 0.0, one float rounding per step, then adds bias.
+ * filter and bias may be larger than that; at least filter_w * filter_h
+ * rows and out_channels columns of filter, and out_channels items of bias,
+ * are asserted. */
 dl_matrix2d_t *dl_basic_conv_layer(const dl_matrix2d_t *in, const dl_matrix2d_t *filter, const dl_matrix2d_t *bias,
                                    int filter_w, int filter_h, int out_channels, int stride_x, int stride_y,
                                    int padding, dl_matrix2d_t *out);

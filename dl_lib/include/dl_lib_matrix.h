@@ -38,7 +38,8 @@ dl_matrix2d_t *dl_matrix_slice(const dl_matrix2d_t *src, int x, int y, int w, in
 
 /* Copies the w x h rectangle at (x, y) of src, row after row, into one
  * dense vector. in: NULL for a new 1-row matrix of w*h items, or a record
- * with room for w*h items, whose w and h stay and whose stride becomes w*h. */
+ * with room for w*h items (w * h of the record at least, asserted), whose w
+ * and h stay and whose stride becomes w*h. */
 dl_matrix2d_t *dl_matrix_flatten(const dl_matrix2d_t *src, int x, int y, int w, int h, dl_matrix2d_t *in);
 
 /* Turns a row vector (h == 1) into a column vector in place. */
@@ -56,8 +57,8 @@ void dl_matrix_sub(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t
 void dl_matrix_div(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out);
 
 /* out = a * b element by element over a->h rows and b->w columns. a and b
- * must have the same shape; out's shape is not checked and should be a's.
- * out may be a or b. */
+ * must have the same shape; out's shape should be a's, and is asserted only
+ * to be at least as large. out may be a or b. */
 void dl_matrix_mul(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out);
 
 /* Adds value to every item of a, in place. */
@@ -67,11 +68,12 @@ void dl_matrix_add_const(dl_matrix2d_t *a, fptp_t value);
  * and b->w columns. Each item is summed over k in ascending order from 0.0,
  * every product and sum rounded to float on its own (no fused multiply-add),
  * so every build and machine gives the same bits. Not in place: res must not
- * share items with a or b. */
+ * share items with a or b (asserted for res == a or res == b). */
 void dl_matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);
 
 /* New dense matrix of a->w + b->w columns: a's columns, then b's. a and b
- * must have the same h. The caller frees it with dl_matrix_free. */
+ * must have the same h. The caller frees it with dl_matrix_free; NULL when
+ * memory ran out. */
 dl_matrix2d_t *dl_matrix_concat(const dl_matrix2d_t *a, const dl_matrix2d_t *b);
 
 /* Relative error of two matrices of one shape: the Euclidean norm of a - b

@@ -56,12 +56,13 @@ void dl_printmatrixq(const dl_matrix2dq_t *m);
 /* ---- Products. Element (x, y) of the result is the sum over k of
  * a(k, y) * b(x, k), k from 0 to b->h - 1, formed exactly in 64 bits: a has
  * a->w == b->h columns, the result a->h rows and b->w columns. res is written
- * through its own stride and must not share items with a or b. */
+ * through its own stride and must not share items with a or b (asserted for
+ * res == a or res == b). */
 
 /* Fixed-point product. The sum is shifted right (rounding down) by
  * s = 15 + floor(log2(a->w)) - shift and saturated at +-32767; res->exponent
- * becomes a->exponent + b->exponent + s, whatever the items. shift must not
- * exceed the default s. */
+ * becomes a->exponent + b->exponent + s, whatever the items. shift from 0 to
+ * the default s, 15 + floor(log2(a->w)) (asserted). */
 void dl_matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *res, int shift);
 
 /* Fixed-point product into a float matrix: each sum rounded once to float,
@@ -70,7 +71,7 @@ void dl_matrixq_dot_matrix_out(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b,
 
 /* Float a times fixed-point b into float res: a is quantised on each call
  * (dl_matrixq_from_matrix2d) into a temporary record, then multiplied as by
- * dl_matrixq_dot_matrix_out. */
+ * dl_matrixq_dot_matrix_out. Stops when memory for the temporary runs out. */
 void dl_matrix_matrixq_dot(const dl_matrix2d_t *a, const dl_matrix2dq_t *b, dl_matrix2d_t *res);
 
 /* The bodies of dl_matrixq_dot and dl_matrixq_dot_matrix_out, which forward
@@ -97,7 +98,7 @@ void dl_matrixq_mul(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2
 
 /* out = a / b item by item: (a << shift) / b in 32 bits, truncated toward
  * zero and saturated at +-32767; out->exponent = a->exponent - b->exponent -
- * shift. shift from 0 to 16; b's items must not be 0 (a zero divisor gives
+ * shift. shift from 0 to 16 (asserted); b's items must not be 0 (a zero divisor gives
  * +-32767 by the dividend's sign, 0 for 0 / 0). */
 void dl_matrixq_div(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *out, int shift);
 
@@ -110,7 +111,7 @@ void dl_matrixq_add_const(dl_matrix2dq_t *m, fptp_t value, int shift);
 
 /* New record of a->w + b->w columns, a's then b's, at the larger of the two
  * exponents (the other operand aligned). a and b must have the same h. The
- * caller frees it with dl_matrixq_free. */
+ * caller frees it with dl_matrixq_free; NULL when memory ran out. */
 dl_matrix2dq_t *dl_matrixq_concat(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b);
 
 /* View of the w x h rectangle at column x, row y of src; nothing is copied.
@@ -122,7 +123,7 @@ dl_matrix2dq_t *dl_matrixq_slice(const dl_matrix2dq_t *src, int x, int y, int w,
 
 /* Copies the w x h rectangle at (x, y) of src, row after row, into one row
  * at src's exponent, with stride 1. out: NULL for a new 1 x (w*h) record, or
- * such a record from an earlier call. */
+ * a record of at least w*h items (asserted), such as one from an earlier call. */
 dl_matrix2dq_t *dl_matrixq_flatten(const dl_matrix2dq_t *src, int x, int y, int w, int h, dl_matrix2dq_t *out);
 
 /* ---- Exponent maintenance and element access. */
@@ -141,7 +142,8 @@ void dl_matrixq_readjust_exp(dl_matrix2dq_t *m);
 /* The real value of element (x, y): item * 2^exponent. */
 fptp_t dl_matrixq_get(const dl_matrix2dq_t *m, int x, int y);
 
-/* Stores value at element (x, y), truncated toward zero to an item. When it
+/* Stores value at element (x, y) of m (asserted to lie inside), truncated
+ * toward zero to an item. When it
  * does not fit +-32767 at m's exponent, the exponent rises until it does and
  * all items are shifted right (rounding down) to match; it never falls.
  * value must be finite. */

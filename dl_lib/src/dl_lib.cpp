@@ -56,6 +56,7 @@ fptp_t fast_exp(double x, int n)
 
 void dl_softmax(const dl_matrix2d_t *in, dl_matrix2d_t *out)
 {
+    DL_ASSERT(out->w>=in->w && out->h>=in->h);
     // Two passes of fast_exp instead of a scratch matrix. The sum is complete
     // before the first write, so out may be in.
     fptp_t sum = 0.0f;
@@ -217,6 +218,7 @@ void dl_relu_q(const dl_matrix2dq_t *in, fptp_t clip, dl_matrix2dq_t *out)
 
 void dl_softmax_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
 {
+    DL_ASSERT(out->w>=in->w && out->h>=in->h);
     fptp_t sum = 0.0f;
     for (int y = 0; y < in->h; y++)
         for (int x = 0; x < in->w; x++) sum += fast_exp(static_cast<double>(dl_matrixq_get(in, x, y)), 8);
@@ -324,8 +326,9 @@ dl_matrix2d_t *dl_basic_lstm_layer(const dl_matrix2d_t *in, dl_matrix2d_t *state
                                    const dl_matrix2d_t *weight, const dl_matrix2d_t *bias)
 {
     dl_matrix2d_t *concat = dl_matrix_concat(in, state_h);
+    DL_ASSERT_ALLOCATED(concat);
     dl_matrix2d_t *out_data = dl_matrix_alloc(weight->w, concat->h);
-    DL_ASSERT(out_data);
+    DL_ASSERT_ALLOCATED(out_data);
     dl_matrix_dot(concat, weight, out_data);
     float_lstm_cell(out_data, bias, state_c, state_h);
     dl_matrix_free(concat);
@@ -338,8 +341,9 @@ dl_matrix2d_t *dl_basic_lstm_layer_quantised_weights(const dl_matrix2d_t *in, dl
                                                      const dl_matrix2d_t *bias)
 {
     dl_matrix2d_t *concat = dl_matrix_concat(in, state_h);
+    DL_ASSERT_ALLOCATED(concat);
     dl_matrix2d_t *out_data = dl_matrix_alloc(weight->w, concat->h);
-    DL_ASSERT(out_data);
+    DL_ASSERT_ALLOCATED(out_data);
     dl_matrix_matrixq_dot(concat, weight, out_data);
     float_lstm_cell(out_data, bias, state_c, state_h);
     dl_matrix_free(concat);
@@ -351,8 +355,9 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
                                       const dl_matrix2dq_t *weight, const dl_matrix2dq_t *bias, int shift)
 {
     dl_matrix2dq_t *concat = dl_matrixq_concat(in, state_h);
+    DL_ASSERT_ALLOCATED(concat);
     dl_matrix2dq_t *out_data = dl_matrixq_alloc(weight->w, concat->h);
-    DL_ASSERT(out_data);
+    DL_ASSERT_ALLOCATED(out_data);
     dl_matrixq_dot(concat, weight, out_data, shift);
     dl_matrixq_check_sanity(out_data, "lstm out_data");
     if (bias) {
@@ -447,7 +452,7 @@ dl_matrix2d_t *conv_output(dl_matrix2d_t *out, int out_channels, int wo, int ho)
 {
     if (!out) {
         out = dl_matrix_alloc(out_channels * wo * ho, 1);
-        DL_ASSERT(out);
+        DL_ASSERT_ALLOCATED(out);
         return out;
     }
     DL_ASSERT(out->h == 1);
@@ -475,10 +480,15 @@ dl_matrix2d_t *dl_basic_conv_layer(const dl_matrix2d_t *in, const dl_matrix2d_t 
                                    int padding, dl_matrix2d_t *out)
 {
     const ConvGeometry geo = conv_geometry(in, filter_w, filter_h, stride_x, stride_y, padding);
+    // Filter and bias may be larger than the layer uses; every read stays
+    // within them.
+    DL_ASSERT(filter->h>=filter_w*filter_h);
+    DL_ASSERT(filter->w>=out_channels);
+    DL_ASSERT(bias->w*bias->h>=out_channels);
     dl_matrix2d_t *padded = nullptr;
     if (padding) {
         padded = dl_matrix_alloc(geo.x.padded, geo.y.padded);  // zero-filled: the frame
-        DL_ASSERT(padded);
+        DL_ASSERT_ALLOCATED(padded);
         for (int y = 0; y < in->h; y++)
             for (int x = 0; x < in->w; x++)
                 padded->item[(x + geo.x.margin) + padded->stride * (y + geo.y.margin)] = in->item[x + in->stride * y];
@@ -495,7 +505,7 @@ dl_matrix2d_t *dl_basic_conv_layer(const dl_matrix2d_t *in, const dl_matrix2d_t 
     const int places = filter_w * filter_h;
     const int wo = geo.x.n;
     dl_matrix2d_t *windows = dl_matrix_alloc(places, wo);
-    DL_ASSERT(windows);
+    DL_ASSERT_ALLOCATED(windows);
     // The filter's first `places` rows and `out_channels` columns: the caller
     // may pass a larger one.
     const dl_matrix2d_t weights = view_of(filter->item, out_channels, places, filter->stride);
@@ -529,10 +539,11 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     // The input is quantised once, as a whole, so every window shares its
     // one exponent; the frame is item 0 at that exponent.
     dl_matrix2dq_t *qin = dl_matrixq_from_matrix2d(in, nullptr);
+    DL_ASSERT_ALLOCATED(qin);
     dl_matrix2dq_t *padded = nullptr;
     if (padding) {
         padded = dl_matrixq_alloc(geo.x.padded, geo.y.padded);
-        DL_ASSERT(padded);
+        DL_ASSERT_ALLOCATED(padded);
         for (int x = 0; x < qin->w; x++)
             for (int y = 0; y < qin->h; y++)
                 padded->itemq[(y + geo.y.margin) + padded->stride * (x + geo.x.margin)] =
@@ -549,7 +560,7 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     const int places = filter_w * filter_h;
     const int wo = geo.x.n;
     dl_matrix2dq_t *windows = dl_matrixq_alloc(places, wo);
-    DL_ASSERT(windows);
+    DL_ASSERT_ALLOCATED(windows);
     windows->exponent = source->exponent;
     for (int oy = 0; oy < geo.y.n; oy++) {
         const int y0 = oy * stride_y + geo.y.offset;

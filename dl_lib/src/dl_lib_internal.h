@@ -78,4 +78,9 @@ inline float pow2f(int e)
 #define DL_ASSERT(cond) \
     ((cond) ? static_cast<void>(0) : ::dl::assert_fail(#cond, __FILE__, __LINE__, __func__))
 
+/* A temporary that a layer or conversion cannot do without: when memory ran
+ * out, stops with "Assertion `out of memory: <name>' failed." */
+#define DL_ASSERT_ALLOCATED(p) \
+    ((p) ? static_cast<void>(0) : ::dl::assert_fail("out of memory: " #p, __FILE__, __LINE__, __func__))
+
 #endif /* DL_LIB_INTERNAL_H */

@@ -83,6 +83,7 @@ dl_matrix2d_t *dl_matrix_flatten(const dl_matrix2d_t *src, int x, int y, int w, 
     }
     DL_ASSERT(x + w <= src->w);
     DL_ASSERT(y + h <= src->h);
+    DL_ASSERT(in->w*in->h>=w*h);
     for (int j = 0; j < h; j++)
         for (int i = 0; i < w; i++) in->item[i + j * w] = src->item[(x + i) + src->stride * (y + j)];
     in->stride = w * h;
@@ -109,6 +110,8 @@ void dl_printmatrix(const dl_matrix2d_t *a)
 void dl_matrix_mul(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *out)
 {
     DL_ASSERT(dl_matrix_same_shape(a, b));
+    // out's shape is free, as long as a's items fit.
+    DL_ASSERT(out->w>=a->w && out->h>=a->h);
     for (int y = 0; y < a->h; y++)
         for (int x = 0; x < b->w; x++)
             out->item[x + out->stride * y] = a->item[x + a->stride * y] * b->item[x + b->stride * y];
@@ -173,6 +176,7 @@ void dl_matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t
     DL_ASSERT(a->w==b->h);
     DL_ASSERT(a->h==res->h);
     DL_ASSERT(b->w==res->w);
+    DL_ASSERT(res!=a && res!=b);
     if (!dl::matrix_dot_kernel(dl::detected_isa(), a, b, res)) dl::matrix_dot_plain(a, b, res);
 }
 
@@ -180,7 +184,7 @@ dl_matrix2d_t *dl_matrix_concat(const dl_matrix2d_t *a, const dl_matrix2d_t *b)
 {
     DL_ASSERT(a->h==b->h);
     dl_matrix2d_t *ret = dl_matrix_alloc(a->w + b->w, a->h);
-    DL_ASSERT(ret);
+    if (!ret) return nullptr;
     for (int y = 0; y < a->h; y++) {
         fptp_t *row = ret->item + ret->stride * y;
         for (int x = 0; x < a->w; x++) row[x] = a->item[x + a->stride * y];

@@ -75,7 +75,7 @@ static constexpr int kMaxExponent = 128;
 
 dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t *out)
 {
-    if (!out) out = dl_matrixq_alloc(m->w, m->h);
+    if (!out && !(out = dl_matrixq_alloc(m->w, m->h))) return nullptr;
     DL_ASSERT(m->w==out->w);
     DL_ASSERT(m->h==out->h);
 
@@ -115,7 +115,7 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t 
 
 dl_matrix2dq_t *dl_matrixq_from_matrix2d_by_qmf(const dl_matrix2d_t *m, dl_matrix2dq_t *out, int m_bit, int f_bit)
 {
-    if (!out) out = dl_matrixq_alloc(m->w, m->h);
+    if (!out && !(out = dl_matrixq_alloc(m->w, m->h))) return nullptr;
     DL_ASSERT(m->w==out->w);
     DL_ASSERT(m->h==out->h);
     const fptp_t limit = static_cast<fptp_t>(INT32_C(1) << (m_bit - 1));
@@ -136,7 +136,7 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d_by_qmf(const dl_matrix2d_t *m, dl_matri
 
 dl_matrix2d_t *dl_matrix2d_from_matrixq(const dl_matrix2dq_t *m, dl_matrix2d_t *out)
 {
-    if (!out) out = dl_matrix_alloc(m->w, m->h);
+    if (!out && !(out = dl_matrix_alloc(m->w, m->h))) return nullptr;
     DL_ASSERT(m->w==out->w);
     DL_ASSERT(m->h==out->h);
     const fptp_t factor = pow2f(m->exponent);
@@ -198,6 +198,10 @@ void dl_matrixq_dot_c_impl(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_
     DL_ASSERT(a->w==b->h);
     DL_ASSERT(a->h==res->h);
     DL_ASSERT(b->w==res->w);
+    DL_ASSERT(res!=a && res!=b);
+    // The right shift of the sums stays within 0 .. 15 + floor(log2(a->w)).
+    DL_ASSERT(shift>=0);
+    DL_ASSERT(shift<=product_shift(a->w));
     const int s = product_shift(a->w) - shift;
     const dl::QDotOut out = dl::qdot_to_items(res, s);
     if (!dl::matrixq_dot_kernel(dl::detected_isa(), a, b, out)) dl::matrixq_dot_plain(a, b, out);
@@ -221,6 +225,7 @@ void dl_matrixq_dot_matrix_out_c_impl(const dl_matrix2dq_t *a, const dl_matrix2d
 void dl_matrix_matrixq_dot(const dl_matrix2d_t *a, const dl_matrix2dq_t *b, dl_matrix2d_t *res)
 {
     dl_matrix2dq_t *qa = dl_matrixq_from_matrix2d(a, nullptr);
+    DL_ASSERT_ALLOCATED(qa);
     dl_matrixq_dot_matrix_out(qa, b, res);
     dl_matrixq_free(qa);
 }
@@ -289,6 +294,8 @@ void dl_matrixq_div(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2
 {
     DL_ASSERT(dl_matrixq_same_shape(a, b));
     DL_ASSERT(dl_matrixq_same_shape(a, out));
+    // The dividend is shifted left in 32 bits: 16 keeps every item exact.
+    DL_ASSERT(shift>=0 && shift<=16);
     const int exponent = a->exponent - b->exponent - shift;
     for (int x = 0; x < a->w; x++) {
         for (int y = 0; y < a->h; y++) {
@@ -339,7 +346,7 @@ dl_matrix2dq_t *dl_matrixq_concat(const dl_matrix2dq_t *a, const dl_matrix2dq_t 
 {
     DL_ASSERT(a->h==b->h);
     dl_matrix2dq_t *ret = dl_matrixq_alloc(a->w + b->w, a->h);
-    DL_ASSERT(ret);
+    if (!ret) return nullptr;
     // The result takes the larger exponent; the other operand is aligned.
     const int exponent = a->exponent > b->exponent ? a->exponent : b->exponent;
     const int da = exponent - a->exponent, db = exponent - b->exponent;
@@ -375,9 +382,10 @@ dl_matrix2dq_t *dl_matrixq_slice(const dl_matrix2dq_t *src, int x, int y, int w,
 
 dl_matrix2dq_t *dl_matrixq_flatten(const dl_matrix2dq_t *src, int x, int y, int w, int h, dl_matrix2dq_t *out)
 {
-    if (!out) out = dl_matrixq_alloc(w * h, 1);
+    if (!out && !(out = dl_matrixq_alloc(w * h, 1))) return nullptr;
     DL_ASSERT(x + w <= src->w);
     DL_ASSERT(y + h <= src->h);
+    DL_ASSERT(out->w*out->h>=w*h);
     // Row by row, although src is stored by columns.
     for (int j = 0; j < h; j++)
         for (int i = 0; i < w; i++) out->itemq[out->stride * (j * w + i)] = src->itemq[(y + j) + src->stride * (x + i)];
@@ -478,6 +486,8 @@ fptp_t dl_matrixq_get(const dl_matrix2dq_t *m, int x, int y)
 
 void dl_matrixq_set(dl_matrix2dq_t *m, int x, int y, fptp_t value)
 {
+    DL_ASSERT(x>=0 && x<m->w);
+    DL_ASSERT(y>=0 && y<m->h);
     // Raise the exponent until the value fits the saturation range; a value
     // exactly at a limit fits. A NaN fits at once. (An infinite value ends
     // the search only once the scale underflows to 0.)
