@@ -208,7 +208,13 @@ dl_matrix2d_t *f(int w, int h)
 
 // A negative total width is one that no allocation can satisfy: a new
 // record that cannot be had is NULL.
-TEST(MatrixMemory, ConcatGivesNullWhenMemoryRunsOut) { EXPECT_EQ(dl_matrix_concat(f(-5, 1), f(1, 1)), nullptr); }
+TEST(MatrixMemory, ConcatGivesNullWhenMemoryRunsOut)
+{
+    dl_matrix2d_t *a = f(-5, 1), *b = f(1, 1);
+    EXPECT_EQ(dl_matrix_concat(a, b), nullptr);
+    dl_matrix_free(a);
+    dl_matrix_free(b);
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Conditions, MatrixDeathTest,

@@ -550,9 +550,13 @@ TEST(MatrixqMemory, NewRecordsAreNullWhenMemoryRunsOut)
 {
     dl_matrix2d_t *m = f(1, 1);
     m->w = -5;
+    dl_matrix2dq_t *a = q(-4, 1), *b = q(1, 1);
     EXPECT_EQ(dl_matrixq_from_matrix2d(m, nullptr), nullptr);
-    EXPECT_EQ(dl_matrixq_concat(q(-4, 1), q(1, 1)), nullptr);
-    EXPECT_EQ(dl_matrixq_flatten(q(2, 2), 0, 0, -3, 1, nullptr), nullptr);
+    EXPECT_EQ(dl_matrixq_concat(a, b), nullptr);
+    EXPECT_EQ(dl_matrixq_flatten(b, 0, 0, -3, 1, nullptr), nullptr);
+    dl_matrix_free(m);
+    dl_matrixq_free(a);
+    dl_matrixq_free(b);
 }
 
 INSTANTIATE_TEST_SUITE_P(
