@@ -73,6 +73,42 @@ inline float pow2f(int e)
     return f;
 }
 
+/* The block exponent e that puts a largest magnitude `peak` between 16383
+ * and 32767 items: halved while above 32767 (at most 128 times, which no
+ * finite float needs; an infinite peak stops there), then doubled while
+ * below 16383. 0 for a peak of 0 or NaN. Shared by the matrix and tensor
+ * quantisers, so both choose the same exponent for the same values. */
+inline int block_exponent(float peak)
+{
+    int e = 0;
+    if (peak == 0.0f) return 0;
+    while (peak > 32767.0f && e < 128) {
+        e += 1;
+        peak /= 2.0f;
+    }
+    while (peak < 16383.0f) {
+        e -= 1;
+        peak *= 2.0f;
+    }
+    return e;
+}
+
+/* Elements of a tensor n x h x w x c, or -1 when a dimension is negative, or
+ * the count or the row stride w*c does not fit a signed 32-bit integer (with
+ * n or h 0 the count is 0 whatever the stride): such a tensor cannot be held.
+ * The factors are taken one at a time, stopping beyond INT32_MAX: four
+ * dimensions near 2^31 would overflow even 64 bits. */
+inline int64_t tensor_element_count(int n, int w, int h, int c)
+{
+    if (n < 0 || w < 0 || h < 0 || c < 0) return -1;
+    const int dims[] = {n, w, h, c};
+    int64_t count = 1;
+    for (int d : dims)
+        if (count <= INT32_MAX) count *= d;
+    if (n == 0 || w == 0 || h == 0 || c == 0) count = 0;
+    return count > INT32_MAX || static_cast<int64_t>(w) * c > INT32_MAX ? -1 : count;
+}
+
 }  // namespace dl
 
 #define DL_ASSERT(cond) \

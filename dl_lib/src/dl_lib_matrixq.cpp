@@ -69,9 +69,6 @@ void matrix_get_range(const dl_matrix2d_t *m, fptp_t *min, fptp_t *max)
     *max = hi;
 }
 
-// The search runs at most this far up: no finite float needs more, and an
-// infinite one would otherwise keep the loop going for ever.
-static constexpr int kMaxExponent = 128;
 
 dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t *out)
 {
@@ -81,21 +78,7 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t 
 
     fptp_t lo, hi;
     matrix_get_range(m, &lo, &hi);
-    fptp_t r = (hi > -lo) ? hi : -lo;
-    int e = 0;
-    if (r != 0.0f) {
-        // Up first, then down: a start above 32767 stops at the first value
-        // not above it, a start below 16383 at the first value not below it.
-        // A NaN range runs neither loop and keeps e at 0.
-        while (r > 32767.0f && e < kMaxExponent) {
-            e += 1;
-            r /= 2.0f;
-        }
-        while (r < 16383.0f) {
-            e -= 1;
-            r *= 2.0f;
-        }
-    }
+    const int e = dl::block_exponent((hi > -lo) ? hi : -lo);
     const fptp_t mult = pow2f(-e);
     const fptp_t half = 0.5f * pow2f(e);
     // Half a unit is added before scaling and the product truncates toward

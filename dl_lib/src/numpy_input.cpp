@@ -320,17 +320,8 @@ int64_t checked_count(Diagnostic *d, const char *path, const int *entries, int f
         print_unsupported(d, path, entries, found, nullptr);
         return -1;
     }
-    // Multiplied one entry at a time and stopped beyond INT32_MAX: four
-    // entries near 2^31 would overflow even 64 bits.
-    const int dims[] = {n, w, h, c};
-    int64_t count = 1;
-    for (int dim : dims)
-        if (count <= INT32_MAX) count *= dim;
-    if (n == 0 || w == 0 || h == 0 || c == 0) count = 0;
-    if (count > INT32_MAX || static_cast<int64_t>(w) * c > INT32_MAX) {
-        print_unsupported(d, path, entries, found, "more than 2147483647 elements");
-        return -1;
-    }
+    const int64_t count = tensor_element_count(n, w, h, c);
+    if (count < 0) print_unsupported(d, path, entries, found, "more than 2147483647 elements");
     return count;
 }
 

@@ -6,21 +6,7 @@ using namespace dl;
 
 namespace {
 
-// Elements of a tensor, or -1 when a dimension is negative, or the count or
-// the row stride w*c does not fit a signed 32-bit integer (with n or h 0 the
-// count is 0 whatever the stride): such a tensor cannot be held.
-int64_t element_count(int n, int w, int h, int c)
-{
-    if (n < 0 || w < 0 || h < 0 || c < 0) return -1;
-    // One factor at a time, stopping beyond INT32_MAX: four dimensions near
-    // 2^31 would overflow even 64 bits.
-    const int dims[] = {n, w, h, c};
-    int64_t count = 1;
-    for (int d : dims)
-        if (count <= INT32_MAX) count *= d;
-    if (n == 0 || w == 0 || h == 0 || c == 0) count = 0;
-    return count > INT32_MAX || static_cast<int64_t>(w) * c > INT32_MAX ? -1 : count;
-}
+int64_t element_count(int n, int w, int h, int c) { return tensor_element_count(n, w, h, c); }
 
 // Zeroed record and elements; all three tensor types share the steps and
 // the field names. The element block is never of size 0, so that a tensor
@@ -61,9 +47,6 @@ int64_t element_count(const Tensor *t)
     return count > 0 ? count : 0;
 }
 
-// The exponent search runs at most this far up: no finite float needs more,
-// and an infinite peak would otherwise keep it going for ever.
-constexpr int kMaxExponent = 128;
 
 }  // namespace
 
@@ -122,19 +105,7 @@ dl_matrix3dq_t *dl_matrixq_from_matrix3d(const dl_matrix3d_t *m)
     matrix3d_get_range(m, &lo, &hi);
     if (lo > 0.0f) lo = 0.0f;
     if (-lo > hi) hi = -lo;  // hi is now the largest magnitude
-    int exponent = 0;
-    if (hi != 0.0f) {
-        // Up first, then down; both bounds of 16383..32767 are inside. A NaN
-        // peak runs neither loop and keeps the exponent at 0.
-        while (hi > 32767.0f && exponent < kMaxExponent) {
-            exponent += 1;
-            hi /= 2.0f;
-        }
-        while (hi < 16383.0f) {
-            exponent -= 1;
-            hi += hi;
-        }
-    }
+    const int exponent = block_exponent(hi);
     dl_matrix3dq_t *out = dl_matrix3dq_alloc(m->n, m->w, m->h, m->c, exponent);
     if (!out) return nullptr;
     const fptp_t scale = pow2f(-exponent);
