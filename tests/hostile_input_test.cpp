@@ -175,21 +175,11 @@ TEST(TensorAlloc, DimensionsBeyondAnyCountAreRefused)
 
 class HostileDirectoryTest : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        char dir[] = "/tmp/kelvane_hostile_XXXXXX";
-        root_ = mkdtemp(dir);
-        model_ = root_ + "/m";
-        mkdir(model_.c_str(), 0700);
-    }
-    void TearDown() override { EXPECT_EQ(system(("rm -rf " + root_).c_str()), 0); }
+    void SetUp() override { mkdir(model_.c_str(), 0700); }
 
     void write(const std::string &name, const std::string &bytes) const
     {
-        FILE *f = fopen((model_ + "/" + name).c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        fwrite(bytes.data(), 1, bytes.size(), f);
-        fclose(f);
+        tmp_.write(model_.substr(root_.size() + 1) + "/" + name, bytes);
     }
 
     std::string generated_source() const
@@ -225,7 +215,9 @@ protected:
         });
     }
 
-    std::string root_, model_;
+    TempDir tmp_;
+    const std::string root_ = tmp_.path();
+    std::string model_ = root_ + "/m";
 };
 
 TEST_F(HostileDirectoryTest, BillionsPromisedAreRefusedWithoutAllocating)

@@ -20,21 +20,8 @@ namespace {
 // ---- helpers ----------------------------------------------------------------
 
 // A model directory of crafted files, removed with the object.
-class ModelDir {
+class ModelDir : public TempDir {
 public:
-    ModelDir()
-    {
-        char dir[] = "/tmp/kelvane_report_XXXXXX";
-        path_ = mkdtemp(dir);
-    }
-    ~ModelDir() { EXPECT_EQ(system(("rm -rf '" + path_ + "'").c_str()), 0); }
-    void write(const std::string &name, const std::string &bytes) const
-    {
-        FILE *f = fopen((path_ + "/" + name).c_str(), "wb");
-        ASSERT_NE(f, nullptr) << name;
-        fwrite(bytes.data(), 1, bytes.size(), f);
-        fclose(f);
-    }
     // One row of '<f4' values.
     void write_row(const std::string &name, const std::vector<float> &values) const
     {
@@ -42,10 +29,6 @@ public:
                                   ",), }",
                               raw<float>(values)));
     }
-    const std::string &path() const { return path_; }
-
-private:
-    std::string path_;
 };
 
 struct RunResult {

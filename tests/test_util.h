@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <ostream>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -71,27 +72,49 @@ inline std::string with_path(std::string text, const std::string &path)
     return text;
 }
 
-// A file in the test's temporary directory, removed with the object.
+// A temporary directory of the test's files, removed with its contents
+// when the object goes.
+class TempDir {
+public:
+    TempDir()
+    {
+        char dir[] = "/tmp/dl_lib_test_XXXXXX";
+        path_ = mkdtemp(dir);
+    }
+    ~TempDir() { std::filesystem::remove_all(path_); }
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+
+    const std::string &path() const { return path_; }
+    // Writes bytes to the file name in the directory; returns its path.
+    std::string write(const std::string &name, const std::string &bytes) const
+    {
+        const std::string file = path_ + "/" + name;
+        FILE *f = fopen(file.c_str(), "wb");
+        EXPECT_NE(f, nullptr) << file;
+        if (f) {
+            fwrite(bytes.data(), 1, bytes.size(), f);
+            fclose(f);
+        }
+        return file;
+    }
+
+private:
+    std::string path_;
+};
+
+// One file in a temporary directory of its own.
 class TempFile {
 public:
     explicit TempFile(const std::string &contents, const std::string &name = "t.npy")
+        : path_(dir_.write(name, contents))
     {
-        char dir[] = "/tmp/dl_lib_test_XXXXXX";
-        dir_ = mkdtemp(dir);
-        path_ = dir_ + "/" + name;
-        FILE *f = fopen(path_.c_str(), "wb");
-        fwrite(contents.data(), 1, contents.size(), f);
-        fclose(f);
-    }
-    ~TempFile()
-    {
-        remove(path_.c_str());
-        remove(dir_.c_str());
     }
     const char *path() const { return path_.c_str(); }
 
 private:
-    std::string dir_, path_;
+    TempDir dir_;
+    std::string path_;
 };
 
 // The contents of a memory stream that a test writes through a FILE*.
