@@ -20,8 +20,8 @@ static float value(uint32_t *state)
 static int make(const char *dir, int files, int rows, int cols)
 {
     char header[128];
-    int len = snprintf(header, sizeof header, "{'descr': '<f4', 'fortran_order': False, 'shape': (%d, %d), }", rows,
-                       cols);
+    int len =
+        snprintf(header, sizeof header, "{'descr': '<f4', 'fortran_order': False, 'shape': (%d, %d), }", rows, cols);
     while ((10 + len + 1) % 64) header[len++] = ' ';
     header[len++] = '\n';
     uint32_t state = 1;
@@ -33,8 +33,8 @@ static int make(const char *dir, int files, int rows, int cols)
             perror(path);
             return 1;
         }
-        const unsigned char prefix[10] = {0x93, 'N', 'U', 'M', 'P', 'Y', 1, 0, (unsigned char)(len & 0xff),
-                                          (unsigned char)(len >> 8)};
+        const unsigned char prefix[10] = {
+            0x93, 'N', 'U', 'M', 'P', 'Y', 1, 0, (unsigned char)(len & 0xff), (unsigned char)(len >> 8)};
         fwrite(prefix, 1, sizeof prefix, f);
         fwrite(header, 1, (size_t)len, f);
         for (long k = 0; k < (long)rows * cols; k++) {

@@ -65,17 +65,16 @@ void bench_conv(benchmark::State &state, bool quantised_filter, int stride, int 
     dl_matrix2d_t *filter = random_floats(kChannels, kFilter * kFilter, 0.5f, rng);
     dl_matrix2d_t *bias = random_floats(kChannels, 1, 0.1f, rng);
     dl_matrix2dq_t *qfilter = quantised(filter);
-    dl_matrix2d_t *out = quantised_filter
-                             ? dl_basic_conv_layer_quantised_weight(in, qfilter, bias, kFilter, kFilter, kChannels,
-                                                                    stride, stride, padding, nullptr)
-                             : dl_basic_conv_layer(in, filter, bias, kFilter, kFilter, kChannels, stride, stride,
-                                                   padding, nullptr);
+    dl_matrix2d_t *out =
+        quantised_filter
+            ? dl_basic_conv_layer_quantised_weight(in, qfilter, bias, kFilter, kFilter, kChannels, stride, stride,
+                                                   padding, nullptr)
+            : dl_basic_conv_layer(in, filter, bias, kFilter, kFilter, kChannels, stride, stride, padding, nullptr);
     for (auto _ : state) {
         if (quantised_filter)
             dl_basic_conv_layer_quantised_weight(in, qfilter, bias, kFilter, kFilter, kChannels, stride, stride,
                                                  padding, out);
-        else
-            dl_basic_conv_layer(in, filter, bias, kFilter, kFilter, kChannels, stride, stride, padding, out);
+        else dl_basic_conv_layer(in, filter, bias, kFilter, kFilter, kChannels, stride, stride, padding, out);
         benchmark::ClobberMemory();
     }
     state.counters["positions"] = out->w / kChannels;

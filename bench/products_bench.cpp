@@ -162,8 +162,8 @@ void bench_sgemm(benchmark::State &state, Shape s)
     for (float &v : a) v = d(rng);
     for (float &v : b) v = d(rng);
     for (auto _ : state) {
-        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, s.m, s.n, s.k, 1.0f, a.data(), s.k, b.data(), s.n,
-                    0.0f, c.data(), s.n);
+        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, s.m, s.n, s.k, 1.0f, a.data(), s.k, b.data(), s.n, 0.0f,
+                    c.data(), s.n);
         benchmark::ClobberMemory();
     }
     state.counters["MAC/s"] =

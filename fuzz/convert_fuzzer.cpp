@@ -178,7 +178,6 @@ void check_tables(const std::string &code)
     }
 }
 
-
 struct Run {
     int status = -1;
     bool parsed = false;

@@ -36,14 +36,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         type = find_elem(f.header, {Elem::f4, Elem::f8, Elem::u1, Elem::i4, Elem::i8});
         // Three entries of up to 2^31 each: the product needs more than 64 bits.
         const __int128 count = static_cast<__int128>(h) * w * c;
-        if (h == -1)
-            reason = "error parsing shape";
-        else if (type == Elem::none)
-            reason = "Unknown var format";
+        if (h == -1) reason = "error parsing shape";
+        else if (type == Elem::none) reason = "Unknown var format";
         else if (w < 0 || h < 0 || c < 0 || count > INT32_MAX || static_cast<int64_t>(w) * c > INT32_MAX)
             reason = "unsupported shape";  // -1: an entry not found
-        else if (static_cast<int64_t>(f.data.size()) / elem_width(type) < count)
-            reason = "short file! (ends at row ";
+        else if (static_cast<int64_t>(f.data.size()) / elem_width(type) < count) reason = "short file! (ends at row ";
         if (h != -1) {
             const std::string shape_line = "input " + path + ": matrix shape:(" + std::to_string(w) + ", " +
                                            std::to_string(h) + ", " + std::to_string(c) + ").";

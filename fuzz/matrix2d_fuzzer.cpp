@@ -38,12 +38,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
         // Of several descriptors the last in the order f4, f8, i4, i8 wins.
         type = find_elem(f.header, {Elem::i8, Elem::i4, Elem::f8, Elem::f4});
-        if (s[0] == -1)
-            reason = "error parsing shape";
-        else if (type == Elem::none)
-            reason = "Unknown var format";
-        else if (h < 0 || w < 0 || static_cast<int64_t>(h) * w > INT32_MAX)
-            reason = "unsupported shape";
+        if (s[0] == -1) reason = "error parsing shape";
+        else if (type == Elem::none) reason = "Unknown var format";
+        else if (h < 0 || w < 0 || static_cast<int64_t>(h) * w > INT32_MAX) reason = "unsupported shape";
         else if (static_cast<int64_t>(f.data.size()) / elem_width(type) < static_cast<int64_t>(h) * w)
             reason = "short file! (ends at row ";
     }

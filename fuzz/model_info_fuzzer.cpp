@@ -60,10 +60,8 @@ std::vector<std::string> split(const std::string &line)
 {
     std::vector<std::string> fields(1);
     for (char c : line) {
-        if (c == '_')
-            fields.emplace_back();
-        else
-            fields.back() += c;
+        if (c == '_') fields.emplace_back();
+        else fields.back() += c;
     }
     return fields;
 }

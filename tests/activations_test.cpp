@@ -139,14 +139,14 @@ TEST_P(SigmoidQAlignTest, ItemsAndExponent)
     for (int x = 0; x < w; x++) EXPECT_EQ(item(m.get(), x, 0), c.want[x]) << "item " << x;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Exponents, SigmoidQAlignTest,
-    testing::Values(AlignCase{0, {8, -8, 0}, {32767, 0, 16382}},          // 8.0 and -8.0
-                    AlignCase{-15, {16384, -16384}, {20398, 32767 - 20398}},  // unshifted
-                    AlignCase{-16, {32768 - 1, -1}, {20398, 32767 - 16382}},  // halved; -1 stays -1
-                    // Aligned values beyond 32 bits saturate, tiny ones end at 0 or -1.
-                    AlignCase{20, {1, -1, 0}, {32767, 0, 16382}}, AlignCase{1, {-32768}, {0}},
-                    AlignCase{-60, {32767, -32767}, {16382, 16385}}, AlignCase{-5, {}, {}}));
+INSTANTIATE_TEST_SUITE_P(Exponents, SigmoidQAlignTest,
+                         testing::Values(AlignCase{0, {8, -8, 0}, {32767, 0, 16382}},              // 8.0 and -8.0
+                                         AlignCase{-15, {16384, -16384}, {20398, 32767 - 20398}},  // unshifted
+                                         AlignCase{
+                                             -16, {32768 - 1, -1}, {20398, 32767 - 16382}},  // halved; -1 stays -1
+                                         // Aligned values beyond 32 bits saturate, tiny ones end at 0 or -1.
+                                         AlignCase{20, {1, -1, 0}, {32767, 0, 16382}}, AlignCase{1, {-32768}, {0}},
+                                         AlignCase{-60, {32767, -32767}, {16382, 16385}}, AlignCase{-5, {}, {}}));
 
 struct ReluCase {
     float clip;
@@ -172,8 +172,7 @@ TEST_P(ReluQTest, LimitAtTheExponent)
 
 INSTANTIATE_TEST_SUITE_P(Clips, ReluQTest,
                          testing::Values(ReluCase{6.0f, -4, 96}, ReluCase{6.0f, 0, 6}, ReluCase{6.0f, 2, 1},
-                                         ReluCase{6.0f, -15, 32767}, ReluCase{0.0f, -15, 0},
-                                         ReluCase{kInf, 0, 32767}));
+                                         ReluCase{6.0f, -15, 32767}, ReluCase{0.0f, -15, 0}, ReluCase{kInf, 0, 32767}));
 
 TEST(SoftmaxQ, QuarterOfZeroMatrixAndInPlace)
 {
@@ -191,10 +190,10 @@ TEST(SoftmaxQ, QuarterOfZeroMatrixAndInPlace)
     EXPECT_EQ(a->exponent, -15);
     EXPECT_EQ(out->exponent, -15);
     for (int i = 0; i < 6; i++) EXPECT_EQ(item(a.get(), i % 3, i / 3), item(out.get(), i % 3, i / 3)) << i;
-    EXPECT_EQ(item(out.get(), 1, 1), static_cast<int>(fast_exp(3.0, 8) / 
-                                                       (fast_exp(1, 8) + fast_exp(-2, 8) + fast_exp(0, 8) +
-                                                        fast_exp(0.5, 8) + fast_exp(3, 8) + fast_exp(-1, 8)) *
-                                                       32768.0f));
+    EXPECT_EQ(item(out.get(), 1, 1), static_cast<int>(fast_exp(3.0, 8) /
+                                                      (fast_exp(1, 8) + fast_exp(-2, 8) + fast_exp(0, 8) +
+                                                       fast_exp(0.5, 8) + fast_exp(3, 8) + fast_exp(-1, 8)) *
+                                                      32768.0f));
 
     MatrixqPtr empty = qmatrix(0, 1, 4, {});
     dl_softmax_q(empty.get(), empty.get());
@@ -222,22 +221,23 @@ TEST_P(ActivationDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().ca
 dl_matrix2d_t *f(int w, int h) { return dl_matrix_alloc(w, h); }
 dl_matrix2dq_t *q(int w, int h) { return dl_matrixq_alloc(w, h); }
 
-INSTANTIATE_TEST_SUITE_P(
-    Conditions, ActivationDeathTest,
-    testing::Values(
-        DeathCase{"sigmoid", [] { dl_sigmoid(f(2, 1), f(1, 2)); },
-                  "dl_sigmoid: Assertion `dl_matrix_same_shape\\(in, out\\)' failed"},
-        DeathCase{"tanh", [] { dl_tanh(f(2, 1), f(1, 2)); }, "dl_tanh: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
-        DeathCase{"relu", [] { dl_relu(f(2, 1), 1.0f, f(1, 2)); }, "dl_relu: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
-        DeathCase{"sigmoid_q", [] { dl_sigmoid_q(q(2, 1), q(1, 2)); },
-                  "dl_sigmoid_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
-        DeathCase{"tanh_q", [] { dl_tanh_q(q(2, 1), q(1, 2)); }, "dl_tanh_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
-        DeathCase{"relu_q", [] { dl_relu_q(q(2, 1), 1.0f, q(1, 2)); },
-                  "dl_relu_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
-        DeathCase{"softmax_into_small", [] { dl_softmax(f(2, 1), f(1, 1)); },
-                  "dl_softmax: Assertion `out->w>=in->w && out->h>=in->h'"},
-        DeathCase{"softmax_q_into_small", [] { dl_softmax_q(q(1, 2), q(1, 1)); },
-                  "dl_softmax_q: Assertion `out->w>=in->w && out->h>=in->h'"}),
-    CaseName());
+INSTANTIATE_TEST_SUITE_P(Conditions, ActivationDeathTest,
+                         testing::Values(DeathCase{"sigmoid", [] { dl_sigmoid(f(2, 1), f(1, 2)); },
+                                                   "dl_sigmoid: Assertion `dl_matrix_same_shape\\(in, out\\)' failed"},
+                                         DeathCase{"tanh", [] { dl_tanh(f(2, 1), f(1, 2)); },
+                                                   "dl_tanh: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
+                                         DeathCase{"relu", [] { dl_relu(f(2, 1), 1.0f, f(1, 2)); },
+                                                   "dl_relu: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
+                                         DeathCase{"sigmoid_q", [] { dl_sigmoid_q(q(2, 1), q(1, 2)); },
+                                                   "dl_sigmoid_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
+                                         DeathCase{"tanh_q", [] { dl_tanh_q(q(2, 1), q(1, 2)); },
+                                                   "dl_tanh_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
+                                         DeathCase{"relu_q", [] { dl_relu_q(q(2, 1), 1.0f, q(1, 2)); },
+                                                   "dl_relu_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
+                                         DeathCase{"softmax_into_small", [] { dl_softmax(f(2, 1), f(1, 1)); },
+                                                   "dl_softmax: Assertion `out->w>=in->w && out->h>=in->h'"},
+                                         DeathCase{"softmax_q_into_small", [] { dl_softmax_q(q(1, 2), q(1, 1)); },
+                                                   "dl_softmax_q: Assertion `out->w>=in->w && out->h>=in->h'"}),
+                         CaseName());
 
 }  // namespace

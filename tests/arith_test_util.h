@@ -100,8 +100,7 @@ struct ItemBox {
     std::vector<qtp_t> buf;
     dl_matrix2dq_t m;
 
-    ItemBox(int w, int h, int pad, int exponent = 0)
-        : buf(static_cast<size_t>((h + pad) * w + pad), kItemSentinel)
+    ItemBox(int w, int h, int pad, int exponent = 0) : buf(static_cast<size_t>((h + pad) * w + pad), kItemSentinel)
     {
         m = {w, h, h + pad, DL_MF_FOREIGNDATA, exponent, buf.data() + pad};
     }

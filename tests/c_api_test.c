@@ -15,8 +15,7 @@ _Static_assert(offsetof(dl_matrix2d_t, stride) == 8 && offsetof(dl_matrix2d_t, f
 _Static_assert(offsetof(dl_matrix2d_t, item) == 16, "dl_matrix2d_t layout");
 _Static_assert(offsetof(dl_matrix2dq_t, flags) == 12 && offsetof(dl_matrix2dq_t, exponent) == 16,
                "dl_matrix2dq_t layout");
-_Static_assert(offsetof(dl_matrix2dq_t, itemq) == 24 || offsetof(dl_matrix2dq_t, itemq) == 20,
-               "dl_matrix2dq_t layout");
+_Static_assert(offsetof(dl_matrix2dq_t, itemq) == 24 || offsetof(dl_matrix2dq_t, itemq) == 20, "dl_matrix2dq_t layout");
 _Static_assert(offsetof(dl_matrix3dq_t, n) == 12 && offsetof(dl_matrix3dq_t, stride) == 16 &&
                    offsetof(dl_matrix3dq_t, exponent) == 20,
                "dl_matrix3dq_t layout");

@@ -110,16 +110,16 @@ TEST_P(ConvGeometryTest, AxisAndWindows)
 INSTANTIATE_TEST_SUITE_P(
     Axes, ConvGeometryTest,
     testing::Values(AxisCase{3, 2, 1, 1, 3, 5, 1, 1}, AxisCase{2, 2, 1, 1, 2, 4, 1, 1},  // the worked example
-                    AxisCase{5, 3, 2, 1, 3, 7, 0, 1},   // rem 0
-                    AxisCase{5, 3, 1, 1, 5, 7, 0, 1},   // odd filter, stride 1: corner to corner
-                    AxisCase{6, 3, 2, 1, 3, 8, 1, 1},   // rem 1: the middle branch
-                    AxisCase{8, 5, 2, 1, 4, 12, 1, 2},  // middle branch, offset below the margin
-                    AxisCase{4, 2, 2, 1, 2, 6, 1, 1},   // rem above half
-                    AxisCase{4, 6, 4, 1, 1, 10, 3, 3},  // filter larger than the input
-                    AxisCase{4, 4, 1, 1, 4, 8, 1, 2},   // even filter, stride 1: one zero column left, two right
-                    AxisCase{4, 1, 1, 1, 4, 4, 0, 0},   // a one-wide filter has no margin
-                    AxisCase{5, 3, 1, 2, 5, 9, 1, 2},   // padding 2 widens the margin, not the offset
-                    AxisCase{6, 3, 2, 0, 2, 6, 0, 0},   // no padding: the last column is dropped
+                    AxisCase{5, 3, 2, 1, 3, 7, 0, 1},                                    // rem 0
+                    AxisCase{5, 3, 1, 1, 5, 7, 0, 1},    // odd filter, stride 1: corner to corner
+                    AxisCase{6, 3, 2, 1, 3, 8, 1, 1},    // rem 1: the middle branch
+                    AxisCase{8, 5, 2, 1, 4, 12, 1, 2},   // middle branch, offset below the margin
+                    AxisCase{4, 2, 2, 1, 2, 6, 1, 1},    // rem above half
+                    AxisCase{4, 6, 4, 1, 1, 10, 3, 3},   // filter larger than the input
+                    AxisCase{4, 4, 1, 1, 4, 8, 1, 2},    // even filter, stride 1: one zero column left, two right
+                    AxisCase{4, 1, 1, 1, 4, 4, 0, 0},    // a one-wide filter has no margin
+                    AxisCase{5, 3, 1, 2, 5, 9, 1, 2},    // padding 2 widens the margin, not the offset
+                    AxisCase{6, 3, 2, 0, 2, 6, 0, 0},    // no padding: the last column is dropped
                     AxisCase{3, 3, 1, 0, 1, 3, 0, 0}));  // no padding, filter as large as the input
 
 // ---- Random reference ----------------------------------------------------
@@ -204,7 +204,8 @@ TEST_P(ConvReferenceTest, BothLayers)
             for (int dy = 0; dy < c.fh; dy++)
                 for (int dx = 0; dx < c.fw; dx++)
                     if (inside(x0 + dx, y0 + dy))
-                        s += static_cast<int64_t>(item(qf.get(), oc, dy * c.fw + dx)) * item(qin.get(), x0 + dx, y0 + dy);
+                        s += static_cast<int64_t>(item(qf.get(), oc, dy * c.fw + dx)) *
+                             item(qin.get(), x0 + dx, y0 + dy);
             return static_cast<float>(s) * scale;
         },
         bias.get());

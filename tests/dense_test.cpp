@@ -99,7 +99,8 @@ class BatchNormalizeQExponentTest : public testing::TestWithParam<BnExponentCase
 TEST_P(BatchNormalizeQExponentTest, FollowsEachStep)
 {
     const BnExponentCase &c = GetParam();
-    MatrixqPtr m = qmatrix(1, 1, c.m, {20000}), mean = qmatrix(1, 1, c.mean, {3}), root = qmatrix(1, 1, c.root, {17000});
+    MatrixqPtr m = qmatrix(1, 1, c.m, {20000}), mean = qmatrix(1, 1, c.mean, {3}),
+               root = qmatrix(1, 1, c.root, {17000});
     MatrixqPtr scale = qmatrix(1, 1, c.scale, {20000}), offset = qmatrix(1, 1, c.offset, {5});
     testing::internal::CaptureStderr();
     dl_batch_normalize_q(m.get(), offset.get(), scale.get(), mean.get(), root.get(), c.shift);
@@ -112,7 +113,6 @@ INSTANTIATE_TEST_SUITE_P(Steps, BatchNormalizeQExponentTest,
                                          BnExponentCase{"mean_larger", -14, -10, -15, 2, -15, -30, 4},
                                          BnExponentCase{"offset_larger", -14, -14, -12, 0, -15, 0, 0}),
                          CaseName());
-
 
 // ---- Batch-normalisation variance -----------------------------------------
 

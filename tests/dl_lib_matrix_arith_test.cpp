@@ -29,7 +29,10 @@ void PrintTo(const ElementCase &c, std::ostream *os) { *os << c.name; }
 // Where the result goes: a fresh record, or over one of the operands.
 enum class Into { fresh, a, b };
 
-void PrintTo(Into into, std::ostream *os) { *os << (into == Into::a ? "over_a" : into == Into::b ? "over_b" : "fresh"); }
+void PrintTo(Into into, std::ostream *os)
+{
+    *os << (into == Into::a ? "over_a" : into == Into::b ? "over_b" : "fresh");
+}
 
 class FloatElementTest : public testing::TestWithParam<std::tuple<ElementCase, Into>> {};
 
@@ -143,7 +146,6 @@ TEST(FloatDot, SumsInAscendingOrder)
     EXPECT_EQ(res->item[1], 0.0f);
 }
 
-
 // ---- Concatenation and error measure -------------------------------------
 
 TEST(FloatConcat, JoinsViewsDensely)
@@ -182,13 +184,12 @@ TEST_P(AvgSqErrTest, Value)
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, AvgSqErrTest,
-    testing::Values(ErrCase{"equal", {1, 3, -2}, {1, 3, -2}, 0.0f},
-                    ErrCase{"zeros", {0, 0}, {0, 0}, 0.0f},  // S set to 1.0
-                    ErrCase{"relative", {1, 3}, {1, 1}, static_cast<float>(2.0 / std::sqrt(5.0))},  // E 4, S 5
-                    // Mean 0, so S is 0 and the result is the root of E alone.
-                    ErrCase{"zero_mean", {1e-5f}, {-1e-5f},
-                            static_cast<float>(std::sqrt(static_cast<double>(2e-5f * 2e-5f)))},
-                    ErrCase{"nan", {1, NAN}, {1, 2}, NAN}),
+    testing::Values(
+        ErrCase{"equal", {1, 3, -2}, {1, 3, -2}, 0.0f}, ErrCase{"zeros", {0, 0}, {0, 0}, 0.0f},  // S set to 1.0
+        ErrCase{"relative", {1, 3}, {1, 1}, static_cast<float>(2.0 / std::sqrt(5.0))},           // E 4, S 5
+        // Mean 0, so S is 0 and the result is the root of E alone.
+        ErrCase{"zero_mean", {1e-5f}, {-1e-5f}, static_cast<float>(std::sqrt(static_cast<double>(2e-5f * 2e-5f)))},
+        ErrCase{"nan", {1, NAN}, {1, 2}, NAN}),
     CaseName());
 
 // ---- Contract ------------------------------------------------------------
@@ -218,55 +219,55 @@ TEST(MatrixMemory, ConcatGivesNullWhenMemoryRunsOut)
 
 INSTANTIATE_TEST_SUITE_P(
     Conditions, MatrixDeathTest,
-    testing::Values(
-        DeathCase{"slice_into_owning", [] { dl_matrix_slice(f(2, 2), 0, 0, 1, 1, f(1, 1)); },
-                  "dl_matrix_slice: Assertion `in->flags&DL_MF_FOREIGNDATA' failed"},
-        DeathCase{"slice_right", [] { dl_matrix_slice(f(2, 2), 1, 0, 2, 1, nullptr); },
-                  "dl_matrix_slice: Assertion `x\\+w<=src->w' failed"},
-        DeathCase{"slice_bottom", [] { dl_matrix_slice(f(2, 2), 0, 2, 1, 1, nullptr); },
-                  "dl_matrix_slice: Assertion `y\\+h<=src->h' failed"},
-        DeathCase{"flatten_right", [] { dl_matrix_flatten(f(2, 2), 1, 0, 2, 1, nullptr); },
-                  "dl_matrix_flatten: Assertion `x \\+ w <= src->w' failed"},
-        DeathCase{"flatten_bottom", [] { dl_matrix_flatten(f(2, 2), 0, 1, 1, 2, nullptr); },
-                  "dl_matrix_flatten: Assertion `y \\+ h <= src->h' failed"},
-        DeathCase{"flatten_into_small", [] { dl_matrix_flatten(f(2, 2), 0, 0, 2, 2, f(3, 1)); },
-                  "dl_matrix_flatten: Assertion `in->w\\*in->h>=w\\*h' failed"},
-        DeathCase{"flip_of_two_rows", [] { dl_matrix_flip(f(1, 2)); },
-                  "dl_matrix_flip: Assertion `a->h==1' failed"},
-        DeathCase{"mul_operands", [] { dl_matrix_mul(f(2, 2), f(2, 3), f(2, 2)); },
-                  "a: 2 x 2, b: 2 x 3\n.*dl_lib_matrix.cpp:[0-9]+: dl_matrix_mul: "
-                  "Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
-        DeathCase{"mul_into_small", [] { dl_matrix_mul(f(2, 2), f(2, 2), f(2, 1)); },
-                  "dl_matrix_mul: Assertion `out->w>=a->w && out->h>=a->h' failed"},
-        DeathCase{"dot_inner", [] { dl_matrix_dot(f(3, 2), f(2, 2), f(2, 2)); },
-                  "dl_matrix_dot: Assertion `a->w==b->h' failed"},
-        DeathCase{"dot_height", [] { dl_matrix_dot(f(3, 2), f(4, 3), f(4, 1)); },
-                  "dl_matrix_dot: Assertion `a->h==res->h' failed"},
-        DeathCase{"dot_width", [] { dl_matrix_dot(f(3, 2), f(4, 3), f(3, 2)); },
-                  "dl_matrix_dot: Assertion `b->w==res->w' failed"},
-        DeathCase{"dot_in_place", [] {
-                      dl_matrix2d_t *a = f(2, 2);
-                      dl_matrix_dot(a, f(2, 2), a);
-                  },
-                  "dl_matrix_dot: Assertion `res!=a && res!=b' failed"},
-        DeathCase{"add_operands", [] { dl_matrix_add(f(2, 2), f(3, 2), f(2, 2)); },
-                  "dl_matrix_add: Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
-        DeathCase{"add_out", [] { dl_matrix_add(f(2, 2), f(2, 2), f(2, 1)); },
-                  "dl_matrix_add: Assertion `dl_matrix_same_shape\\(a, out\\)' failed"},
-        DeathCase{"sub_operands", [] { dl_matrix_sub(f(2, 2), f(3, 2), f(2, 2)); },
-                  "dl_matrix_sub: Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
-        DeathCase{"sub_out", [] { dl_matrix_sub(f(2, 2), f(2, 2), f(2, 1)); },
-                  "dl_matrix_sub: Assertion `dl_matrix_same_shape\\(a, out\\)' failed"},
-        DeathCase{"div_operands", [] { dl_matrix_div(f(2, 2), f(3, 2), f(2, 2)); },
-                  "dl_matrix_div: Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
-        DeathCase{"div_out", [] { dl_matrix_div(f(2, 2), f(2, 2), f(2, 1)); },
-                  "dl_matrix_div: Assertion `dl_matrix_same_shape\\(a, out\\)' failed"},
-        DeathCase{"concat_heights", [] { dl_matrix_concat(f(1, 2), f(1, 3)); },
-                  "dl_matrix_concat: Assertion `a->h==b->h' failed"},
-        DeathCase{"avg_sq_err_heights", [] { dl_matrix_get_avg_sq_err(f(2, 2), f(3, 3)); },
-                  "dl_matrix_get_avg_sq_err: Assertion `a->h==b->h' failed"},
-        DeathCase{"avg_sq_err_widths", [] { dl_matrix_get_avg_sq_err(f(2, 2), f(3, 2)); },
-                  "dl_matrix_get_avg_sq_err: Assertion `a->w==b->w' failed"}),
+    testing::Values(DeathCase{"slice_into_owning", [] { dl_matrix_slice(f(2, 2), 0, 0, 1, 1, f(1, 1)); },
+                              "dl_matrix_slice: Assertion `in->flags&DL_MF_FOREIGNDATA' failed"},
+                    DeathCase{"slice_right", [] { dl_matrix_slice(f(2, 2), 1, 0, 2, 1, nullptr); },
+                              "dl_matrix_slice: Assertion `x\\+w<=src->w' failed"},
+                    DeathCase{"slice_bottom", [] { dl_matrix_slice(f(2, 2), 0, 2, 1, 1, nullptr); },
+                              "dl_matrix_slice: Assertion `y\\+h<=src->h' failed"},
+                    DeathCase{"flatten_right", [] { dl_matrix_flatten(f(2, 2), 1, 0, 2, 1, nullptr); },
+                              "dl_matrix_flatten: Assertion `x \\+ w <= src->w' failed"},
+                    DeathCase{"flatten_bottom", [] { dl_matrix_flatten(f(2, 2), 0, 1, 1, 2, nullptr); },
+                              "dl_matrix_flatten: Assertion `y \\+ h <= src->h' failed"},
+                    DeathCase{"flatten_into_small", [] { dl_matrix_flatten(f(2, 2), 0, 0, 2, 2, f(3, 1)); },
+                              "dl_matrix_flatten: Assertion `in->w\\*in->h>=w\\*h' failed"},
+                    DeathCase{"flip_of_two_rows", [] { dl_matrix_flip(f(1, 2)); },
+                              "dl_matrix_flip: Assertion `a->h==1' failed"},
+                    DeathCase{"mul_operands", [] { dl_matrix_mul(f(2, 2), f(2, 3), f(2, 2)); },
+                              "a: 2 x 2, b: 2 x 3\n.*dl_lib_matrix.cpp:[0-9]+: dl_matrix_mul: "
+                              "Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
+                    DeathCase{"mul_into_small", [] { dl_matrix_mul(f(2, 2), f(2, 2), f(2, 1)); },
+                              "dl_matrix_mul: Assertion `out->w>=a->w && out->h>=a->h' failed"},
+                    DeathCase{"dot_inner", [] { dl_matrix_dot(f(3, 2), f(2, 2), f(2, 2)); },
+                              "dl_matrix_dot: Assertion `a->w==b->h' failed"},
+                    DeathCase{"dot_height", [] { dl_matrix_dot(f(3, 2), f(4, 3), f(4, 1)); },
+                              "dl_matrix_dot: Assertion `a->h==res->h' failed"},
+                    DeathCase{"dot_width", [] { dl_matrix_dot(f(3, 2), f(4, 3), f(3, 2)); },
+                              "dl_matrix_dot: Assertion `b->w==res->w' failed"},
+                    DeathCase{"dot_in_place",
+                              [] {
+                                  dl_matrix2d_t *a = f(2, 2);
+                                  dl_matrix_dot(a, f(2, 2), a);
+                              },
+                              "dl_matrix_dot: Assertion `res!=a && res!=b' failed"},
+                    DeathCase{"add_operands", [] { dl_matrix_add(f(2, 2), f(3, 2), f(2, 2)); },
+                              "dl_matrix_add: Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
+                    DeathCase{"add_out", [] { dl_matrix_add(f(2, 2), f(2, 2), f(2, 1)); },
+                              "dl_matrix_add: Assertion `dl_matrix_same_shape\\(a, out\\)' failed"},
+                    DeathCase{"sub_operands", [] { dl_matrix_sub(f(2, 2), f(3, 2), f(2, 2)); },
+                              "dl_matrix_sub: Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
+                    DeathCase{"sub_out", [] { dl_matrix_sub(f(2, 2), f(2, 2), f(2, 1)); },
+                              "dl_matrix_sub: Assertion `dl_matrix_same_shape\\(a, out\\)' failed"},
+                    DeathCase{"div_operands", [] { dl_matrix_div(f(2, 2), f(3, 2), f(2, 2)); },
+                              "dl_matrix_div: Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
+                    DeathCase{"div_out", [] { dl_matrix_div(f(2, 2), f(2, 2), f(2, 1)); },
+                              "dl_matrix_div: Assertion `dl_matrix_same_shape\\(a, out\\)' failed"},
+                    DeathCase{"concat_heights", [] { dl_matrix_concat(f(1, 2), f(1, 3)); },
+                              "dl_matrix_concat: Assertion `a->h==b->h' failed"},
+                    DeathCase{"avg_sq_err_heights", [] { dl_matrix_get_avg_sq_err(f(2, 2), f(3, 3)); },
+                              "dl_matrix_get_avg_sq_err: Assertion `a->h==b->h' failed"},
+                    DeathCase{"avg_sq_err_widths", [] { dl_matrix_get_avg_sq_err(f(2, 2), f(3, 2)); },
+                              "dl_matrix_get_avg_sq_err: Assertion `a->w==b->w' failed"}),
     CaseName());
 
 }  // namespace

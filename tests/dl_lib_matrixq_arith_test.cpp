@@ -81,8 +81,7 @@ TEST_P(QDotKernelTest, MatchesReferenceBitForBit)
         ItemBox res(N, M, uniform(rng, 0, 1));
         FloatBox fres(N, M, uniform(rng, 0, 2));
         const dl::QDotOut to_items = dl::qdot_to_items(&res.m, s);
-        const dl::QDotOut to_floats =
-            dl::qdot_to_floats(&fres.m, std::ldexp(1.0f, p.a.m.exponent + p.b.m.exponent));
+        const dl::QDotOut to_floats = dl::qdot_to_floats(&fres.m, std::ldexp(1.0f, p.a.m.exponent + p.b.m.exponent));
         if (isa == dl::Isa::none) {
             dl::matrixq_dot_plain(&p.a.m, &p.b.m, to_items);
             dl::matrixq_dot_plain(&p.a.m, &p.b.m, to_floats);
@@ -170,8 +169,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(QDotMatrixOut, FactorFromExponentsAndFloatOperand)
 {
     MatrixPtr res = own(dl_matrix_alloc(1, 1));
-    for (auto [ea, eb, want] : {std::tuple{5, -5, 6.0f}, {-18, -17, std::ldexp(6.0f, -35)},
-                                {-70, -70, std::ldexp(6.0f, -140)}}) {
+    for (auto [ea, eb, want] :
+         {std::tuple{5, -5, 6.0f}, {-18, -17, std::ldexp(6.0f, -35)}, {-70, -70, std::ldexp(6.0f, -140)}}) {
         ItemBox a = items(1, 1, {2}, ea), b = items(1, 1, {3}, eb);
         dl_matrixq_dot_matrix_out(&a.m, &b.m, res.get());
         EXPECT_EQ(res->item[0], want) << ea << " " << eb;
@@ -245,7 +244,10 @@ void PrintTo(const QElementCase &c, std::ostream *os) { *os << c.name; }
 
 enum class Into { fresh, a, b };
 
-void PrintTo(Into into, std::ostream *os) { *os << (into == Into::a ? "over_a" : into == Into::b ? "over_b" : "fresh"); }
+void PrintTo(Into into, std::ostream *os)
+{
+    *os << (into == Into::a ? "over_a" : into == Into::b ? "over_b" : "fresh");
+}
 
 class QElementTest : public testing::TestWithParam<std::tuple<QElementCase, Into>> {};
 
@@ -354,8 +356,8 @@ TEST(QAddConst, MatchesReferenceThroughViews)
         ItemBox m(rng, uniform(rng, 0, 5), uniform(rng, 0, 5), uniform(rng, 0, 2), uniform(rng, -20, 6));
         const int shift = uniform(rng, 0, 1);
         // Values from below one unit to a few times the range.
-        const float value = std::ldexp(std::uniform_real_distribution<float>(-1.0f, 1.0f)(rng),
-                                       m.m.exponent + uniform(rng, -2, 18));
+        const float value =
+            std::ldexp(std::uniform_real_distribution<float>(-1.0f, 1.0f)(rng), m.m.exponent + uniform(rng, -2, 18));
         const Snapshot want = ref_add_const(Snapshot(m), value, shift);
         dl_matrixq_add_const(&m.m, value, shift);
         const Snapshot got(m);
@@ -373,12 +375,12 @@ TEST(QAddConst, Boundaries)
         std::vector<int> want;
         int exponent;
     } cases[] = {
-        {0.9f, 0, {5, -1, kMax}, 0},          // below one unit: nothing at all
-        {32766.0f, 1, {kMax, 32765, kMax}, 0}, // fits: no rescaling
-        {32767.0f, 1, {16385, 16382, 32766}, 1}, // c 16383, items halved down
-        {-32767.0f, 1, {-16381, -16384, 0}, 1}, // c -16383
-        {1.0f, 0, {3, 0, 16384}, 1},          // -1 + 1 = 0; 5 + 1 halves to 3
-        {-2.0f, 0, {1, -1, 16382}, 1},        // t = -3 halves toward zero to -1
+        {0.9f, 0, {5, -1, kMax}, 0},              // below one unit: nothing at all
+        {32766.0f, 1, {kMax, 32765, kMax}, 0},    // fits: no rescaling
+        {32767.0f, 1, {16385, 16382, 32766}, 1},  // c 16383, items halved down
+        {-32767.0f, 1, {-16381, -16384, 0}, 1},   // c -16383
+        {1.0f, 0, {3, 0, 16384}, 1},              // -1 + 1 = 0; 5 + 1 halves to 3
+        {-2.0f, 0, {1, -1, 16382}, 1},            // t = -3 halves toward zero to -1
     };
     for (const auto &c : cases) {
         ItemBox m = items(3, 1, {5, -1, kMax});
@@ -403,8 +405,8 @@ TEST(QConcat, AlignsToLargerExponentWithOwnStride)
         ASSERT_EQ(r->stride, h > 1 && h % 2 ? h + 1 : h);
         for (int x = 0; x < r->w; x++)
             for (int y = 0; y < h; y++) {
-                const int32_t want = x < a.m.w ? a.at(x, y) >> (e - a.m.exponent)
-                                               : b.at(x - a.m.w, y) >> (e - b.m.exponent);
+                const int32_t want =
+                    x < a.m.w ? a.at(x, y) >> (e - a.m.exponent) : b.at(x - a.m.w, y) >> (e - b.m.exponent);
                 ASSERT_EQ(r->itemq[y + r->stride * x], want);
             }
     }
@@ -466,15 +468,13 @@ std::vector<int> with_clipped(int clipped, int total)
 
 INSTANTIATE_TEST_SUITE_P(
     Thresholds, SanityTest,
-    testing::Values(SanityCase{"bits_10", {1023, -5}, 0, "CheckSanity: lstm: only 10/15 bits used!\n"},
-                    SanityCase{"bits_11", {-1024, 5}, 1, ""},
-                    SanityCase{"all_zero", {0, 0, 0}, 1, ""},
-                    SanityCase{"minus_32768_counts_16_bits", {-32768, -32768}, 1, ""},
-                    SanityCase{"clipped_exactly_10_percent", with_clipped(1, 10), 1, ""},
-                    SanityCase{"clipped_2_of_19", with_clipped(2, 19), 0,
-                               "CheckSanity: lstm: 10.526316% of items is clipped!\n"},
-                    SanityCase{"all_clipped", with_clipped(3, 3), 0,
-                               "CheckSanity: lstm: 100.000000% of items is clipped!\n"}),
+    testing::Values(
+        SanityCase{"bits_10", {1023, -5}, 0, "CheckSanity: lstm: only 10/15 bits used!\n"},
+        SanityCase{"bits_11", {-1024, 5}, 1, ""}, SanityCase{"all_zero", {0, 0, 0}, 1, ""},
+        SanityCase{"minus_32768_counts_16_bits", {-32768, -32768}, 1, ""},
+        SanityCase{"clipped_exactly_10_percent", with_clipped(1, 10), 1, ""},
+        SanityCase{"clipped_2_of_19", with_clipped(2, 19), 0, "CheckSanity: lstm: 10.526316% of items is clipped!\n"},
+        SanityCase{"all_clipped", with_clipped(3, 3), 0, "CheckSanity: lstm: 100.000000% of items is clipped!\n"}),
     CaseName());
 
 TEST(QReadjust, Boundaries)
@@ -486,9 +486,9 @@ TEST(QReadjust, Boundaries)
         {{1, -1, 0}, {16384, -16384, 0}, -14},
         {{16382, 3}, {32764, 6}, -1},
         {{16383, -7}, {16383, -7}, 0},
-        {{kMax, 3, -3}, {16383, 1, -2}, 1},   // one clipped item halves all
+        {{kMax, 3, -3}, {16383, 1, -2}, 1},  // one clipped item halves all
         {{-kMax, 40}, {-16384, 20}, 1},
-        {{-32768, 1}, {-32768, 1}, 0},        // not clipped, and large enough
+        {{-32768, 1}, {-32768, 1}, 0},  // not clipped, and large enough
         {{0, 0}, {0, 0}, 0},
     };
     for (const auto &c : cases) {
@@ -561,83 +561,84 @@ TEST(MatrixqMemory, NewRecordsAreNullWhenMemoryRunsOut)
 
 INSTANTIATE_TEST_SUITE_P(
     Conditions, MatrixqDeathTest,
-    testing::Values(
-        DeathCase{"quantise_width", [] { dl_matrixq_from_matrix2d(f(2, 1), q(3, 1)); },
-                  "dl_lib_matrixq.cpp:[0-9]+: dl_matrixq_from_matrix2d: Assertion `m->w==out->w'"},
-        DeathCase{"quantise_height", [] { dl_matrixq_from_matrix2d_by_qmf(f(2, 1), q(2, 2), 4, 4); },
-                  "dl_matrixq_from_matrix2d_by_qmf: Assertion `m->h==out->h'"},
-        DeathCase{"back_to_float_height", [] { dl_matrix2d_from_matrixq(q(2, 2), f(2, 1)); },
-                  "dl_matrix2d_from_matrixq: Assertion `m->h==out->h'"},
-        DeathCase{"dot_inner", [] { dl_matrixq_dot(q(3, 2), q(2, 2), q(2, 2), 0); },
-                  "dl_matrixq_dot_c_impl: Assertion `a->w==b->h'"},
-        DeathCase{"dot_height", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 3), 0); },
-                  "dl_matrixq_dot_c_impl: Assertion `a->h==res->h'"},
-        DeathCase{"dot_width", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(3, 2), 0); },
-                  "dl_matrixq_dot_c_impl: Assertion `b->w==res->w'"},
-        DeathCase{"dot_in_place", [] {
-                      dl_matrix2dq_t *a = q(2, 2);
-                      dl_matrixq_dot(a, q(2, 2), a, 0);
-                  },
-                  "dl_matrixq_dot_c_impl: Assertion `res!=a && res!=b'"},
-        DeathCase{"dot_shift_negative", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), -1); },
-                  "dl_matrixq_dot_c_impl: Assertion `shift>=0'"},
-        // a->w 2: the default shift is 16.
-        DeathCase{"dot_shift_above_default", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), 17); },
-                  "dl_matrixq_dot_c_impl: Assertion `shift<=product_shift\\(a->w\\)'"},
-        DeathCase{"out_inner", [] { dl_matrixq_dot_matrix_out(q(3, 2), q(2, 2), f(2, 2)); },
-                  "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
-        DeathCase{"out_height", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(2, 3)); },
-                  "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->h==res->h'"},
-        DeathCase{"out_width", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(3, 2)); },
-                  "dl_matrixq_dot_matrix_out_c_impl: Assertion `b->w==res->w'"},
-        DeathCase{"float_times_fixed", [] { dl_matrix_matrixq_dot(f(3, 2), q(2, 2), f(2, 2)); },
-                  "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
-        DeathCase{"float_times_fixed_out_of_memory", [] {
-                      dl_matrix2d_t *a = f(1, 1);
-                      a->w = -5;  // no allocation can hold its quantised copy
-                      dl_matrix_matrixq_dot(a, q(2, 2), f(2, 1));
-                  },
-                  "dl_matrix_matrixq_dot: Assertion `out of memory: qa'"},
-        DeathCase{"add_operands", [] { dl_matrixq_add(q(2, 2), q(2, 3), q(2, 2), 0); },
-                  "a: 2 x 2, b: 2 x 3\n.*dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
-        DeathCase{"add_result", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(3, 2), 0); },
-                  "dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
-        DeathCase{"add_shift", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(2, 2), 2); },
-                  "dl_matrixq_add: Assertion `shift==0 \\|\\| shift==1'"},
-        DeathCase{"sub_operands", [] { dl_matrixq_sub(q(2, 2), q(2, 3), q(2, 2), 0); },
-                  "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
-        DeathCase{"sub_result", [] { dl_matrixq_sub(q(2, 2), q(2, 2), q(3, 2), 0); },
-                  "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
-        DeathCase{"mul_operands", [] { dl_matrixq_mul(q(2, 2), q(2, 3), q(2, 2)); },
-                  "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
-        DeathCase{"mul_result", [] { dl_matrixq_mul(q(2, 2), q(2, 2), q(3, 2)); },
-                  "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
-        DeathCase{"div_operands", [] { dl_matrixq_div(q(2, 2), q(2, 3), q(2, 2), 0); },
-                  "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
-        DeathCase{"div_result", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(3, 2), 0); },
-                  "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, out\\)'"},
-        DeathCase{"div_shift", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(2, 2), 17); },
-                  "dl_matrixq_div: Assertion `shift>=0 && shift<=16'"},
-        DeathCase{"add_const_shift", [] { dl_matrixq_add_const(q(2, 2), 1.0f, -1); },
-                  "dl_matrixq_add_const: Assertion `shift==0 \\|\\| shift==1'"},
-        DeathCase{"concat_heights", [] { dl_matrixq_concat(q(2, 2), q(2, 3)); },
-                  "dl_matrixq_concat: Assertion `a->h==b->h'"},
-        DeathCase{"slice_into_owning", [] { dl_matrixq_slice(q(2, 2), 0, 0, 1, 1, q(1, 1)); },
-                  "dl_matrixq_slice: Assertion `in->flags&DL_MF_FOREIGNDATA'"},
-        DeathCase{"slice_right", [] { dl_matrixq_slice(q(2, 3), 1, 0, 2, 1, nullptr); },
-                  "dl_matrixq_slice: Assertion `x\\+w<=src->w'"},
-        DeathCase{"slice_bottom", [] { dl_matrixq_slice(q(2, 3), 0, 2, 1, 2, nullptr); },
-                  "dl_matrixq_slice: Assertion `y\\+h<=src->h'"},
-        DeathCase{"flatten_right", [] { dl_matrixq_flatten(q(2, 3), 1, 0, 2, 1, nullptr); },
-                  "dl_matrixq_flatten: Assertion `x \\+ w <= src->w'"},
-        DeathCase{"flatten_bottom", [] { dl_matrixq_flatten(q(2, 3), 0, 2, 1, 2, nullptr); },
-                  "dl_matrixq_flatten: Assertion `y \\+ h <= src->h'"},
-        DeathCase{"flatten_into_small", [] { dl_matrixq_flatten(q(2, 3), 0, 0, 2, 2, q(3, 1)); },
-                  "dl_matrixq_flatten: Assertion `out->w\\*out->h>=w\\*h'"},
-        DeathCase{"set_column", [] { dl_matrixq_set(q(2, 2), 2, 0, 1.0f); },
-                  "dl_matrixq_set: Assertion `x>=0 && x<m->w'"},
-        DeathCase{"set_row", [] { dl_matrixq_set(q(2, 2), 0, -1, 1.0f); },
-                  "dl_matrixq_set: Assertion `y>=0 && y<m->h'"}),
+    testing::Values(DeathCase{"quantise_width", [] { dl_matrixq_from_matrix2d(f(2, 1), q(3, 1)); },
+                              "dl_lib_matrixq.cpp:[0-9]+: dl_matrixq_from_matrix2d: Assertion `m->w==out->w'"},
+                    DeathCase{"quantise_height", [] { dl_matrixq_from_matrix2d_by_qmf(f(2, 1), q(2, 2), 4, 4); },
+                              "dl_matrixq_from_matrix2d_by_qmf: Assertion `m->h==out->h'"},
+                    DeathCase{"back_to_float_height", [] { dl_matrix2d_from_matrixq(q(2, 2), f(2, 1)); },
+                              "dl_matrix2d_from_matrixq: Assertion `m->h==out->h'"},
+                    DeathCase{"dot_inner", [] { dl_matrixq_dot(q(3, 2), q(2, 2), q(2, 2), 0); },
+                              "dl_matrixq_dot_c_impl: Assertion `a->w==b->h'"},
+                    DeathCase{"dot_height", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 3), 0); },
+                              "dl_matrixq_dot_c_impl: Assertion `a->h==res->h'"},
+                    DeathCase{"dot_width", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(3, 2), 0); },
+                              "dl_matrixq_dot_c_impl: Assertion `b->w==res->w'"},
+                    DeathCase{"dot_in_place",
+                              [] {
+                                  dl_matrix2dq_t *a = q(2, 2);
+                                  dl_matrixq_dot(a, q(2, 2), a, 0);
+                              },
+                              "dl_matrixq_dot_c_impl: Assertion `res!=a && res!=b'"},
+                    DeathCase{"dot_shift_negative", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), -1); },
+                              "dl_matrixq_dot_c_impl: Assertion `shift>=0'"},
+                    // a->w 2: the default shift is 16.
+                    DeathCase{"dot_shift_above_default", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), 17); },
+                              "dl_matrixq_dot_c_impl: Assertion `shift<=product_shift\\(a->w\\)'"},
+                    DeathCase{"out_inner", [] { dl_matrixq_dot_matrix_out(q(3, 2), q(2, 2), f(2, 2)); },
+                              "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
+                    DeathCase{"out_height", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(2, 3)); },
+                              "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->h==res->h'"},
+                    DeathCase{"out_width", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(3, 2)); },
+                              "dl_matrixq_dot_matrix_out_c_impl: Assertion `b->w==res->w'"},
+                    DeathCase{"float_times_fixed", [] { dl_matrix_matrixq_dot(f(3, 2), q(2, 2), f(2, 2)); },
+                              "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
+                    DeathCase{"float_times_fixed_out_of_memory",
+                              [] {
+                                  dl_matrix2d_t *a = f(1, 1);
+                                  a->w = -5;  // no allocation can hold its quantised copy
+                                  dl_matrix_matrixq_dot(a, q(2, 2), f(2, 1));
+                              },
+                              "dl_matrix_matrixq_dot: Assertion `out of memory: qa'"},
+                    DeathCase{"add_operands", [] { dl_matrixq_add(q(2, 2), q(2, 3), q(2, 2), 0); },
+                              "a: 2 x 2, b: 2 x 3\n.*dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
+                    DeathCase{"add_result", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(3, 2), 0); },
+                              "dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
+                    DeathCase{"add_shift", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(2, 2), 2); },
+                              "dl_matrixq_add: Assertion `shift==0 \\|\\| shift==1'"},
+                    DeathCase{"sub_operands", [] { dl_matrixq_sub(q(2, 2), q(2, 3), q(2, 2), 0); },
+                              "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
+                    DeathCase{"sub_result", [] { dl_matrixq_sub(q(2, 2), q(2, 2), q(3, 2), 0); },
+                              "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
+                    DeathCase{"mul_operands", [] { dl_matrixq_mul(q(2, 2), q(2, 3), q(2, 2)); },
+                              "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
+                    DeathCase{"mul_result", [] { dl_matrixq_mul(q(2, 2), q(2, 2), q(3, 2)); },
+                              "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
+                    DeathCase{"div_operands", [] { dl_matrixq_div(q(2, 2), q(2, 3), q(2, 2), 0); },
+                              "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
+                    DeathCase{"div_result", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(3, 2), 0); },
+                              "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, out\\)'"},
+                    DeathCase{"div_shift", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(2, 2), 17); },
+                              "dl_matrixq_div: Assertion `shift>=0 && shift<=16'"},
+                    DeathCase{"add_const_shift", [] { dl_matrixq_add_const(q(2, 2), 1.0f, -1); },
+                              "dl_matrixq_add_const: Assertion `shift==0 \\|\\| shift==1'"},
+                    DeathCase{"concat_heights", [] { dl_matrixq_concat(q(2, 2), q(2, 3)); },
+                              "dl_matrixq_concat: Assertion `a->h==b->h'"},
+                    DeathCase{"slice_into_owning", [] { dl_matrixq_slice(q(2, 2), 0, 0, 1, 1, q(1, 1)); },
+                              "dl_matrixq_slice: Assertion `in->flags&DL_MF_FOREIGNDATA'"},
+                    DeathCase{"slice_right", [] { dl_matrixq_slice(q(2, 3), 1, 0, 2, 1, nullptr); },
+                              "dl_matrixq_slice: Assertion `x\\+w<=src->w'"},
+                    DeathCase{"slice_bottom", [] { dl_matrixq_slice(q(2, 3), 0, 2, 1, 2, nullptr); },
+                              "dl_matrixq_slice: Assertion `y\\+h<=src->h'"},
+                    DeathCase{"flatten_right", [] { dl_matrixq_flatten(q(2, 3), 1, 0, 2, 1, nullptr); },
+                              "dl_matrixq_flatten: Assertion `x \\+ w <= src->w'"},
+                    DeathCase{"flatten_bottom", [] { dl_matrixq_flatten(q(2, 3), 0, 2, 1, 2, nullptr); },
+                              "dl_matrixq_flatten: Assertion `y \\+ h <= src->h'"},
+                    DeathCase{"flatten_into_small", [] { dl_matrixq_flatten(q(2, 3), 0, 0, 2, 2, q(3, 1)); },
+                              "dl_matrixq_flatten: Assertion `out->w\\*out->h>=w\\*h'"},
+                    DeathCase{"set_column", [] { dl_matrixq_set(q(2, 2), 2, 0, 1.0f); },
+                              "dl_matrixq_set: Assertion `x>=0 && x<m->w'"},
+                    DeathCase{"set_row", [] { dl_matrixq_set(q(2, 2), 0, -1, 1.0f); },
+                              "dl_matrixq_set: Assertion `y>=0 && y<m->h'"}),
     CaseName());
 
 }  // namespace

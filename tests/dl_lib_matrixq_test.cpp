@@ -33,24 +33,23 @@ TEST_P(QuantiseTest, ExponentAndItems)
 
 INSTANTIATE_TEST_SUITE_P(
     Boundaries, QuantiseTest,
-    testing::Values(
-        QuantCase{"zeros", {0.0f, -0.0f}, 0, {0, 0}},                      // exponent 0, not -31
-        QuantCase{"one", {1.0f, -1.0f}, -14, {16384, -16383}},             // negatives land one unit up
-        QuantCase{"half", {0.5f}, -15, {16384}}, QuantCase{"three", {3.0f}, -13, {24576}},
-        QuantCase{"tenth", {0.1f}, -18, {26214}},
-        QuantCase{"low_bound", {16383.0f}, 0, {16383}}, QuantCase{"below_low_bound", {16382.0f}, -1, {32764}},
-        QuantCase{"top_bound", {32767.0f, -32767.0f}, 0, {32767, -32766}},
-        QuantCase{"above_top_bound", {32768.0f}, 1, {16384}},
-        QuantCase{"negative_peak", {-4.0f, 1.0f}, -12, {-16383, 4096}},
-        // With exponent 0: -1.0 -> 0, -1.5 -> -1, -2.0 -> -1 (truncation of v + 0.5).
-        QuantCase{"rounding", {20000.0f, -1.0f, -1.5f, -2.0f, 2.5f}, 0, {20000, 0, -1, -1, 3}},
-        // A NaN elsewhere takes no part in the range and stores 0.
-        QuantCase{"nan_elsewhere", {1.0f, NAN}, -14, {16384, 0}},
-        // A NaN first makes the range NaN: exponent 0, items truncate v + 0.5.
-        QuantCase{"nan_first", {NAN, 100.7f, -3.7f}, 0, {0, 101, -3}},
-        // An infinity has no exponent that fits; the search stops instead of
-        // running for ever.
-        QuantCase{"infinite_peak", {INFINITY, 1.0f}, 128, {0, 0}}),
+    testing::Values(QuantCase{"zeros", {0.0f, -0.0f}, 0, {0, 0}},           // exponent 0, not -31
+                    QuantCase{"one", {1.0f, -1.0f}, -14, {16384, -16383}},  // negatives land one unit up
+                    QuantCase{"half", {0.5f}, -15, {16384}}, QuantCase{"three", {3.0f}, -13, {24576}},
+                    QuantCase{"tenth", {0.1f}, -18, {26214}}, QuantCase{"low_bound", {16383.0f}, 0, {16383}},
+                    QuantCase{"below_low_bound", {16382.0f}, -1, {32764}},
+                    QuantCase{"top_bound", {32767.0f, -32767.0f}, 0, {32767, -32766}},
+                    QuantCase{"above_top_bound", {32768.0f}, 1, {16384}},
+                    QuantCase{"negative_peak", {-4.0f, 1.0f}, -12, {-16383, 4096}},
+                    // With exponent 0: -1.0 -> 0, -1.5 -> -1, -2.0 -> -1 (truncation of v + 0.5).
+                    QuantCase{"rounding", {20000.0f, -1.0f, -1.5f, -2.0f, 2.5f}, 0, {20000, 0, -1, -1, 3}},
+                    // A NaN elsewhere takes no part in the range and stores 0.
+                    QuantCase{"nan_elsewhere", {1.0f, NAN}, -14, {16384, 0}},
+                    // A NaN first makes the range NaN: exponent 0, items truncate v + 0.5.
+                    QuantCase{"nan_first", {NAN, 100.7f, -3.7f}, 0, {0, 101, -3}},
+                    // An infinity has no exponent that fits; the search stops instead of
+                    // running for ever.
+                    QuantCase{"infinite_peak", {INFINITY, 1.0f}, 128, {0, 0}}),
     CaseName());
 
 TEST(Quantise, OddHeightAndGivenViewKeepTheirStrides)

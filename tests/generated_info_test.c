@@ -21,8 +21,7 @@ int main(void)
     if (strcmp(info->word_list[0], "say\"hi\"") != 0) failures++;
     if (strcmp(info->word_list[1], "back\\slash") != 0) failures++;
     if (strcmp(info->word_list[2], "what?\?=") != 0) failures++;
-    if (strcmp(info->info_str, "m_v1_say\"hi\"_3_0.5_0.25_back\\slash_4_0.1236_0_what\?\?=_1_1_2\r") != 0)
-        failures++;
+    if (strcmp(info->info_str, "m_v1_say\"hi\"_3_0.5_0.25_back\\slash_4_0.1236_0_what\?\?=_1_1_2\r") != 0) failures++;
     if (info->win_list[1] != 4 || info->thresh_list[3] != 0.0f || info->thresh_list[5] != 2.0f) failures++;
     if (failures) fprintf(stderr, "%d checks failed\n", failures);
     return failures ? 1 : 0;

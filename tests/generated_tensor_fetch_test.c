@@ -28,7 +28,8 @@ struct filter_entry {
     int seed, n, w, h, c, two_d;
 };
 
-static const struct filter_entry filters[] = {{"bias", 0, 1, 1, 1, 5, 0}, {"conv", 1, 4, 2, 3, 2, 0}, {"dense", 2, 1, 3, 2, 1, 1}};
+static const struct filter_entry filters[] = {
+    {"bias", 0, 1, 1, 1, 5, 0}, {"conv", 1, 4, 2, 3, 2, 0}, {"dense", 2, 1, 3, 2, 1, 1}};
 
 /* Where filter i's element at row y, column x, channel ch stood in the file. */
 static int file_index(const struct filter_entry *e, int i, int y, int x, int ch)

@@ -131,34 +131,45 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         // Found by fuzzing: a zero entry sized the row buffer by the other one
         // (8 GB here) and counted two billion empty reads.
-        LoadBound{"zero_rows_of_two_billion_columns", Loader::matrix, npy_bytes(kF4 + "(0, 2000000000), }", ""),
+        LoadBound{"zero_rows_of_two_billion_columns",
+                  Loader::matrix,
+                  npy_bytes(kF4 + "(0, 2000000000), }", ""),
                   {2000000000, 0}},
-        LoadBound{"two_billion_rows_of_nothing", Loader::matrix, npy_bytes(kF4 + "(2000000000, 0), }", ""),
-                  {0, 2000000000}},
-        LoadBound{"billions_promised_six_given", Loader::matrix,
-                  npy_bytes(kF4 + "(2000000000, 1), }", raw<float>({1, 2, 3, 4, 5, 6})), {}},
-        LoadBound{"just_under_32_bits_promised", Loader::matrix,
-                  npy_bytes(kF4 + "(46340, 46340), }", raw<float>({1, 2})), {}},
-        LoadBound{"longest_header", Loader::matrix,
-                  npy_bytes(kF4 + "(2,), }" + std::string(65535 - kF4.size() - 7, ' '), raw<float>({1, 2})), {2, 1}},
+        LoadBound{
+            "two_billion_rows_of_nothing", Loader::matrix, npy_bytes(kF4 + "(2000000000, 0), }", ""), {0, 2000000000}},
+        LoadBound{"billions_promised_six_given",
+                  Loader::matrix,
+                  npy_bytes(kF4 + "(2000000000, 1), }", raw<float>({1, 2, 3, 4, 5, 6})),
+                  {}},
+        LoadBound{"just_under_32_bits_promised",
+                  Loader::matrix,
+                  npy_bytes(kF4 + "(46340, 46340), }", raw<float>({1, 2})),
+                  {}},
+        LoadBound{"longest_header",
+                  Loader::matrix,
+                  npy_bytes(kF4 + "(2,), }" + std::string(65535 - kF4.size() - 7, ' '), raw<float>({1, 2})),
+                  {2, 1}},
         // Found by fuzzing: without elements (h or n zero) the count passed,
         // and the row stride w * c overflowed an int in the allocation.
         LoadBound{"weights_stride_beyond_int", Loader::weights, npy_bytes(kF4 + "(0, 65536, 65536, 1), }", ""), {}},
-        LoadBound{"weights_q_stride_beyond_int", Loader::weights_q, npy_bytes(kF4 + "(2, 65536, 65536, 0), }", ""),
-                  {}},
+        LoadBound{"weights_q_stride_beyond_int", Loader::weights_q, npy_bytes(kF4 + "(2, 65536, 65536, 0), }", ""), {}},
         LoadBound{"input_stride_beyond_int", Loader::input, npy_bytes(kF4 + "(0, 4, 2147483647), }", ""), {}},
         // Found by fuzzing: entries near 2^31 overflowed the 64-bit product
         // of the element count.
-        LoadBound{"weights_count_beyond_64_bits", Loader::weights,
-                  npy_bytes(kF4 + "(2000000000, 1000000, 1000736, 65536), }", ""), {}},
-        LoadBound{"input_count_beyond_64_bits", Loader::input,
-                  npy_bytes(kF4 + "(2000000000, 1000000, 1000736), }", ""), {}},
+        LoadBound{"weights_count_beyond_64_bits",
+                  Loader::weights,
+                  npy_bytes(kF4 + "(2000000000, 1000000, 1000736, 65536), }", ""),
+                  {}},
+        LoadBound{
+            "input_count_beyond_64_bits", Loader::input, npy_bytes(kF4 + "(2000000000, 1000000, 1000736), }", ""), {}},
         LoadBound{"weights_without_elements", Loader::weights, npy_bytes(kF4 + "(0, 2, 3, 4), }", ""), {4, 2, 0, 3}},
         LoadBound{"weights_billions_promised", Loader::weights, npy_bytes(kF4 + "(2000000000, 1, 1, 1), }", ""), {}},
         // The row path goes on after short rows, but not into a tensor
         // larger than the whole file.
-        LoadBound{"weights_rows_billions_promised", Loader::weights_q,
-                  npy_bytes(kF4 + "(40000, 50000), }", raw<float>({1, 2})), {}},
+        LoadBound{"weights_rows_billions_promised",
+                  Loader::weights_q,
+                  npy_bytes(kF4 + "(40000, 50000), }", raw<float>({1, 2})),
+                  {}},
         LoadBound{"input_billions_promised", Loader::input, npy_bytes(kF4 + "(2000000000, 1, 1), }", ""), {}}),
     [](const auto &info) { return std::string(info.param.label); });
 
@@ -174,7 +185,7 @@ TEST(TensorAlloc, DimensionsBeyondAnyCountAreRefused)
 // --- The converter on hostile directories -----------------------------------
 
 class HostileDirectoryTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override { mkdir(model_.c_str(), 0700); }
 
     void write(const std::string &name, const std::string &bytes) const
@@ -225,15 +236,16 @@ TEST_F(HostileDirectoryTest, BillionsPromisedAreRefusedWithoutAllocating)
     const char *const shapes[] = {"(2000000000, 1)", "(65536, 65536)", "(1000000, 1000)"};
     for (int i = 0; i < 3; i++)
         write("w" + std::to_string(i) + ".npy", npy_bytes(kF4 + shapes[i] + ", }", raw<float>({1})));
-    const std::vector<std::vector<std::string>> modes = {{}, {"-no-quantized"}, {"-3d"}, {"-3d", "-no-quantized"},
-                                                         {"-3d", "-in"}};
+    const std::vector<std::vector<std::string>> modes = {
+        {}, {"-no-quantized"}, {"-3d"}, {"-3d", "-no-quantized"}, {"-3d", "-in"}};
     for (const std::vector<std::string> &options : modes) {
         EXPECT_TRUE(convert_within(
             64, 10, 0,
             [](const std::string &out) {
-                return out.find("WARNING: Could not parse file w0.npy, not converting.\n"
-                                "WARNING: Could not parse file w1.npy, not converting.\n"
-                                "WARNING: Could not parse file w2.npy, not converting.\n") != std::string::npos;
+                return out.find(
+                           "WARNING: Could not parse file w0.npy, not converting.\n"
+                           "WARNING: Could not parse file w1.npy, not converting.\n"
+                           "WARNING: Could not parse file w2.npy, not converting.\n") != std::string::npos;
             },
             options))
             << options.size() << " options";
@@ -303,8 +315,9 @@ TEST_F(HostileDirectoryTest, FifosAreSkippedNotOpened)
     std::string out, err;
     EXPECT_EQ(run(out, err), 0);
     alarm(0);
-    EXPECT_EQ(out, "WARNING: Could not parse file _MODEL_INFO_, not converting.\n"
-                   "WARNING: Could not parse file pipe.npy, not converting.\n");
+    EXPECT_EQ(out,
+              "WARNING: Could not parse file _MODEL_INFO_, not converting.\n"
+              "WARNING: Could not parse file pipe.npy, not converting.\n");
     EXPECT_NE(err.find(model_ + "/pipe.npy: not a regular file\n"), std::string::npos) << err;
     EXPECT_NE(generated_source().find("return &w;"), std::string::npos);
 }
@@ -318,10 +331,36 @@ TEST_F(HostileDirectoryTest, FifosAreSkippedNotOpened)
 // GNU dialects predefine).
 TEST(TableNames, KeywordsAndTakenNamesAreRefused)
 {
-    for (const char *name : {"", "2nd", "my-w", "a[0]={1};int b", "caf\xc3\xa9", "int", "while", "bool", "_Bool",
-                             "_Pragma", "__x", "NULL", "name", "hint", "get_info", "model_info", "get_coeff_q",
-                             "det_win_list", "strcmp", "memcpy", "strdup", "index", "linux", "fast_exp",
-                             "dl_matrix_alloc", "DL_MF_FOREIGNDATA", "fptp_t", "size_t", "INT8_MAX", "UINT64_C",
+    for (const char *name : {"",
+                             "2nd",
+                             "my-w",
+                             "a[0]={1};int b",
+                             "caf\xc3\xa9",
+                             "int",
+                             "while",
+                             "bool",
+                             "_Bool",
+                             "_Pragma",
+                             "__x",
+                             "NULL",
+                             "name",
+                             "hint",
+                             "get_info",
+                             "model_info",
+                             "get_coeff_q",
+                             "det_win_list",
+                             "strcmp",
+                             "memcpy",
+                             "strdup",
+                             "index",
+                             "linux",
+                             "fast_exp",
+                             "dl_matrix_alloc",
+                             "DL_MF_FOREIGNDATA",
+                             "fptp_t",
+                             "size_t",
+                             "INT8_MAX",
+                             "UINT64_C",
                              "SIZE_MAX"})
         EXPECT_NE(kelvane::name_problem(name), "") << name;
     for (const char *name : {"dense", "pop_var", "_bias", "Dense_2", "integer", "string", "t", "INT8", "names"})

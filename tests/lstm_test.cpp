@@ -71,7 +71,9 @@ void reference_cell(const dl_matrix2d_t *in, std::vector<float> &c, std::vector<
     for (int y = 0; y < rows; y++) {
         const float *zy = z.data() + columns * y;
         for (int u = 0; u < units; u++) {
-            auto pre = [&](int quarter) { return zy[quarter * units + u] + (bias ? bias->item[quarter * units + u + bias->stride * y] : 0.0f); };
+            auto pre = [&](int quarter) {
+                return zy[quarter * units + u] + (bias ? bias->item[quarter * units + u + bias->stride * y] : 0.0f);
+            };
             const float i = dl_sigmoid_op(pre(0));
             const float g = dl_tanh_op(pre(1));
             const float f = dl_sigmoid_op(pre(2) + 1.0f);
@@ -99,7 +101,7 @@ void PrintTo(const LstmCase &c, std::ostream *os)
 }
 
 class LstmReferenceTest : public testing::TestWithParam<LstmCase> {
-protected:
+  protected:
     // Three steps of a variant beside the reference, both states compared
     // exactly after each.
     template <class Step>
@@ -143,10 +145,10 @@ TEST_P(LstmReferenceTest, QuantisedWeightCell)
 {
     MatrixPtr wf = random_weight(8);
     MatrixqPtr w = own(dl_matrixq_from_matrix2d(wf.get(), nullptr));
-    run(quantised_product(w.get()), [&](const dl_matrix2d_t *in, dl_matrix2d_t *c, dl_matrix2d_t *h,
-                                        const dl_matrix2d_t *b) {
-        return dl_basic_lstm_layer_quantised_weights(in, c, h, w.get(), b);
-    });
+    run(quantised_product(w.get()),
+        [&](const dl_matrix2d_t *in, dl_matrix2d_t *c, dl_matrix2d_t *h, const dl_matrix2d_t *b) {
+            return dl_basic_lstm_layer_quantised_weights(in, c, h, w.get(), b);
+        });
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, LstmReferenceTest,
@@ -173,8 +175,8 @@ struct QState {
 };
 
 // One unit, one row, one input: the two states after one step.
-QState q_step(const std::vector<int> &weight, int w_exponent, const std::vector<int> *bias, int b_exponent,
-              int c_item, int c_exponent, int shift, std::string *errors)
+QState q_step(const std::vector<int> &weight, int w_exponent, const std::vector<int> *bias, int b_exponent, int c_item,
+              int c_exponent, int shift, std::string *errors)
 {
     MatrixqPtr in = qmatrix(1, 1, -15, {16384});
     MatrixqPtr c = qmatrix(1, 1, c_exponent, {c_item}), h = qmatrix(1, 1, -15, {0});

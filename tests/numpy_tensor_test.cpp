@@ -31,8 +31,8 @@ std::string f4_file(const std::string &shape, const std::string &data)
 struct TensorCase {
     const char *name;
     std::string file;
-    std::string err;         // "@" stands for the path
-    std::vector<int> nwhc;   // empty: the load must fail
+    std::string err;           // "@" stands for the path
+    std::vector<int> nwhc;     // empty: the load must fail
     std::vector<float> items;  // the whole storage, flat
 };
 
@@ -75,51 +75,91 @@ std::vector<TensorCase> weight_cases()
     return {
         // (h, w, c, n), filters fastest in the file: one read per position,
         // spread over the filters.
-        {"run_path_permutes_filters", f4_file("(2, 1, 2, 3)", counting_f4(12)), f + "(3, 1, 2, 2).\n", {3, 1, 2, 2},
+        {"run_path_permutes_filters",
+         f4_file("(2, 1, 2, 3)", counting_f4(12)),
+         f + "(3, 1, 2, 2).\n",
+         {3, 1, 2, 2},
          {1, 4, 7, 10, 2, 5, 8, 11, 3, 6, 9, 12}},
-        {"run_path_columns_and_channels", f4_file("(1, 2, 2, 2)", counting_f4(8)), f + "(2, 2, 1, 2).\n", {2, 2, 1, 2},
+        {"run_path_columns_and_channels",
+         f4_file("(1, 2, 2, 2)", counting_f4(8)),
+         f + "(2, 2, 1, 2).\n",
+         {2, 2, 1, 2},
          {1, 3, 5, 7, 2, 4, 6, 8}},
         {"one_entry_is_channels", f4_file("(4,)", counting_f4(4)), f + "(1, 1, 1, 4).\n", {1, 1, 1, 4}, {1, 2, 3, 4}},
         // (w, h) transposed: file row r, column s is row s, column r.
-        {"row_path_transposes", f4_file("(2, 3)", counting_f4(6)), f + "(1, 2, 3, 1).\n", {1, 2, 3, 1}, {1, 4, 2, 5, 3, 6}},
-        {"five_entries_read_by_four", f4_file("(1, 1, 2, 2, 9)", counting_f4(36)), f + "(2, 1, 1, 2).\n", {2, 1, 1, 2},
+        {"row_path_transposes",
+         f4_file("(2, 3)", counting_f4(6)),
+         f + "(1, 2, 3, 1).\n",
+         {1, 2, 3, 1},
+         {1, 4, 2, 5, 3, 6}},
+        {"five_entries_read_by_four",
+         f4_file("(1, 1, 2, 2, 9)", counting_f4(36)),
+         f + "(2, 1, 1, 2).\n",
+         {2, 1, 1, 2},
          {1, 3, 2, 4}},
         {"extra_data_ignored", f4_file("(2,)", counting_f4(5)), f + "(1, 1, 1, 2).\n", {1, 1, 1, 2}, {1, 2}},
-        {"first_descriptor_wins", npy_bytes("{'descr': '<i8', 'x': '<f4', 'shape': (2,)}", raw<float>({1.5f, -2})),
-         f + "(1, 1, 1, 2).\n", {1, 1, 1, 2}, {1.5f, -2}},
+        {"first_descriptor_wins",
+         npy_bytes("{'descr': '<i8', 'x': '<f4', 'shape': (2,)}", raw<float>({1.5f, -2})),
+         f + "(1, 1, 1, 2).\n",
+         {1, 1, 1, 2},
+         {1.5f, -2}},
         {"zero_filters", f4_file("(2, 1, 2, 0)", ""), f + "(0, 1, 2, 2).\n", {0, 1, 2, 2}, {}},
         {"zero_rows_in_row_path", f4_file("(3, 0)", ""), f + "(1, 3, 0, 1).\n", {1, 3, 0, 1}, {}},
         // A short row in the row path is reported and stays 0, also the part
         // of it that arrived; the load goes on and returns the tensor.
-        {"row_path_goes_on_after_short_row", f4_file("(3, 2)", counting_f4(3)),
+        {"row_path_goes_on_after_short_row",
+         f4_file("(3, 2)", counting_f4(3)),
          f + "(1, 3, 2, 1).\n@: short file! (ends at row 1/3), num: 1\n@: short file! (ends at row 2/3), num: 0\n",
-         {1, 3, 2, 1}, {1, 0, 0, 2, 0, 0}},
+         {1, 3, 2, 1},
+         {1, 0, 0, 2, 0, 0}},
         // Failures.
         {"too_short", "\x93NUMPY", "@: too short\n", {}, {}},
         {"empty_shape", f4_file("()", counting_f4(4)), "@: error parsing shape\n", {}, {}},
         {"marker_value_first", f4_file("(-1, 2)", counting_f4(4)), "@: error parsing shape\n", {}, {}},
-        {"u1_unknown_here", npy_bytes("{'descr': '|u1', 'shape': (2,)}", "ab"),
-         f + "(1, 1, 1, 2).\n@: Unknown var format\n", {}, {}},
-        {"three_entries_refused", f4_file("(2, 3, 4)", counting_f4(24)),
-         f + "(-1, 3, 2, 4).\n@: unsupported shape (2, 3, 4): a filter bank has 1, 2 or 4 entries\n", {}, {}},
-        {"run_path_short_last_read", f4_file("(2, 1, 2, 3)", counting_f4(11)),
-         f + "(3, 1, 2, 2).\n@: short file! (ends at row 1/2)\n", {}, {}},
-        {"one_entry_short", f4_file("(4,)", counting_f4(3)), f + "(1, 1, 1, 4).\n@: short file! (ends at row 0/1)\n",
-         {}, {}},
-        {"negative_entry", f4_file("(2, -3, 4, 5)", ""), f + "(5, -3, 2, 4).\n@: unsupported shape (2, -3, 4, 5)\n",
-         {}, {}},
+        {"u1_unknown_here",
+         npy_bytes("{'descr': '|u1', 'shape': (2,)}", "ab"),
+         f + "(1, 1, 1, 2).\n@: Unknown var format\n",
+         {},
+         {}},
+        {"three_entries_refused",
+         f4_file("(2, 3, 4)", counting_f4(24)),
+         f + "(-1, 3, 2, 4).\n@: unsupported shape (2, 3, 4): a filter bank has 1, 2 or 4 entries\n",
+         {},
+         {}},
+        {"run_path_short_last_read",
+         f4_file("(2, 1, 2, 3)", counting_f4(11)),
+         f + "(3, 1, 2, 2).\n@: short file! (ends at row 1/2)\n",
+         {},
+         {}},
+        {"one_entry_short",
+         f4_file("(4,)", counting_f4(3)),
+         f + "(1, 1, 1, 4).\n@: short file! (ends at row 0/1)\n",
+         {},
+         {}},
+        {"negative_entry",
+         f4_file("(2, -3, 4, 5)", ""),
+         f + "(5, -3, 2, 4).\n@: unsupported shape (2, -3, 4, 5)\n",
+         {},
+         {}},
         {"negative_row_path", f4_file("(-2, 3)", ""), f + "(1, -2, 3, 1).\n@: unsupported shape (-2, 3)\n", {}, {}},
-        {"count_overflows_32_bits", f4_file("(65536, 65536, 1, 1)", ""),
-         f + "(1, 65536, 65536, 1).\n@: unsupported shape (65536, 65536, 1, 1): more than 2147483647 elements\n", {},
+        {"count_overflows_32_bits",
+         f4_file("(65536, 65536, 1, 1)", ""),
+         f + "(1, 65536, 65536, 1).\n@: unsupported shape (65536, 65536, 1, 1): more than 2147483647 elements\n",
+         {},
          {}},
         // Shapes no file of this size can hold are refused before any
         // allocation, with the message the reads would give.
-        {"billions_promised_run_path", f4_file("(2000000000, 1, 1, 1)", counting_f4(6)),
-         f + "(1, 1, 2000000000, 1).\n@: short file! (ends at row 6/2000000000)\n", {}, {}},
-        {"millions_promised_row_path", f4_file("(2000000, 3)", counting_f4(4)),
+        {"billions_promised_run_path",
+         f4_file("(2000000000, 1, 1, 1)", counting_f4(6)),
+         f + "(1, 1, 2000000000, 1).\n@: short file! (ends at row 6/2000000000)\n",
+         {},
+         {}},
+        {"millions_promised_row_path",
+         f4_file("(2000000, 3)", counting_f4(4)),
          f + "(1, 2000000, 3, 1).\n@: short file! (ends at row 1/2000000), num: 1\n"
              "@: 5999996 of 6000000 elements missing, not loading\n",
-         {}, {}},
+         {},
+         {}},
     };
 }
 
@@ -160,31 +200,64 @@ std::vector<TensorCase> input_cases()
     const std::string in = kInputLine;
     const std::string u1 = "{'descr': '|u1', 'fortran_order': False, 'shape': ";
     return {
-        {"file_order_is_tensor_order", npy_bytes(u1 + "(2, 3, 4), }", bytes(24)), in + "(3, 2, 4).\n", {1, 3, 2, 4},
+        {"file_order_is_tensor_order",
+         npy_bytes(u1 + "(2, 3, 4), }", bytes(24)),
+         in + "(3, 2, 4).\n",
+         {1, 3, 2, 4},
          counting(24)},
-        {"four_entries_read_by_three", npy_bytes(u1 + "(1, 2, 3, 4), }", bytes(24)), in + "(2, 1, 3).\n", {1, 2, 1, 3},
+        {"four_entries_read_by_three",
+         npy_bytes(u1 + "(1, 2, 3, 4), }", bytes(24)),
+         in + "(2, 1, 3).\n",
+         {1, 2, 1, 3},
          counting(6)},
-        {"u1_before_i4", npy_bytes("{'descr': '<i4', 'x': '|u1', 'shape': (1, 1, 2)}", "\x07\x09"),
-         in + "(1, 1, 2).\n", {1, 1, 1, 2}, {7, 9}},
-        {"f8_before_u1", npy_bytes("{'descr': '|u1', 'x': '<f8', 'shape': (1, 1, 1)}", raw<double>({3.9})),
-         in + "(1, 1, 1).\n", {1, 1, 1, 1}, {3}},
+        {"u1_before_i4",
+         npy_bytes("{'descr': '<i4', 'x': '|u1', 'shape': (1, 1, 2)}", "\x07\x09"),
+         in + "(1, 1, 2).\n",
+         {1, 1, 1, 2},
+         {7, 9}},
+        {"f8_before_u1",
+         npy_bytes("{'descr': '|u1', 'x': '<f8', 'shape': (1, 1, 1)}", raw<double>({3.9})),
+         in + "(1, 1, 1).\n",
+         {1, 1, 1, 1},
+         {3}},
         {"zero_width", npy_bytes(u1 + "(2, 0, 3), }", ""), in + "(0, 2, 3).\n", {1, 0, 2, 3}, {}},
         // Failures.
         {"empty_shape", npy_bytes(u1 + "(), }", bytes(4)), "@: error parsing shape\n", {}, {}},
-        {"f2_unknown", npy_bytes("{'descr': '<f2', 'shape': (1, 1, 1)}", "ab"), in + "(1, 1, 1).\n@: Unknown var format\n",
-         {}, {}},
-        {"short_last_read", npy_bytes(u1 + "(2, 3, 4), }", bytes(20)), in + "(3, 2, 4).\n@: short file! (ends at row 1/2)\n",
-         {}, {}},
-        {"two_entries_refused", npy_bytes(u1 + "(2, 3), }", bytes(6)),
-         in + "(3, 2, -1).\n@: unsupported shape (2, 3): an input has 3 entries (height, width, channels)\n", {}, {}},
-        {"one_entry_refused", npy_bytes(u1 + "(6,), }", bytes(6)),
-         in + "(-1, 6, -1).\n@: unsupported shape (6,): an input has 3 entries (height, width, channels)\n", {}, {}},
-        {"negative_entry", npy_bytes(u1 + "(2, -3, 4), }", ""), in + "(-3, 2, 4).\n@: unsupported shape (2, -3, 4)\n",
-         {}, {}},
-        {"count_overflows_32_bits", npy_bytes(u1 + "(65536, 65536, 2), }", ""),
-         in + "(65536, 65536, 2).\n@: unsupported shape (65536, 65536, 2): more than 2147483647 elements\n", {}, {}},
-        {"billions_promised", npy_bytes(u1 + "(40000, 40000, 1), }", bytes(80005)),
-         in + "(40000, 40000, 1).\n@: short file! (ends at row 2/40000)\n", {}, {}},
+        {"f2_unknown",
+         npy_bytes("{'descr': '<f2', 'shape': (1, 1, 1)}", "ab"),
+         in + "(1, 1, 1).\n@: Unknown var format\n",
+         {},
+         {}},
+        {"short_last_read",
+         npy_bytes(u1 + "(2, 3, 4), }", bytes(20)),
+         in + "(3, 2, 4).\n@: short file! (ends at row 1/2)\n",
+         {},
+         {}},
+        {"two_entries_refused",
+         npy_bytes(u1 + "(2, 3), }", bytes(6)),
+         in + "(3, 2, -1).\n@: unsupported shape (2, 3): an input has 3 entries (height, width, channels)\n",
+         {},
+         {}},
+        {"one_entry_refused",
+         npy_bytes(u1 + "(6,), }", bytes(6)),
+         in + "(-1, 6, -1).\n@: unsupported shape (6,): an input has 3 entries (height, width, channels)\n",
+         {},
+         {}},
+        {"negative_entry",
+         npy_bytes(u1 + "(2, -3, 4), }", ""),
+         in + "(-3, 2, 4).\n@: unsupported shape (2, -3, 4)\n",
+         {},
+         {}},
+        {"count_overflows_32_bits",
+         npy_bytes(u1 + "(65536, 65536, 2), }", ""),
+         in + "(65536, 65536, 2).\n@: unsupported shape (65536, 65536, 2): more than 2147483647 elements\n",
+         {},
+         {}},
+        {"billions_promised",
+         npy_bytes(u1 + "(40000, 40000, 1), }", bytes(80005)),
+         in + "(40000, 40000, 1).\n@: short file! (ends at row 2/40000)\n",
+         {},
+         {}},
     };
 }
 
@@ -216,9 +289,8 @@ TEST_P(ByteConversionTest, WrapsAround)
 {
     const ByteCase &c = GetParam();
     const int count = static_cast<int>(c.want.size());
-    const std::string file = npy_bytes(std::string("{'descr': '") + c.descr + "', 'shape': (1, 1, " +
-                                           std::to_string(count) + ")}",
-                                       c.data);
+    const std::string file =
+        npy_bytes(std::string("{'descr': '") + c.descr + "', 'shape': (1, 1, " + std::to_string(count) + ")}", c.data);
     // The helper itself, and through the loader.
     const auto type = c.descr[1] == 'u'   ? dl::npy::Type::u1
                       : c.descr[1] == 'i' ? (c.descr[2] == '4' ? dl::npy::Type::i4 : dl::npy::Type::i8)
@@ -238,20 +310,22 @@ const float kNaNf = std::numeric_limits<float>::quiet_NaN();
 
 INSTANTIATE_TEST_SUITE_P(
     Table, ByteConversionTest,
-    testing::Values(
-        ByteCase{"<f4",
-                 raw<float>({3.9f, -0.5f, 255.9f, 256.0f, 300.0f, -1.0f, kNaNf, 257.0f, -3.9f, 2147483520.0f,
-                             2147483648.0f, -2147483648.0f, INFINITY, -INFINITY}),
-                 {3, 0, 255, 0, 44, 255, 0, 1, 253, 128, 0, 0, 0, 0}},
-        // A double is truncated as it is: 255.9999999999 stays below 256.
-        ByteCase{"<f8",
-                 raw<double>({3.9, -0.5, 255.9, 256.0, 300.0, -1.0, std::nan(""), 257.0, 255.9999999999,
-                              2147483647.9, 2147483648.0, -2147483647.5, -2147483648.9, 1e300}),
-                 {3, 0, 255, 0, 44, 255, 0, 1, 255, 255, 0, 1, 0, 0}},
-        ByteCase{"<i4", raw<int32_t>({-1, 257, 300, 256, -256, INT32_MIN, INT32_MAX, 3}), {255, 1, 44, 0, 0, 0, 255, 3}},
-        ByteCase{"<i8", raw<int64_t>({-1, 257, (int64_t{1} << 40) + 7, -(int64_t{1} << 40) - 1, INT64_MIN}),
-                 {255, 1, 7, 255, 0}},
-        ByteCase{"|u1", std::string("\x00\xff\x07", 3), {0, 255, 7}}),
+    testing::Values(ByteCase{"<f4",
+                             raw<float>({3.9f, -0.5f, 255.9f, 256.0f, 300.0f, -1.0f, kNaNf, 257.0f, -3.9f,
+                                         2147483520.0f, 2147483648.0f, -2147483648.0f, INFINITY, -INFINITY}),
+                             {3, 0, 255, 0, 44, 255, 0, 1, 253, 128, 0, 0, 0, 0}},
+                    // A double is truncated as it is: 255.9999999999 stays below 256.
+                    ByteCase{"<f8",
+                             raw<double>({3.9, -0.5, 255.9, 256.0, 300.0, -1.0, std::nan(""), 257.0, 255.9999999999,
+                                          2147483647.9, 2147483648.0, -2147483647.5, -2147483648.9, 1e300}),
+                             {3, 0, 255, 0, 44, 255, 0, 1, 255, 255, 0, 1, 0, 0}},
+                    ByteCase{"<i4",
+                             raw<int32_t>({-1, 257, 300, 256, -256, INT32_MIN, INT32_MAX, 3}),
+                             {255, 1, 44, 0, 0, 0, 255, 3}},
+                    ByteCase{"<i8",
+                             raw<int64_t>({-1, 257, (int64_t{1} << 40) + 7, -(int64_t{1} << 40) - 1, INT64_MIN}),
+                             {255, 1, 7, 255, 0}},
+                    ByteCase{"|u1", std::string("\x00\xff\x07", 3), {0, 255, 7}}),
     [](const auto &info) {
         std::string name = info.param.descr + 1;
         return name;
@@ -267,7 +341,7 @@ TEST(TensorFixtures, NumpyWrittenFiles)
         int n, w, h, c;  // n 0: refused
     } cases[] = {
         {"w_f4_2x3x2x2.npy", 2, 3, 2, 2}, {"w_f8_2x3x2x2.npy", 2, 3, 2, 2}, {"w_i4_2x3x2x2.npy", 2, 3, 2, 2},
-        {"w_i8_2x3x2x2.npy", 2, 3, 2, 2}, {"w_f4_vec5.npy", 1, 1, 1, 5},     {"w_f4_2d_3x4.npy", 1, 3, 4, 1},
+        {"w_i8_2x3x2x2.npy", 2, 3, 2, 2}, {"w_f4_vec5.npy", 1, 1, 1, 5},    {"w_f4_2d_3x4.npy", 1, 3, 4, 1},
         {"w_f4_2x3x4.npy", 0, 0, 0, 0},   {"w_u1_2x3x2x2.npy", 0, 0, 0, 0}, {"in_u1_2x3x4.npy", 1, 3, 2, 4},
         {"in_f4_2x3x4.npy", 1, 3, 2, 4},  {"in_f8_2x3x4.npy", 1, 3, 2, 4},  {"in_i4_2x3x4.npy", 1, 3, 2, 4},
         {"in_i8_2x3x4.npy", 1, 3, 2, 4},  {"in_u1_2x3.npy", 0, 0, 0, 0},
@@ -286,8 +360,18 @@ TEST(TensorFixtures, NumpyWrittenFiles)
             continue;
         }
         const int nwhc[] = {c.n, c.w, c.h, c.c};
-        const int got[] = {f ? f->n : u ? u->n : -1, f ? f->w : u ? u->w : -1, f ? f->h : u ? u->h : -1,
-                           f ? f->c : u ? u->c : -1};
+        const int got[] = {f   ? f->n
+                           : u ? u->n
+                               : -1,
+                           f   ? f->w
+                           : u ? u->w
+                               : -1,
+                           f   ? f->h
+                           : u ? u->h
+                               : -1,
+                           f   ? f->c
+                           : u ? u->c
+                               : -1};
         ASSERT_TRUE(std::equal(nwhc, nwhc + 4, got)) << err;
         // Filter i, row y, column x, channel ch came from the file's
         // [y][x][ch][i]; a 2-D file's [r][s] is row s, column r.
@@ -299,7 +383,8 @@ TEST(TensorFixtures, NumpyWrittenFiles)
                         if (input) {
                             EXPECT_EQ(u->item[at], static_cast<uint8_t>(at * 37 - 100)) << "element " << at;
                         } else {
-                            const int file_index = strstr(c.file, "_2d_") ? x * c.h + y : ((y * c.w + x) * c.c + ch) * c.n + i;
+                            const int file_index =
+                                strstr(c.file, "_2d_") ? x * c.h + y : ((y * c.w + x) * c.c + ch) * c.n + i;
                             EXPECT_EQ(f->item[at], static_cast<float>(file_index)) << "element " << at;
                         }
                     }

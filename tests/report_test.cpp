@@ -21,13 +21,13 @@ namespace {
 
 // A model directory of crafted files, removed with the object.
 class ModelDir : public TempDir {
-public:
+  public:
     // One row of '<f4' values.
     void write_row(const std::string &name, const std::vector<float> &values) const
     {
-        write(name, npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': (" + std::to_string(values.size()) +
-                                  ",), }",
-                              raw<float>(values)));
+        write(name,
+              npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': (" + std::to_string(values.size()) + ",), }",
+                        raw<float>(values)));
     }
 };
 
@@ -116,17 +116,32 @@ INSTANTIATE_TEST_SUITE_P(
         // 1.0 sets exponent -14: 16384, 8192, 4096 and 0 are exact items.
         FigureCase{"exact items", {1.0f, 0.5f, 0.25f, 0.0f}, MF_QUANTISED, -14, std::nullopt, 0.0, 0.0},
         // -1.0 becomes -16383, one unit of 2^-14 short: SNR = 10 log10(2 / 2^-28).
-        FigureCase{"a negative item one unit off", {1.0f, -1.0f}, MF_QUANTISED, -14, 290.0 * std::log10(2.0),
-                   std::ldexp(1.0, -14), 0.0},
+        FigureCase{"a negative item one unit off",
+                   {1.0f, -1.0f},
+                   MF_QUANTISED,
+                   -14,
+                   290.0 * std::log10(2.0),
+                   std::ldexp(1.0, -14),
+                   0.0},
         // 2^-16 is a quarter unit: item 0; SNR = 10 log10((1 + 2^-32) / 2^-32).
-        FigureCase{"a small value lost", {1.0f, std::ldexp(1.0f, -16)}, MF_QUANTISED, -14,
-                   10.0 * std::log10(std::ldexp(1.0, 32) + 1.0), std::ldexp(1.0, -16), 0.5},
+        FigureCase{"a small value lost",
+                   {1.0f, std::ldexp(1.0f, -16)},
+                   MF_QUANTISED,
+                   -14,
+                   10.0 * std::log10(std::ldexp(1.0, 32) + 1.0),
+                   std::ldexp(1.0, -16),
+                   0.5},
         FigureCase{"all zero", {0.0f, 0.0f}, MF_QUANTISED, 0, std::nullopt, 0.0, 0.0},
         // Six decimals read back to the same floats.
         FigureCase{"float, exact in six decimals", {0.5f, -2.0f, 0.1f}, 0, std::nullopt, std::nullopt, 0.0, 0.0},
         // 1e-7 prints as 0.000000.
-        FigureCase{"float, six decimals lose a value", {0.5f, 1e-7f}, 0, std::nullopt,
-                   10.0 * std::log10((0.25 + k1e7 * k1e7) / (k1e7 * k1e7)), k1e7, 0.5}),
+        FigureCase{"float, six decimals lose a value",
+                   {0.5f, 1e-7f},
+                   0,
+                   std::nullopt,
+                   10.0 * std::log10((0.25 + k1e7 * k1e7) / (k1e7 * k1e7)),
+                   k1e7,
+                   0.5}),
     [](const auto &info) { return test_name(info.param.what); });
 
 // A filter bank compares as a matrix does: [1, -1] is the case above, in
@@ -137,7 +152,7 @@ TEST(Figures, Tensors)
     f->item[0] = 1.0f;
     f->item[1] = -1.0f;
     std::unique_ptr<dl_matrix3dq_t, decltype(&dl_matrix3dq_free)> q(dl_matrixq_from_matrix3d(f.get()),
-                                                                     dl_matrix3dq_free);
+                                                                    dl_matrix3dq_free);
     const auto fixed = analyse_tensor(f.get(), q.get());
     ASSERT_TRUE(fixed);
     EXPECT_EQ(fixed->shape, (std::vector<int>{1, 1, 2, 1}));
@@ -199,10 +214,16 @@ INSTANTIATE_TEST_SUITE_P(
         WarningCase{"outliers", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f}, {}, {"outliers"}},
         WarningCase{"outliers, half only", "w.npy", {1000.0f, 900.0f, 1.0f, 1.0f}, {}, {}},
         WarningCase{"outliers in a float table", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f}, {"-no-quantized"}, {}},
-        WarningCase{"outliers in an -exclude table", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f},
-                    {"-no-quantized", "-exclude", "(w)"}, {"outliers"}},
+        WarningCase{"outliers in an -exclude table",
+                    "w.npy",
+                    {1000.0f, 1.0f, 1.0f, 1.0f},
+                    {"-no-quantized", "-exclude", "(w)"},
+                    {"outliers"}},
         WarningCase{"outliers in a tensor", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f}, {"-3d"}, {"outliers"}},
-        WarningCase{"lists ignored for a tensor", "pop_var.npy", {1.0f}, {"-3d", "-exclude", "(pop_var)"},
+        WarningCase{"lists ignored for a tensor",
+                    "pop_var.npy",
+                    {1.0f},
+                    {"-3d", "-exclude", "(pop_var)"},
                     {"ignored_option", "ignored_option"}}),
     [](const auto &info) { return test_name(info.param.what); });
 
@@ -269,16 +290,20 @@ const char *const kMinSnr = "--min-snr needs a number of dB, as in --min-snr 40\
 
 INSTANTIATE_TEST_SUITE_P(
     Table, ReportOptionsTest,
-    testing::Values(
-        OptionCase{"defaults", {"m"}, "", true},
-        OptionCase{"all_options", {"--json", "m", "-no-quantized", "--min-snr", "-3.5"}, "Not quantizing.\n", true,
-                   true, -3.5, Mode::float_2d},
-        OptionCase{"no_modeldir", {}, kUsage, false},
-        OptionCase{"option_first", {"-no-quantized", "m"}, kUsage, false},
-        OptionCase{"min_snr_last", {"m", "--min-snr"}, kMinSnr, false},
-        OptionCase{"min_snr_with_unit", {"m", "--min-snr", "40dB"}, kMinSnr, false},
-        OptionCase{"min_snr_infinite", {"m", "--min-snr", "inf"}, kMinSnr, false},
-        OptionCase{"kelvane_refuses", {"m", "-in", "-3d"}, "Unrecognized cmdline arg -in\n", false}),
+    testing::Values(OptionCase{"defaults", {"m"}, "", true},
+                    OptionCase{"all_options",
+                               {"--json", "m", "-no-quantized", "--min-snr", "-3.5"},
+                               "Not quantizing.\n",
+                               true,
+                               true,
+                               -3.5,
+                               Mode::float_2d},
+                    OptionCase{"no_modeldir", {}, kUsage, false},
+                    OptionCase{"option_first", {"-no-quantized", "m"}, kUsage, false},
+                    OptionCase{"min_snr_last", {"m", "--min-snr"}, kMinSnr, false},
+                    OptionCase{"min_snr_with_unit", {"m", "--min-snr", "40dB"}, kMinSnr, false},
+                    OptionCase{"min_snr_infinite", {"m", "--min-snr", "inf"}, kMinSnr, false},
+                    OptionCase{"kelvane_refuses", {"m", "-in", "-3d"}, "Unrecognized cmdline arg -in\n", false}),
     [](const auto &info) { return std::string(info.param.label); });
 
 TEST(Status, UnreadableDirectory)

@@ -67,8 +67,8 @@ TEST(TensorRecord, UnholdableShapesFailWithTheMessage)
 {
     const struct {
         int n, w, h, c;
-    } cases[] = {{-1, 2, 2, 2}, {1, -3, 2, 2}, {-1, -1, 1, 1}, {65536, 65536, 1, 1}, {2, 1024, 1024, 1024},
-                 {0, 4, 2, INT32_MAX}};
+    } cases[] = {{-1, 2, 2, 2},        {1, -3, 2, 2},         {-1, -1, 1, 1},
+                 {65536, 65536, 1, 1}, {2, 1024, 1024, 1024}, {0, 4, 2, INT32_MAX}};
     for (const auto &c : cases) {
         testing::internal::CaptureStdout();
         EXPECT_EQ(dl_matrix3d_alloc(c.n, c.w, c.h, c.c), nullptr);
@@ -89,7 +89,8 @@ TEST(TensorRecord, BackToFloatIsExact)
         Tensor f(dl_matrix3d_from_matrixq(q.get()));
         EXPECT_EQ(std::tuple(f->n, f->c), std::tuple(2, 2));
         EXPECT_EQ(std::vector<float>(f->item, f->item + 4),
-                  (std::vector<float>{want, 0.0f, 0.0f, std::ldexp(32767.0f, exponent)})) << exponent;
+                  (std::vector<float>{want, 0.0f, 0.0f, std::ldexp(32767.0f, exponent)}))
+            << exponent;
     }
 }
 
@@ -136,23 +137,28 @@ TEST_P(TensorQuantiseTest, ExponentAndItems)
 
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-INSTANTIATE_TEST_SUITE_P(
-    Peaks, TensorQuantiseTest,
-    testing::Values(ExponentCase{"top_bound_inclusive", {32767.0f, -32767.0f}, 0, {32767, -32766}},
-                    ExponentCase{"low_bound_inclusive", {16383.0f}, 0, {16383}}, ExponentCase{"just_above_top", {32767.5f}, 1, {16384}},
-                    ExponentCase{"just_below_low", {16382.5f}, -1, {32765}}, ExponentCase{"one", {1.0f, -1.0f}, -14, {16384, -16383}},
-                    ExponentCase{"two_and_a_half", {2.5f}, -13, {20480}},
-                    // The peak from the negative side only.
-                    ExponentCase{"negative_side_only", {-3.0f, -1.0f}, -13, {-24575, -8191}},
-                    ExponentCase{"zeros", {0.0f, -0.0f, 0.0f}, 0, {0, 0, 0}},
-                    // Rounding at exponent 0: half a unit added, then toward zero.
-                    ExponentCase{"rounding_at_exponent_0", {20000, 1.2f, 1.5f, -1.2f, -1.5f, -2.5f, 0.49f, -1.49f}, 0, {20000, 1, 2, 0, -1, -2, 0, 0}},
-                    // A NaN takes no part in the range and is stored as 0;
-                    // in first place it keeps the exponent at 0.
-                    ExponentCase{"nan_elsewhere", {1.0f, kNaN}, -14, {16384, 0}}, ExponentCase{"nan_first", {kNaN, 3.7f, -3.7f, 1e10f}, 0, {0, 4, -3, 0}},
-                    // An infinite peak has no exponent: the search stops, items are 0.
-                    ExponentCase{"infinite_peak", {INFINITY, 1.0f}, 128, {0, 0}}),
-    CaseName());
+INSTANTIATE_TEST_SUITE_P(Peaks, TensorQuantiseTest,
+                         testing::Values(ExponentCase{"top_bound_inclusive", {32767.0f, -32767.0f}, 0, {32767, -32766}},
+                                         ExponentCase{"low_bound_inclusive", {16383.0f}, 0, {16383}},
+                                         ExponentCase{"just_above_top", {32767.5f}, 1, {16384}},
+                                         ExponentCase{"just_below_low", {16382.5f}, -1, {32765}},
+                                         ExponentCase{"one", {1.0f, -1.0f}, -14, {16384, -16383}},
+                                         ExponentCase{"two_and_a_half", {2.5f}, -13, {20480}},
+                                         // The peak from the negative side only.
+                                         ExponentCase{"negative_side_only", {-3.0f, -1.0f}, -13, {-24575, -8191}},
+                                         ExponentCase{"zeros", {0.0f, -0.0f, 0.0f}, 0, {0, 0, 0}},
+                                         // Rounding at exponent 0: half a unit added, then toward zero.
+                                         ExponentCase{"rounding_at_exponent_0",
+                                                      {20000, 1.2f, 1.5f, -1.2f, -1.5f, -2.5f, 0.49f, -1.49f},
+                                                      0,
+                                                      {20000, 1, 2, 0, -1, -2, 0, 0}},
+                                         // A NaN takes no part in the range and is stored as 0;
+                                         // in first place it keeps the exponent at 0.
+                                         ExponentCase{"nan_elsewhere", {1.0f, kNaN}, -14, {16384, 0}},
+                                         ExponentCase{"nan_first", {kNaN, 3.7f, -3.7f, 1e10f}, 0, {0, 4, -3, 0}},
+                                         // An infinite peak has no exponent: the search stops, items are 0.
+                                         ExponentCase{"infinite_peak", {INFINITY, 1.0f}, 128, {0, 0}}),
+                         CaseName());
 
 TEST(TensorQuantise, OneExponentForAllFiltersAndEmpty)
 {
@@ -175,17 +181,21 @@ TEST(TensorQuantiseQmf, ClipLimitsAndRounding)
         int exponent;
         double high, low;
     } cases[] = {
-        {0, 32767, -32768}, {-8, 128 - 1.0 / 256, -128}, {-15, 1 - 1.0 / 32768, -1}, {-20, 1.0 / 32 - std::ldexp(1, -20), -1.0 / 32},
+        {0, 32767, -32768},
+        {-8, 128 - 1.0 / 256, -128},
+        {-15, 1 - 1.0 / 32768, -1},
+        {-20, 1.0 / 32 - std::ldexp(1, -20), -1.0 / 32},
         {-30, std::ldexp(1, -15) - std::ldexp(1, -30), -std::ldexp(1, -15)},
     };
     for (const auto &c : cases) {
         const float high = static_cast<float>(c.high), low = static_cast<float>(c.low);
         const float above = std::nextafter(high, INFINITY), below = std::nextafter(low, -INFINITY);
-        TensorQ q(dl_matrixq_from_matrix3d_qmf(tensor({high, above, 1e30f, INFINITY, low, below, -INFINITY, kNaN}).get(),
-                                               c.exponent));
+        TensorQ q(dl_matrixq_from_matrix3d_qmf(
+            tensor({high, above, 1e30f, INFINITY, low, below, -INFINITY, kNaN}).get(), c.exponent));
         EXPECT_EQ(q->exponent, c.exponent);
         EXPECT_EQ(std::vector<int>(q->item, q->item + 8),
-                  (std::vector<int>{32767, 32767, 32767, 32767, -32767, -32767, -32767, 0})) << c.exponent;
+                  (std::vector<int>{32767, 32767, 32767, 32767, -32767, -32767, -32767, 0}))
+            << c.exponent;
     }
     TensorQ q(dl_matrixq_from_matrix3d_qmf(tensor({1.2f, 1.5f, -1.2f, -1.5f, 0.75f, -0.75f}).get(), 0));
     EXPECT_EQ(std::vector<int>(q->item, q->item + 6), (std::vector<int>{1, 2, 0, -1, 1, 0}));
@@ -195,7 +205,8 @@ TEST(TensorQuantiseQmf, ClipLimitsAndRounding)
 
 TEST(TensorDeathTest, QmfExponentAboveZero)
 {
-    EXPECT_DEATH(dl_matrixq_from_matrix3d_qmf(tensor({1.0f}).get(), 1), "tensor.cpp:[0-9]+: .*: Assertion `exponent<=0'");
+    EXPECT_DEATH(dl_matrixq_from_matrix3d_qmf(tensor({1.0f}).get(), 1),
+                 "tensor.cpp:[0-9]+: .*: Assertion `exponent<=0'");
 }
 
 TEST(TensorDeathTest, QmfExponentBelowMinus30)

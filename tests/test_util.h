@@ -75,7 +75,7 @@ inline std::string with_path(std::string text, const std::string &path)
 // A temporary directory of the test's files, removed with its contents
 // when the object goes.
 class TempDir {
-public:
+  public:
     TempDir()
     {
         char dir[] = "/tmp/dl_lib_test_XXXXXX";
@@ -99,27 +99,27 @@ public:
         return file;
     }
 
-private:
+  private:
     std::string path_;
 };
 
 // One file in a temporary directory of its own.
 class TempFile {
-public:
+  public:
     explicit TempFile(const std::string &contents, const std::string &name = "t.npy")
         : path_(dir_.write(name, contents))
     {
     }
     const char *path() const { return path_.c_str(); }
 
-private:
+  private:
     TempDir dir_;
     std::string path_;
 };
 
 // The contents of a memory stream that a test writes through a FILE*.
 class MemStream {
-public:
+  public:
     MemStream() : f_(open_memstream(&buf_, &size_)) {}
     ~MemStream()
     {
@@ -133,7 +133,7 @@ public:
         return std::string(buf_, size_);
     }
 
-private:
+  private:
     char *buf_ = nullptr;
     size_t size_ = 0;
     FILE *f_;

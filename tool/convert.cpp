@@ -29,7 +29,7 @@ struct converted_matrix_t {
 // the same directory and renames it into place only when the whole run
 // succeeded, so a failed or interrupted run leaves the previous file.
 class Output {
-public:
+  public:
     explicit Output(std::string path) : path_(std::move(path)) {}
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
@@ -77,7 +77,7 @@ public:
         return ok;
     }
 
-private:
+  private:
     std::string path_;
     std::string temp_;
     FILE *f_ = nullptr;
@@ -86,7 +86,7 @@ private:
 // One run's state: the settings, the source being written and the names
 // converted so far, in sorted order (the lookups list them newest first).
 class Converter {
-public:
+  public:
     Converter(const Settings &s, FILE *cfile) : s_(s), cfile_(cfile) {}
 
     // Runs one directory entry through the pipeline; false means stop with
@@ -102,7 +102,7 @@ public:
 
     std::vector<Finding> findings;  // what -strict refuses
 
-private:
+  private:
     template <class Record>
     bool convert_file(const ModelEntry &e, const char *entry_name, Record *(*load)(const char *, dl::npy::Diagnostic *),
                       void (*release)(Record *));
@@ -236,8 +236,8 @@ bool Converter::entry(const char *entry_name)
         if (!problem.empty()) findings.push_back({entry_name, problem});
         const std::string owner = names_.add(e.name, entry_name);
         if (!owner.empty())
-            findings.push_back({entry_name, "its name " + e.name + " clashes with that of " + owner +
-                                                " in the generated source"});
+            findings.push_back(
+                {entry_name, "its name " + e.name + " clashes with that of " + owner + " in the generated source"});
     }
 
     switch (s_.mode()) {
@@ -295,7 +295,8 @@ void Converter::write_tail()
     const bool all_quantised = s_.mode() == Mode::quantised_2d;
     write_lookup(head, all_quantised);
     const bool second = s_.float_flag && s_.exclude_flag;
-    if (second) write_lookup("static const dl_matrix2dq_t *get_coeff_q(const char *name, void *arg, int hint) {\n", true);
+    if (second)
+        write_lookup("static const dl_matrix2dq_t *get_coeff_q(const char *name, void *arg, int hint) {\n", true);
     fputs("static const model_info_t *get_info(void *arg) {\n", cfile_);
     fputs("\treturn &model_info;\n", cfile_);
     fputs("}\n", cfile_);

@@ -125,7 +125,8 @@ std::optional<ModelInfo> read_model_info(const char *path, ModelInfoError &error
             if (field.size() == 1 && field[0] >= '1' && field[0] <= '9') {
                 info.windows[(n - 4) / 4] = field[0] - '0';
             } else {
-                info.warnings.push_back("WARNING: Could not parse string " + field + ", should be 1~9, set to default 3");
+                info.warnings.push_back("WARNING: Could not parse string " + field +
+                                        ", should be 1~9, set to default 3");
                 info.windows[(n - 4) / 4] = 3;
                 if (problems) problems->push_back("window " + field + " is not one digit from 1 to 9");
             }

@@ -30,17 +30,16 @@ constexpr std::string_view kReserved[] = {
     "_Generic", "_Imaginary", "_Noreturn", "_Pragma", "_Static_assert", "_Thread_local", "alignas", "alignof", "auto",
     "bool", "break", "case", "char", "const", "constexpr", "continue", "default", "do", "double", "else", "enum",
     "extern", "false", "float", "for", "goto", "i386", "if", "inline", "int", "linux", "long", "nullptr", "register",
-    "restrict", "return", "short", "signed", "sizeof", "static", "static_assert", "struct", "switch",
-    "thread_local", "true", "typedef", "typeof", "typeof_unqual", "union", "unix", "unsigned", "void", "volatile",
-    "while",
+    "restrict", "return", "short", "signed", "sizeof", "static", "static_assert", "struct", "switch", "thread_local",
+    "true", "typedef", "typeof", "typeof_unqual", "union", "unix", "unsigned", "void", "volatile", "while",
     // string.h and strings.h, with their POSIX and GNU extensions.
     "basename", "bcmp", "bcopy", "bzero", "explicit_bzero", "ffs", "ffsl", "ffsll", "index", "memccpy", "memchr",
     "memcmp", "memcpy", "memfrob", "memmem", "memmove", "mempcpy", "memrchr", "memset", "rawmemchr", "rindex",
-    "sigabbrev_np", "sigdescr_np", "stpcpy", "stpncpy", "strcasecmp", "strcasecmp_l", "strcasestr", "strcat",
-    "strchr", "strchrnul", "strcmp", "strcoll", "strcoll_l", "strcpy", "strcspn", "strdup", "strdupa", "strerror",
-    "strerror_l", "strerror_r", "strerrordesc_np", "strerrorname_np", "strfry", "strlcat", "strlcpy", "strlen",
-    "strncasecmp", "strncasecmp_l", "strncat", "strncmp", "strncpy", "strndup", "strndupa", "strnlen", "strpbrk",
-    "strrchr", "strsep", "strsignal", "strspn", "strstr", "strtok", "strtok_r", "strverscmp", "strxfrm", "strxfrm_l",
+    "sigabbrev_np", "sigdescr_np", "stpcpy", "stpncpy", "strcasecmp", "strcasecmp_l", "strcasestr", "strcat", "strchr",
+    "strchrnul", "strcmp", "strcoll", "strcoll_l", "strcpy", "strcspn", "strdup", "strdupa", "strerror", "strerror_l",
+    "strerror_r", "strerrordesc_np", "strerrorname_np", "strfry", "strlcat", "strlcpy", "strlen", "strncasecmp",
+    "strncasecmp_l", "strncat", "strncmp", "strncpy", "strndup", "strndupa", "strnlen", "strpbrk", "strrchr", "strsep",
+    "strsignal", "strspn", "strstr", "strtok", "strtok_r", "strverscmp", "strxfrm", "strxfrm_l",
     // stddef.h, and the library's names without its prefix.
     "fast_exp", "matrix3d_get_range", "matrix_get_range", "offsetof"};
 
@@ -60,8 +59,7 @@ bool is_reserved(const std::string &name)
     // The implementation's names; the generated lookup's own prefix; the
     // library's prefixes; the _t types of the headers; the limit macros of
     // stdint.h (INT8_MAX, UINT64_C, SIZE_WIDTH, ...).
-    if (starts_with(name, "__") || (name.size() > 1 && name[0] == '_' && name[1] >= 'A' && name[1] <= 'Z'))
-        return true;
+    if (starts_with(name, "__") || (name.size() > 1 && name[0] == '_' && name[1] >= 'A' && name[1] <= 'Z')) return true;
     if (starts_with(name, "get_coeff_") || starts_with(name, "dl_") || starts_with(name, "DL_")) return true;
     if (ends_with(name, "_t")) return true;
     for (std::string_view suffix : {"_MAX", "_MIN", "_C", "_WIDTH"})

@@ -29,12 +29,12 @@ std::string name_problem(const std::string &name);
 // The identifiers the generated source declares for each table, so that two
 // files whose tables would share one are found before anything is written.
 class NameTable {
-public:
+  public:
     // Records the identifiers of the table called name, from file; returns
     // the file that already declared one of them, or "".
     std::string add(const std::string &name, const std::string &file);
 
-private:
+  private:
     std::map<std::string, std::string> owner_;  // identifier -> file
 };
 

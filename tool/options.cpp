@@ -21,9 +21,10 @@ static void print_usage(const char *prog, FILE *out)
     fprintf(out, "Usage: %s modeldir cfile hfile name [opts]\n", prog);
     fputs("Opts:\n", out);
     fputs("-no-quantized: use only floats\n", out);
-    fputs("-bnmatrices name1,name2,name3,...: Names of the batch-normalize matrices. These will be converted into "
-          "pre-calculated intermediates. Default: pop_var\n",
-          out);
+    fputs(
+        "-bnmatrices name1,name2,name3,...: Names of the batch-normalize matrices. These will be converted into "
+        "pre-calculated intermediates. Default: pop_var\n",
+        out);
 }
 
 int parse_mode_option(int argc, const char *const *argv, int i, Settings &s, FILE *out)

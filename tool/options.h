@@ -13,11 +13,11 @@ enum class Mode { quantised_2d, float_2d, quantised_tensor, float_tensor, input_
 
 struct Settings {
     std::string modeldir, cfile, hfile, name;
-    bool float_flag = false;    // -no-quantized
-    bool tensor_flag = false;   // -3d
-    bool input_flag = false;    // -in, after -3d
-    bool exclude_flag = false;  // -exclude (...)
-    std::string exclude_list;   // names to quantise in a float mode, comma-separated
+    bool float_flag = false;     // -no-quantized
+    bool tensor_flag = false;    // -3d
+    bool input_flag = false;     // -in, after -3d
+    bool exclude_flag = false;   // -exclude (...)
+    std::string exclude_list;    // names to quantise in a float mode, comma-separated
     bool exclude_closed = true;  // the -exclude argument ended in ')'
     std::string bnmatrices = "pop_var";
     bool bnmatrices_given = false;  // -bnmatrices on the command line

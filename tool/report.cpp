@@ -97,7 +97,7 @@ bool analyse_file(const Settings &s, const ModelEntry &e, const std::string &fil
     }
     case Mode::input_tensor: {
         std::unique_ptr<dl_matrix3du_t, decltype(&dl_matrix3du_free)> t(dl::npy::load_input(path, &d),
-                                                                         dl_matrix3du_free);
+                                                                        dl_matrix3du_free);
         if (!t) return refused();
         row = analyse_input(t.get());
         break;
@@ -198,11 +198,12 @@ bool parse_db(const char *text, double &db)
 void print_usage(const char *prog, FILE *err)
 {
     fprintf(err, "Usage: %s modeldir [--json] [--min-snr DB] [kelvane's options]\n", prog);
-    fputs("Reports what quantisation costs each table that kelvane would write from modeldir with these\n"
-          "options (-no-quantized, -exclude (a,b), -bnmatrices v1,v2, -3d, -in). Writes no file.\n"
-          "--json: the report as JSON\n"
-          "--min-snr DB: exit status 1 when a table's signal-to-noise ratio lies below DB\n",
-          err);
+    fputs(
+        "Reports what quantisation costs each table that kelvane would write from modeldir with these\n"
+        "options (-no-quantized, -exclude (a,b), -bnmatrices v1,v2, -3d, -in). Writes no file.\n"
+        "--json: the report as JSON\n"
+        "--min-snr DB: exit status 1 when a table's signal-to-noise ratio lies below DB\n",
+        err);
 }
 
 }  // namespace
@@ -333,7 +334,8 @@ bool analyse_model(const Settings &s, ModelReport &r, FILE *err)
         return false;
     }
     if (s.exclude_flag && !s.exclude_closed)
-        r.strict_findings.push_back({"", "the -exclude list has no closing parenthesis: its last character is dropped"});
+        r.strict_findings.push_back(
+            {"", "the -exclude list has no closing parenthesis: its last character is dropped"});
     NameTable names;
     std::vector<std::string> converted;
     for (const std::string &file : entries) {

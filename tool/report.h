@@ -79,12 +79,12 @@ struct SkippedEntry {
 struct ModelReport {
     std::string modeldir;
     Mode mode = Mode::quantised_2d;
-    bool exclude = false;                    // -exclude in force in float mode
-    std::vector<TableRow> tables;            // in kelvane's order
-    std::vector<SkippedEntry> skipped;       // entries kelvane leaves out
-    std::optional<std::string> model_info;   // _MODEL_INFO_, when present
-    std::optional<std::string> info_error;   // why kelvane would stop on it
-    std::vector<Finding> strict_findings;    // what kelvane -strict would refuse
+    bool exclude = false;                   // -exclude in force in float mode
+    std::vector<TableRow> tables;           // in kelvane's order
+    std::vector<SkippedEntry> skipped;      // entries kelvane leaves out
+    std::optional<std::string> model_info;  // _MODEL_INFO_, when present
+    std::optional<std::string> info_error;  // why kelvane would stop on it
+    std::vector<Finding> strict_findings;   // what kelvane -strict would refuse
 
     int64_t flash_bytes() const;
     // The table with the lowest SNR; null when every table is exact.

@@ -144,8 +144,7 @@ void print_report_text(const ModelReport &r, const std::optional<double> &min_sn
         rows.push_back({t.name, shape_text(t.shape), kind_text(t.kind) + std::string(t.batch_norm ? ", bn" : ""),
                         t.exponent ? std::to_string(*t.exponent) : "-", t.bits ? std::to_string(*t.bits) : "-",
                         t.compared ? snr_text(t.cmp) : "-", t.compared ? format("%.3g", t.cmp.max_abs_error) : "-",
-                        t.compared ? share_text(t.cmp) : "-",
-                        std::to_string(t.bytes), warnings});
+                        t.compared ? share_text(t.cmp) : "-", std::to_string(t.bytes), warnings});
     }
     print_table(out, rows, {false, false, false, true, true, true, true, true, true, false});
 
@@ -206,8 +205,8 @@ void print_report_json(const ModelReport &r, const std::optional<double> &min_sn
                                  {"bytes", static_cast<long long>(t.bytes)},
                                  {"warnings", warnings}});
     }
-    doc["model_info"] = r.model_info ? Json{{"file", *r.model_info}, {"error", json_optional(r.info_error)}}
-                                     : Json(nullptr);
+    doc["model_info"] =
+        r.model_info ? Json{{"file", *r.model_info}, {"error", json_optional(r.info_error)}} : Json(nullptr);
     doc["skipped"] = Json::array();
     for (const SkippedEntry &s : r.skipped) doc["skipped"].push_back({{"file", s.file}, {"reason", s.reason}});
     doc["strict_findings"] = Json::array();

@@ -99,10 +99,11 @@ std::string join(const std::vector<long long> &shape)
 void check_settings(const Settings &s, std::vector<Finding> &findings)
 {
     if (!is_c_identifier(s.name))
-        findings.push_back({"", "the model name " + s.name + " is not a C identifier (it makes get_coeff_" + s.name + ")"});
+        findings.push_back(
+            {"", "the model name " + s.name + " is not a C identifier (it makes get_coeff_" + s.name + ")"});
     else if (std::filesystem::path(s.hfile).filename() != s.name + ".h")
-        findings.push_back({"", "the header " + s.hfile + " is not named " + s.name +
-                                    ".h, which the generated source includes"});
+        findings.push_back(
+            {"", "the header " + s.hfile + " is not named " + s.name + ".h, which the generated source includes"});
     if (same_file(s.cfile, s.hfile)) findings.push_back({"", "the source and the header are the same file " + s.cfile});
     if (s.exclude_flag && !s.exclude_closed)
         findings.push_back({"", "the -exclude list has no closing parenthesis: its last character is dropped"});
@@ -116,8 +117,9 @@ void check_npy_header(const Settings &s, const std::string &file, const std::str
     if (!dl::npy::open(path.c_str(), f, &d)) return;  // the loader reports it
     auto refuse = [&](const std::string &why) { findings.push_back({file, why}); };
     if (strstr(f.header, "'fortran_order': True")) {
-        refuse("it is stored in Fortran (column-major) order, which is read as C order; save "
-               "numpy.ascontiguousarray(a)");
+        refuse(
+            "it is stored in Fortran (column-major) order, which is read as C order; save "
+            "numpy.ascontiguousarray(a)");
         return;
     }
     const bool input = s.mode() == Mode::input_tensor;
@@ -176,7 +178,8 @@ void check_lists(const Settings &s, const std::vector<std::string> &converted, s
     auto unmatched = [&](const std::string &list, const char *option) {
         for (const std::string &item : list_items(list))
             if (std::find(converted.begin(), converted.end(), item) == converted.end())
-                findings.push_back({"", std::string(option) + " names " + item + ", which no file of the directory is"});
+                findings.push_back(
+                    {"", std::string(option) + " names " + item + ", which no file of the directory is"});
     };
     if (s.exclude_flag) unmatched(s.exclude_list, "-exclude");
     if (s.bnmatrices_given) unmatched(s.bnmatrices, "-bnmatrices");

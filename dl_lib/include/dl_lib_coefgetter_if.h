@@ -23,11 +23,11 @@ extern "C" {
 
 /* Wake words of a speech model, from the model directory's _MODEL_INFO_. */
 typedef struct {
-    int word_num;          /* number of wake words */
-    char **word_list;      /* word_num words */
-    int *win_list;         /* detection window of each word, 1 to 9 */
-    fptp_t *thresh_list;   /* two thresholds per word: [2*i] and [2*i+1] */
-    const char *info_str;  /* the whole line the information was read from */
+    int word_num;         /* number of wake words */
+    char **word_list;     /* word_num words */
+    int *win_list;        /* detection window of each word, 1 to 9 */
+    fptp_t *thresh_list;  /* two thresholds per word: [2*i] and [2*i+1] */
+    const char *info_str; /* the whole line the information was read from */
 } model_info_t;
 
 typedef struct {

@@ -14,9 +14,9 @@
 extern "C" {
 #endif
 
-typedef float fptp_t;   /* 32-bit float element */
-typedef int16_t qtp_t;  /* 16-bit fixed-point item; value = item * 2^exponent */
-typedef uint8_t uc_t;   /* 8-bit input element */
+typedef float fptp_t;  /* 32-bit float element */
+typedef int16_t qtp_t; /* 16-bit fixed-point item; value = item * 2^exponent */
+typedef uint8_t uc_t;  /* 8-bit input element */
 
 /* Bit 0 of a matrix's flags: the record does not own its items. Views and
  * generated tables carry it; their free function leaves the items alone. */

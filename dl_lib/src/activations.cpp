@@ -10,9 +10,8 @@ constexpr fptp_t kSigmoidStepsize = 0.5f;
 
 // The sigmoid at x = 0.5 * i. These are the model's constants, not the exact
 // function: they differ from it in the fourth decimal, and the last is 1.0.
-constexpr fptp_t kSigmoidSteps[16] = {0.5f,     0.62256f, 0.73096f, 0.81738f, 0.88086f, 0.92432f,
-                                      0.95264f, 0.9707f,  0.98193f, 0.98877f, 0.99316f, 0.99609f,
-                                      0.99756f, 0.99854f, 0.99902f, 1.0f};
+constexpr fptp_t kSigmoidSteps[16] = {0.5f,     0.62256f, 0.73096f, 0.81738f, 0.88086f, 0.92432f, 0.95264f, 0.9707f,
+                                      0.98193f, 0.98877f, 0.99316f, 0.99609f, 0.99756f, 0.99854f, 0.99902f, 1.0f};
 
 // Every item of in through op into the same place of out, row by row.
 template <class Op>
@@ -219,4 +218,3 @@ void dl_softmax_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
         }
     }
 }
-

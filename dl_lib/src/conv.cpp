@@ -38,8 +38,7 @@ struct ConvGeometry {
     dl::ConvAxis x, y;
 };
 
-ConvGeometry conv_geometry(const dl_matrix2d_t *in, int filter_w, int filter_h, int stride_x, int stride_y,
-                           int padding)
+ConvGeometry conv_geometry(const dl_matrix2d_t *in, int filter_w, int filter_h, int stride_x, int stride_y, int padding)
 {
     DL_ASSERT(stride_x >= 1);
     DL_ASSERT(stride_y >= 1);

@@ -60,4 +60,3 @@ void dl_batch_normalize_q(dl_matrix2dq_t *m, const dl_matrix2dq_t *offset, const
     dl_matrixq_mul(m, scale, m);
     dl_matrixq_add(m, offset, m, 1);
 }
-

@@ -44,10 +44,7 @@ inline int32_t trunc_i32(double v)
 }
 
 /* The low 16 bits of a 32-bit integer, as a signed item (two's complement). */
-inline qtp_t low16(int32_t v)
-{
-    return static_cast<qtp_t>(static_cast<uint16_t>(static_cast<uint32_t>(v)));
-}
+inline qtp_t low16(int32_t v) { return static_cast<qtp_t>(static_cast<uint16_t>(static_cast<uint32_t>(v))); }
 
 inline int32_t saturate(int64_t v)
 {
@@ -111,8 +108,7 @@ inline int64_t tensor_element_count(int n, int w, int h, int c)
 
 }  // namespace dl
 
-#define DL_ASSERT(cond) \
-    ((cond) ? static_cast<void>(0) : ::dl::assert_fail(#cond, __FILE__, __LINE__, __func__))
+#define DL_ASSERT(cond) ((cond) ? static_cast<void>(0) : ::dl::assert_fail(#cond, __FILE__, __LINE__, __func__))
 
 /* A temporary that a layer or conversion cannot do without: when memory ran
  * out, stops with "Assertion `out of memory: <name>' failed." */

@@ -51,8 +51,8 @@ void dl_matrix_zero(dl_matrix2d_t *m)
 int dl_matrix_same_shape(const dl_matrix2d_t *a, const dl_matrix2d_t *b)
 {
     if (a->w == b->w && a->h == b->h) return 1;
-    fprintf(stderr, "dl_matrix_same_shape: Matrices not the same shape! a: %d x %d, b: %d x %d\n", a->w, a->h,
-            b->w, b->h);
+    fprintf(stderr, "dl_matrix_same_shape: Matrices not the same shape! a: %d x %d, b: %d x %d\n", a->w, a->h, b->w,
+            b->h);
     return 0;
 }
 

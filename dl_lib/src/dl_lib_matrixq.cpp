@@ -46,8 +46,8 @@ void dl_matrixq_zero(dl_matrix2dq_t *m)
 int dl_matrixq_same_shape(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b)
 {
     if (a->w == b->w && a->h == b->h) return 1;
-    fprintf(stderr, "dl_matrix_same_shape: Matrices not the same shape! a: %d x %d, b: %d x %d\n", a->w, a->h,
-            b->w, b->h);
+    fprintf(stderr, "dl_matrix_same_shape: Matrices not the same shape! a: %d x %d, b: %d x %d\n", a->w, a->h, b->w,
+            b->h);
     return 0;
 }
 
@@ -68,7 +68,6 @@ void matrix_get_range(const dl_matrix2d_t *m, fptp_t *min, fptp_t *max)
     *min = lo;
     *max = hi;
 }
-
 
 dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t *out)
 {

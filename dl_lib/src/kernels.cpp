@@ -54,9 +54,7 @@ Isa detected_isa()
     static std::atomic<int> cached{-1};
     int best = cached.load(std::memory_order_relaxed);
     if (best < 0) {
-        best = static_cast<int>(isa_usable(Isa::avx512) ? Isa::avx512
-                                : isa_usable(Isa::avx2) ? Isa::avx2
-                                                        : Isa::none);
+        best = static_cast<int>(isa_usable(Isa::avx512) ? Isa::avx512 : isa_usable(Isa::avx2) ? Isa::avx2 : Isa::none);
         cached.store(best, std::memory_order_relaxed);
     }
     return static_cast<Isa>(best);

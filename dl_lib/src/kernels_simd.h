@@ -217,7 +217,7 @@ void q_tile(const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *
 
 template <class V, int MY, int NX = V::kQTileCols>
 void q_tile_nx(int nx, const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *b, int x0, int y0, int K,
-                const QDotOut &out)
+               const QDotOut &out)
 {
     if constexpr (NX > 1) {
         if (nx < NX) return q_tile_nx<V, MY, NX - 1>(nx, lo, hi, kp, b, x0, y0, K, out);

@@ -14,8 +14,7 @@ struct Gates {
 
 // The float cell after the product: out_data holds the four quarters of
 // [in, state_h] x weight. The slices are freed here; out_data is not.
-void float_lstm_cell(dl_matrix2d_t *out_data, const dl_matrix2d_t *bias, dl_matrix2d_t *state_c,
-                     dl_matrix2d_t *state_h)
+void float_lstm_cell(dl_matrix2d_t *out_data, const dl_matrix2d_t *bias, dl_matrix2d_t *state_c, dl_matrix2d_t *state_h)
 {
     if (bias) dl_matrix_add(out_data, bias, out_data);
     const int q = out_data->w / 4;
@@ -105,7 +104,7 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
     dl_tanh_q(gate.g, gate.g);
     dl_matrixq_mul(state_c, gate.f, state_c);  // e_c - 15 + 16
     dl_matrixq_check_sanity(state_c, "lstm state_c after mul");
-    dl_matrixq_mul(gate.i, gate.g, gate.i);  // -14
+    dl_matrixq_mul(gate.i, gate.g, gate.i);       // -14
     dl_matrixq_add(state_c, gate.i, state_c, 1);  // max(e_c + 1, -14)
     dl_matrixq_check_sanity(state_c, "lstm state_c after add");
     dl_tanh_q(state_c, gate.i);  // -15
@@ -125,4 +124,3 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
     dl_matrixq_free(out_data);
     return state_h;
 }
-

@@ -386,9 +386,9 @@ dl_matrix3d_t *npy::load_filter_bank(const char *path, Diagnostic *d)
         }
         if (count * static_cast<int64_t>(sizeof(fptp_t)) > file.file_bytes) {
             fail(d, path, "short file! (ends at row %d/%d), num: %d", static_cast<int>(avail / h), w,
-                    static_cast<int>(avail % h));
-            fail(d, path, "%lld of %lld elements missing, not loading",
-                    static_cast<long long>(count - avail), static_cast<long long>(count));
+                 static_cast<int>(avail % h));
+            fail(d, path, "%lld of %lld elements missing, not loading", static_cast<long long>(count - avail),
+                 static_cast<long long>(count));
             return nullptr;
         }
     }
@@ -413,7 +413,8 @@ dl_matrix3d_t *npy::load_filter_bank(const char *path, Diagnostic *d)
                 fail(d, path, "short file! (ends at row %d/%d), num: %d", r, w, static_cast<int>(got));
                 continue;
             }
-            for (int col = 0; col < h; col++) t->item[r + static_cast<int64_t>(w) * col] = npy::to_float(buf, type, col);
+            for (int col = 0; col < h; col++)
+                t->item[r + static_cast<int64_t>(w) * col] = npy::to_float(buf, type, col);
         }
     } else {
         // One read per position fetches it for all filters; each filter is

@@ -47,7 +47,6 @@ int64_t element_count(const Tensor *t)
     return count > 0 ? count : 0;
 }
 
-
 }  // namespace
 
 dl_matrix3d_t *dl_matrix3d_alloc(int n, int w, int h, int c)

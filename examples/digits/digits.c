@@ -31,11 +31,11 @@
 #include "lstm_q.h"
 #include "lstm_qw.h"
 
-#define SIDE 8 /* images are SIDE x SIDE pixels, 0 to 1 */
+#define SIDE    8 /* images are SIDE x SIDE pixels, 0 to 1 */
 #define CLASSES 10
 
 #define MIN_FLOAT_AGREEMENT 98.0
-#define MAX_QUANTISED_LOSS 3.0
+#define MAX_QUANTISED_LOSS  3.0
 
 /* Every table a variant needs, fetched once by name; a missing one is fatal. */
 static const dl_matrix2d_t *need_f(const model_coeff_getter_t *model, const char *name)
@@ -332,8 +332,7 @@ int main(int argc, char **argv)
         struct run *run = &runs[r];
         const dl_matrix2d_t *torch = strcmp(run->network, "lstm") == 0 ? torch_lstm : torch_conv;
         if (r % 3 == 0) {
-            printf("%-8s %-18s %7.1f %% %14s %15s\n", run->network, "PyTorch", 100.0 * torch_right[r / 3] / n, "",
-                   "");
+            printf("%-8s %-18s %7.1f %% %14s %15s\n", run->network, "PyTorch", 100.0 * torch_right[r / 3] / n, "", "");
         }
         int right = 0, agree = 0;
         double start = seconds();
@@ -364,8 +363,8 @@ int main(int argc, char **argv)
                 failed = 1;
             }
             if (run != base && run->accuracy < base->accuracy - MAX_QUANTISED_LOSS) {
-                printf("FAIL %s %s: accuracy %.1f %% is more than %.1f points below float (%.1f %%)\n",
-                       run->network, run->variant, run->accuracy, MAX_QUANTISED_LOSS, base->accuracy);
+                printf("FAIL %s %s: accuracy %.1f %% is more than %.1f points below float (%.1f %%)\n", run->network,
+                       run->variant, run->accuracy, MAX_QUANTISED_LOSS, base->accuracy);
                 failed = 1;
             }
         }

@@ -35,7 +35,8 @@ static void print_matrixq(const char *run, const char *name, const dl_matrix2dq_
     printf("  %s %s %dx%d exponent %d\n", run, name, m->h, m->w, m->exponent);
     for (int y = 0; y < m->h; y++)
         for (int x = 0; x < m->w; x++)
-            printf("%s%d%s", x % 8 ? " " : "    ", m->itemq[y + m->stride * x], x % 8 == 7 || x == m->w - 1 ? "\n" : "");
+            printf("%s%d%s", x % 8 ? " " : "    ", m->itemq[y + m->stride * x],
+                   x % 8 == 7 || x == m->w - 1 ? "\n" : "");
 }
 
 int main(void)

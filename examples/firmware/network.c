@@ -130,8 +130,9 @@ static int lstm_float(const fptp_t *image, int v)
     for (int t = 0; t < NETWORK_SIDE; t++) {
         dl_matrix2d_t row = view(image + NETWORK_SIDE * t, NETWORK_SIDE, 1);
         if (v == 0) MEASURED("lstm float: lstm step", dl_basic_lstm_layer(&row, c, h, lstm.w, lstm.b));
-        else MEASURED("lstm quantised-weights: lstm step",
-                      dl_basic_lstm_layer_quantised_weights(&row, c, h, lstm.qw_w, lstm.qw_b));
+        else
+            MEASURED("lstm quantised-weights: lstm step",
+                     dl_basic_lstm_layer_quantised_weights(&row, c, h, lstm.qw_w, lstm.qw_b));
     }
     if (v == 0) {
         dl_fully_connect_layer(h, lstm.fc_w, lstm.fc_b, scores);
@@ -167,8 +168,7 @@ static int lstm_fixed(const fptp_t *image)
 /* ---- Convolution network: convolution, relu, fully connected, batch
  * normalisation, relu, fully connected. ---- */
 
-#define CONV_GEOMETRY \
-    CONV_FILTER_W, CONV_FILTER_H, CONV_OUT_CHANNELS, CONV_STRIDE_X, CONV_STRIDE_Y, CONV_PADDING
+#define CONV_GEOMETRY CONV_FILTER_W, CONV_FILTER_H, CONV_OUT_CHANNELS, CONV_STRIDE_X, CONV_STRIDE_Y, CONV_PADDING
 
 static struct {
     /* float, and the float tables of the quantised-weights pair */
@@ -241,8 +241,7 @@ static int conv_float(const fptp_t *image)
     MEASURED("conv float: conv", dl_basic_conv_layer(&whole, conv.conv_w, conv.conv_b[0], CONV_GEOMETRY, features));
     dl_relu(features, RELU_CLIP, features);
     MEASURED("conv float: fc1", dl_fully_connect_layer(features, conv.fc1_w, conv.fc1_b[0], hidden));
-    MEASURED("conv float: bn",
-             dl_batch_normalize(hidden, conv.offset[0], conv.scale[0], conv.mean[0], conv.root[0]));
+    MEASURED("conv float: bn", dl_batch_normalize(hidden, conv.offset[0], conv.scale[0], conv.mean[0], conv.root[0]));
     dl_relu(hidden, RELU_CLIP, hidden);
     dl_fully_connect_layer(hidden, conv.fc2_w, conv.fc2_b[0], scores);
     dl_softmax(scores, conv.probs[0]);
@@ -276,8 +275,8 @@ static int conv_fixed(const fptp_t *image)
     dl_matrixq_from_matrix2d(features, conv.q_features);
     MEASURED("conv fixed: fc1",
              dl_fully_connect_layer_q(conv.q_features, conv.q_fc1_w, conv.q_fc1_b, conv.q_hidden, FC1_SHIFT));
-    MEASURED("conv fixed: bn", dl_batch_normalize_q(conv.q_hidden, conv.q_offset, conv.q_scale, conv.q_mean,
-                                                     conv.q_root, BN1_SHIFT));
+    MEASURED("conv fixed: bn",
+             dl_batch_normalize_q(conv.q_hidden, conv.q_offset, conv.q_scale, conv.q_mean, conv.q_root, BN1_SHIFT));
     dl_relu_q(conv.q_hidden, RELU_CLIP, conv.q_hidden);
     dl_fully_connect_layer_q(conv.q_hidden, conv.q_fc2_w, conv.q_fc2_b, conv.q_scores, FC2_SHIFT);
     dl_softmax_q(conv.q_scores, conv.q_probs);

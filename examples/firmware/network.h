@@ -9,8 +9,8 @@
  *                      float result is quantised)
  *
  * Both end in a softmax over their ten scores. network_init fetches every
- * table by name and allocates every layer output once; an inference then allocates nothing itself, while the layers make
- * and free their own temporaries. Each layer call is measured (measure.h).
+ * table by name and allocates every layer output once; an inference then allocates nothing itself, while the layers
+ * make and free their own temporaries. Each layer call is measured (measure.h).
  */
 #ifndef FIRMWARE_NETWORK_H
 #define FIRMWARE_NETWORK_H

@@ -23,8 +23,8 @@
 void *__real_malloc(size_t size);
 void __real_free(void *p);
 
-#define HEADER 8u
-#define PAINT 0x5afec0deu
+#define HEADER      8u
+#define PAINT       0x5afec0deu
 #define MAX_NESTING 4
 #define MAX_RECORDS 64
 
@@ -91,10 +91,10 @@ static uintptr_t lowest_touched(void)
 }
 
 static struct {
-    uintptr_t sp;            /* the stack pointer at measure_begin */
-    uintptr_t lowest;        /* lowest word seen by nested measurements */
-    size_t heap_base;        /* heap held at measure_begin */
-    size_t outer_peak;       /* the enclosing measurement's figures */
+    uintptr_t sp;      /* the stack pointer at measure_begin */
+    uintptr_t lowest;  /* lowest word seen by nested measurements */
+    size_t heap_base;  /* heap held at measure_begin */
+    size_t outer_peak; /* the enclosing measurement's figures */
     unsigned long outer_allocations;
 } open[MAX_NESTING];
 static int depth;
