@@ -107,7 +107,7 @@ class Converter {
     bool convert_file(const ModelEntry &e, const char *entry_name, Record *(*load)(const char *, dl::npy::Diagnostic *),
                       void (*release)(Record *));
     template <class Record>
-    void emit(const std::string &name, const Record *m);
+    bool emit(const std::string &name, const Record *m);
     void write_lookup(const char *head, bool quantised_members) const;
     bool model_info(const char *entry_name, const std::string &path);
 
@@ -117,25 +117,28 @@ class Converter {
     NameTable names_;
 };
 
-// The filter bank of the quantised tensor mode, read as floats first so that
-// -strict can look at the values before they are quantised.
-dl_matrix3dq_t *load_filter_bank_q(const char *path, dl::npy::Diagnostic *d)
-{
-    dl_matrix3d_t *t = dl::npy::load_filter_bank(path, d);
-    if (!t) return nullptr;
-    dl_matrix3dq_t *q = dl_matrixq_from_matrix3d(t);
-    dl_matrix3d_free(t);
-    return q;
-}
-
+// The table of a loaded record. A filter bank of the quantised tensor mode
+// is loaded as floats, so that -strict can look at its values, and quantised
+// here as its loader would (dl_matrixq_from_matrix3d). False if memory ran
+// out.
 template <class Record>
-void Converter::emit(const std::string &name, const Record *m)
+bool Converter::emit(const std::string &name, const Record *m)
 {
     const NonFinite non_finite = s_.strict ? NonFinite::as_expression : NonFinite::as_printed;
-    if constexpr (std::is_same_v<Record, dl_matrix2d_t>) emit_matrix2d(name.c_str(), m, cfile_, non_finite);
-    else if constexpr (std::is_same_v<Record, dl_matrix3d_t>) emit_matrix3d(name.c_str(), m, cfile_, non_finite);
-    else if constexpr (std::is_same_v<Record, dl_matrix3dq_t>) emit_matrix3dq(name.c_str(), m, cfile_);
-    else emit_matrix3d_input(name.c_str(), m, cfile_);
+    if constexpr (std::is_same_v<Record, dl_matrix2d_t>) {
+        emit_matrix2d(name.c_str(), m, cfile_, non_finite);
+    } else if constexpr (std::is_same_v<Record, dl_matrix3d_t>) {
+        if (s_.mode() != Mode::quantised_tensor) {
+            emit_matrix3d(name.c_str(), m, cfile_, non_finite);
+            return true;
+        }
+        std::unique_ptr<dl_matrix3dq_t, void (*)(dl_matrix3dq_t *)> q(dl_matrixq_from_matrix3d(m), dl_matrix3dq_free);
+        if (!q) return false;
+        emit_matrix3dq(name.c_str(), q.get(), cfile_);
+    } else {
+        emit_matrix3d_input(name.c_str(), m, cfile_);
+    }
+    return true;
 }
 
 template <class Record>
@@ -174,6 +177,9 @@ bool Converter::convert_file(const ModelEntry &e, const char *entry_name,
         // quantiser then writes zeros.
         if (s_.strict && (flags & MF_QUANTISED) && !all_finite(m.get()))
             findings.push_back({entry_name, "it holds a NaN or an infinity, which cannot be quantised"});
+    } else if constexpr (std::is_same_v<Record, dl_matrix3d_t>) {
+        if (s_.strict && s_.mode() == Mode::quantised_tensor && !all_finite(m.get()))
+            findings.push_back({entry_name, "it holds a NaN or an infinity, which cannot be quantised"});
     }
 
     converted_.push_back({name, static_cast<uint8_t>(flags)});
@@ -192,7 +198,10 @@ bool Converter::convert_file(const ModelEntry &e, const char *entry_name,
             return true;
         }
     }
-    emit(name, m.get());
+    if (!emit(name, m.get())) {
+        printf("ERROR: Out of memory while converting %s.\n", entry_name);
+        return false;
+    }
     return true;
 }
 
@@ -244,7 +253,6 @@ bool Converter::entry(const char *entry_name)
     case Mode::quantised_2d:
     case Mode::float_2d: return convert_file<dl_matrix2d_t>(e, entry_name, dl::npy::load_matrix2d, dl_matrix_free);
     case Mode::quantised_tensor:
-        return convert_file<dl_matrix3dq_t>(e, entry_name, load_filter_bank_q, dl_matrix3dq_free);
     case Mode::float_tensor:
         return convert_file<dl_matrix3d_t>(e, entry_name, dl::npy::load_filter_bank, dl_matrix3d_free);
     case Mode::input_tensor: return convert_file<dl_matrix3du_t>(e, entry_name, dl::npy::load_input, dl_matrix3du_free);

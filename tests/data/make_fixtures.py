@@ -206,6 +206,10 @@ def strict_cases(model):
         with open(path(d, "_MODEL_INFO_"), "wb") as f:
             f.write(b"\xef\xbb\xbf# comment_a_b_1_0.5_0.5\nm_v1_go_0_0.5_0.5\n")
 
+    for case in ("classic_names", "full_disk"):
+        save(f"{model(case)}/a.npy", np.array([0.5, -2], dtype=np.float32))
+    save(f"{model('strict_tensor_nan')}/f.npy", np.array([[[[1.0, np.nan]]]], dtype=np.float32))
+
     d = model("strict_tensor")
     save(f"{d}/five_d.npy", np.zeros((1, 1, 1, 1, 2), dtype=np.float32))
     save(f"{d}/filters.npy", np.ones((1, 1, 1, 2), dtype=np.float32))
