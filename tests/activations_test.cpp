@@ -62,6 +62,22 @@ INSTANTIATE_TEST_SUITE_P(
         ScalarCase{"relu", relu6, 6.5f, 6.0f}, ScalarCase{"relu", relu6, NAN, NAN},
         ScalarCase{"relu", relu_negative_clip, -1.0f, 0.0f}, ScalarCase{"relu", relu_negative_clip, 3.0f, -2.0f}));
 
+TEST(Relu, NoClip)
+{
+    MatrixPtr m = matrix(4, 1, {-1.0f, 0.0f, 3e30f, NAN});
+    dl_relu_noclip(m.get(), m.get());
+    EXPECT_EQ(m->item[0], 0.0f);
+    EXPECT_EQ(m->item[1], 0.0f);
+    EXPECT_EQ(m->item[2], 3e30f);
+    EXPECT_TRUE(std::isnan(m->item[3]));
+    MatrixqPtr q = qmatrix(3, 1, -3, {-5, 0, 32767});
+    MatrixqPtr out = own(dl_matrixq_alloc(3, 1));
+    dl_relu_noclip_q(q.get(), out.get());
+    EXPECT_EQ(out->exponent, -3);
+    EXPECT_EQ(item(out.get(), 0, 0), 0);
+    EXPECT_EQ(item(out.get(), 2, 0), 32767);
+}
+
 TEST(Sigmoid, NoJumpUpToTheLastEntry)
 {
     float prev = dl_sigmoid_op(7.0f);

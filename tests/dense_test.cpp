@@ -25,6 +25,15 @@ TEST(FullyConnect, ProductThenBias)
     dl_fully_connect_layer(in.get(), w.get(), b.get(), out.get());
     const float biased[] = {7.5f, -1, 3, -2.5f};
     for (int i = 0; i < 4; i++) EXPECT_EQ(out->item[i], biased[i]) << i;
+
+    // Quantised weights in one call: the product of dl_matrix_matrixq_dot,
+    // then the float bias.
+    MatrixqPtr qw = own(dl_matrixq_from_matrix2d(w.get(), nullptr));
+    MatrixPtr two_calls = own(dl_matrix_alloc(2, 2));
+    dl_matrix_matrixq_dot(in.get(), qw.get(), two_calls.get());
+    dl_matrix_add(two_calls.get(), b.get(), two_calls.get());
+    dl_fully_connect_layer_quantised_weight(in.get(), qw.get(), b.get(), out.get());
+    for (int i = 0; i < 4; i++) EXPECT_EQ(out->item[i], two_calls->item[i]) << i;
 }
 
 TEST(FullyConnectQ, ShiftGoesToTheProductAndBiasSaturates)

@@ -456,6 +456,14 @@ TEST_P(SanityTest, ResultAndMessage)
     testing::internal::CaptureStderr();
     EXPECT_EQ(dl_matrixq_check_sanity(&m.m, "lstm"), c.sane);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), c.message);
+    // The same lines through a handler, and nothing on stderr meanwhile.
+    std::string routed;
+    dl_set_sanity_handler([](const char *text, void *arg) { *static_cast<std::string *>(arg) += text; }, &routed);
+    testing::internal::CaptureStderr();
+    dl_matrixq_check_sanity(&m.m, "lstm");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    dl_set_sanity_handler(nullptr, nullptr);
+    EXPECT_EQ(routed, c.message);
     EXPECT_EQ(Snapshot(m).v, std::vector<int32_t>(c.items.begin(), c.items.end()));
 }
 

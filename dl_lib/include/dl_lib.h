@@ -68,6 +68,10 @@ void dl_tanh(const dl_matrix2d_t *in, dl_matrix2d_t *out);
 fptp_t dl_relu_op(fptp_t x, fptp_t clip);
 void dl_relu(const dl_matrix2d_t *in, fptp_t clip, dl_matrix2d_t *out);
 
+/* ReLU with no upper clip, as PyTorch's nn.ReLU: max(x, 0) per item (a NaN
+ * stays). out may be in. */
+void dl_relu_noclip(const dl_matrix2d_t *in, dl_matrix2d_t *out);
+
 /* ---- Fixed-point activations. Sigmoid, tanh and softmax give out exponent
  * -15 whatever in's exponent; relu keeps the scale. out may be in, also a
  * slice with an exponent of its own. None allocates. */
@@ -103,6 +107,10 @@ qtp_t dl_relu_q_op(qtp_t x, qtp_t clip);
  * out must already carry in's exponent. */
 void dl_relu_q(const dl_matrix2dq_t *in, fptp_t clip, dl_matrix2dq_t *out);
 
+/* Fixed-point ReLU with no upper clip: negative items become 0, the others
+ * stay; out->exponent becomes in->exponent. out may be in. */
+void dl_relu_noclip_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out);
+
 /* ---- Fully connected and batch normalisation layers. They allocate
  * nothing; shapes are asserted by the operations they call. */
 
@@ -115,6 +123,12 @@ void dl_fully_connect_layer(const dl_matrix2d_t *in, const dl_matrix2d_t *weight
  * out->exponent is the product's, or the larger of that and bias's. */
 void dl_fully_connect_layer_q(const dl_matrix2dq_t *in, const dl_matrix2dq_t *weight, const dl_matrix2dq_t *bias,
                               dl_matrix2dq_t *out, int shift);
+
+/* Float in, fixed-point weight: out = in x weight by dl_matrix_matrixq_dot
+ * (in quantised once per call), then + bias (NULL for none) in float, as
+ * dl_matrix_add. Shapes as dl_fully_connect_layer's. */
+void dl_fully_connect_layer_quantised_weight(const dl_matrix2d_t *in, const dl_matrix2dq_t *weight,
+                                             const dl_matrix2d_t *bias, dl_matrix2d_t *out);
 
 /* m = (m - mean) / sqrtvar * scale + offset in place, all of one shape;
  * sqrtvar holds sqrt(variance + epsilon) (dl_batch_normalize_get_sqrtvar). */

@@ -133,6 +133,16 @@ dl_matrix2dq_t *dl_matrixq_flatten(const dl_matrix2dq_t *src, int x, int y, int 
  * the items sit at +-32767; else 1. An all-zero record is sane. */
 int dl_matrixq_check_sanity(const dl_matrix2dq_t *m, const char *name);
 
+/* Where the sanity warnings of dl_matrixq_check_sanity (and of the layers
+ * that call it) go: each warning's line, newline included, is passed to
+ * handler with arg. handler NULL restores the default, stderr. A handler
+ * that does nothing silences them; dl_sanity_to_stream with a FILE * as arg
+ * writes them to that stream. This is the library's one process-wide
+ * setting: set it before inference starts, not while layers run. */
+typedef void (*dl_sanity_handler_t)(const char *text, void *arg);
+void dl_set_sanity_handler(dl_sanity_handler_t handler, void *arg);
+void dl_sanity_to_stream(const char *text, void *stream);
+
 /* Renormalises m in place, values kept: any item at +-32767 halves all items
  * (exponent + 1); otherwise the items are shifted left until the largest
  * magnitude is at least 16383 (exponent lowered to match). An all-zero

@@ -92,6 +92,13 @@ void dl_relu(const dl_matrix2d_t *in, fptp_t clip, dl_matrix2d_t *out)
     map_items(in, out, [clip](fptp_t x) { return dl_relu_op(x, clip); });
 }
 
+void dl_relu_noclip(const dl_matrix2d_t *in, dl_matrix2d_t *out)
+{
+    DL_ASSERT(dl_matrix_same_shape(in, out));
+    // As dl_relu_op without its clip: a NaN is not below 0 and stays.
+    map_items(in, out, [](fptp_t x) { return 0.0f > x ? 0.0f : x; });
+}
+
 // ---- Fixed-point activations ---------------------------------------------
 
 namespace {
@@ -192,6 +199,17 @@ void dl_relu_q(const dl_matrix2dq_t *in, fptp_t clip, dl_matrix2dq_t *out)
     for (int y = 0; y < in->h; y++)
         for (int x = 0; x < in->w; x++)
             out->itemq[y + out->stride * x] = dl_relu_q_op(in->itemq[y + in->stride * x], c);
+}
+
+void dl_relu_noclip_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
+{
+    DL_ASSERT(dl_matrixq_same_shape(in, out));
+    for (int x = 0; x < in->w; x++)
+        for (int y = 0; y < in->h; y++) {
+            const qtp_t v = in->itemq[y + in->stride * x];
+            out->itemq[y + out->stride * x] = v < 0 ? 0 : v;
+        }
+    out->exponent = in->exponent;
 }
 
 void dl_softmax_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)

@@ -42,6 +42,13 @@ void dl_fully_connect_layer_q(const dl_matrix2dq_t *in, const dl_matrix2dq_t *we
     if (bias) dl_matrixq_add(out, bias, out, 1);
 }
 
+void dl_fully_connect_layer_quantised_weight(const dl_matrix2d_t *in, const dl_matrix2dq_t *weight,
+                                             const dl_matrix2d_t *bias, dl_matrix2d_t *out)
+{
+    dl_matrix_matrixq_dot(in, weight, out);
+    if (bias) dl_matrix_add(out, bias, out);
+}
+
 void dl_batch_normalize(dl_matrix2d_t *m, const dl_matrix2d_t *offset, const dl_matrix2d_t *scale,
                         const dl_matrix2d_t *mean, const dl_matrix2d_t *sqrtvar)
 {

@@ -403,6 +403,29 @@ Spread spread_of(const dl_matrix2dq_t *m)
 
 }  // namespace
 
+// Where sanity warnings go: the library's one process-wide setting, a
+// handler and its argument, or none for stderr. Plain data, so nothing runs
+// before main.
+static dl_sanity_handler_t sanity_handler = nullptr;
+static void *sanity_arg = nullptr;
+
+void dl_set_sanity_handler(dl_sanity_handler_t handler, void *arg)
+{
+    sanity_handler = handler;
+    sanity_arg = arg;
+}
+
+void dl_sanity_to_stream(const char *text, void *stream) { fputs(text, static_cast<FILE *>(stream)); }
+
+// One warning line, to the handler or to stderr.
+static void sanity_warning(const char *format, const char *name, double value)
+{
+    char text[256];
+    snprintf(text, sizeof text, format, name, value);
+    if (sanity_handler) sanity_handler(text, sanity_arg);
+    else fputs(text, stderr);
+}
+
 int dl_matrixq_check_sanity(const dl_matrix2dq_t *m, const char *name)
 {
     const Spread s = spread_of(m);
@@ -416,7 +439,7 @@ int dl_matrixq_check_sanity(const dl_matrix2dq_t *m, const char *name)
     }
     int sane = 1;
     if (bits < 11) {
-        fprintf(stderr, "CheckSanity: %s: only %d/15 bits used!\n", name, bits);
+        sanity_warning("CheckSanity: %s: only %.0f/15 bits used!\n", name, bits);
         sane = 0;
     }
     // At most a tenth clipped can never print: the percentage, rounded to
@@ -428,7 +451,7 @@ int dl_matrixq_check_sanity(const dl_matrix2dq_t *m, const char *name)
     const fptp_t percent =
         static_cast<fptp_t>(s.clipped * 100.0 / (static_cast<double>(m->w) * static_cast<double>(m->h)));
     if (percent > 10.0f) {
-        fprintf(stderr, "CheckSanity: %s: %f%% of items is clipped!\n", name, static_cast<double>(percent));
+        sanity_warning("CheckSanity: %s: %f%% of items is clipped!\n", name, static_cast<double>(percent));
         sane = 0;
     }
     return sane;
