@@ -190,8 +190,9 @@ Run convert_dir(const Input &in, const std::string &base, const std::string &dir
 {
     const std::string cfile = base + "/model.c", hfile = base + "/model.h";
     std::vector<const char *> argv = {"kelvane", dir.c_str(), cfile.c_str(), hfile.c_str(), "model"};
-    for (const std::string &o : in.options) argv.push_back(o.c_str());
+    // First, so that it never becomes the argument of a trailing option.
     if (strict) argv.push_back("-strict");
+    for (const std::string &o : in.options) argv.push_back(o.c_str());
     Run r;
     r.printed = capture([&] {
         const auto settings = kelvane::parse_options(static_cast<int>(argv.size()), argv.data(), stdout);
