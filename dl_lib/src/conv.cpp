@@ -62,6 +62,26 @@ dl_matrix2d_t *conv_output(dl_matrix2d_t *out, int out_channels, int wo, int ho)
     return out;
 }
 
+// Element (x, y) of a record, in its own layout: float records by rows,
+// fixed-point ones by columns.
+fptp_t &at(const dl_matrix2d_t *m, int x, int y) { return m->item[x + m->stride * y]; }
+qtp_t &at(const dl_matrix2dq_t *m, int x, int y) { return m->itemq[y + m->stride * x]; }
+void take_exponent(dl_matrix2d_t *, const dl_matrix2d_t *) {}
+void take_exponent(dl_matrix2dq_t *to, const dl_matrix2dq_t *from) { to->exponent = from->exponent; }
+
+// A new record of in's items in a zero frame of the geometry's margins (a
+// fixed-point one at in's exponent, the frame item 0 there).
+template <class Matrix>
+Matrix *framed(const Matrix *in, const ConvGeometry &geo, Matrix *(*alloc)(int, int))
+{
+    Matrix *padded = alloc(geo.x.padded, geo.y.padded);  // zero-filled: the frame
+    DL_ASSERT_ALLOCATED(padded);
+    for (int y = 0; y < in->h; y++)
+        for (int x = 0; x < in->w; x++) at(padded, x + geo.x.margin, y + geo.y.margin) = at(in, x, y);
+    take_exponent(padded, in);
+    return padded;
+}
+
 // A record over caller-owned items, made on the stack: the views below
 // cost no allocation.
 dl_matrix2d_t view_of(fptp_t *items, int w, int h, int stride)
@@ -87,14 +107,7 @@ dl_matrix2d_t *dl_basic_conv_layer(const dl_matrix2d_t *in, const dl_matrix2d_t 
     DL_ASSERT(filter->h>=filter_w*filter_h);
     DL_ASSERT(filter->w>=out_channels);
     DL_ASSERT(bias->w*bias->h>=out_channels);
-    dl_matrix2d_t *padded = nullptr;
-    if (padding) {
-        padded = dl_matrix_alloc(geo.x.padded, geo.y.padded);  // zero-filled: the frame
-        DL_ASSERT_ALLOCATED(padded);
-        for (int y = 0; y < in->h; y++)
-            for (int x = 0; x < in->w; x++)
-                padded->item[(x + geo.x.margin) + padded->stride * (y + geo.y.margin)] = in->item[x + in->stride * y];
-    }
+    dl_matrix2d_t *padded = padding ? framed(in, geo, dl_matrix_alloc) : nullptr;
     const dl_matrix2d_t *source = padded ? padded : in;
     out = conv_output(out, out_channels, geo.x.n, geo.y.n);
 
@@ -142,16 +155,7 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     // one exponent; the frame is item 0 at that exponent.
     dl_matrix2dq_t *qin = dl_matrixq_from_matrix2d(in, nullptr);
     DL_ASSERT_ALLOCATED(qin);
-    dl_matrix2dq_t *padded = nullptr;
-    if (padding) {
-        padded = dl_matrixq_alloc(geo.x.padded, geo.y.padded);
-        DL_ASSERT_ALLOCATED(padded);
-        for (int x = 0; x < qin->w; x++)
-            for (int y = 0; y < qin->h; y++)
-                padded->itemq[(y + geo.y.margin) + padded->stride * (x + geo.x.margin)] =
-                    qin->itemq[y + qin->stride * x];
-        padded->exponent = qin->exponent;
-    }
+    dl_matrix2dq_t *padded = padding ? framed(qin, geo, dl_matrixq_alloc) : nullptr;
     const dl_matrix2dq_t *source = padded ? padded : qin;
     out = conv_output(out, out_channels, geo.x.n, geo.y.n);
 

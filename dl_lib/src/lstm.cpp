@@ -45,33 +45,38 @@ void float_lstm_cell(dl_matrix2d_t *out_data, const dl_matrix2d_t *bias, dl_matr
 
 }  // namespace
 
-dl_matrix2d_t *dl_basic_lstm_layer(const dl_matrix2d_t *in, dl_matrix2d_t *state_c, dl_matrix2d_t *state_h,
-                                   const dl_matrix2d_t *weight, const dl_matrix2d_t *bias)
+namespace {
+
+// The float layers differ only in the product of [in, h] with the weights.
+template <class Weight>
+dl_matrix2d_t *float_lstm_layer(const dl_matrix2d_t *in, dl_matrix2d_t *state_c, dl_matrix2d_t *state_h,
+                                const Weight *weight, const dl_matrix2d_t *bias,
+                                void (*product)(const dl_matrix2d_t *, const Weight *, dl_matrix2d_t *))
 {
     dl_matrix2d_t *concat = dl_matrix_concat(in, state_h);
     DL_ASSERT_ALLOCATED(concat);
     dl_matrix2d_t *out_data = dl_matrix_alloc(weight->w, concat->h);
     DL_ASSERT_ALLOCATED(out_data);
-    dl_matrix_dot(concat, weight, out_data);
+    product(concat, weight, out_data);
     float_lstm_cell(out_data, bias, state_c, state_h);
     dl_matrix_free(concat);
     dl_matrix_free(out_data);
     return state_h;
 }
 
+}  // namespace
+
+dl_matrix2d_t *dl_basic_lstm_layer(const dl_matrix2d_t *in, dl_matrix2d_t *state_c, dl_matrix2d_t *state_h,
+                                   const dl_matrix2d_t *weight, const dl_matrix2d_t *bias)
+{
+    return float_lstm_layer(in, state_c, state_h, weight, bias, dl_matrix_dot);
+}
+
 dl_matrix2d_t *dl_basic_lstm_layer_quantised_weights(const dl_matrix2d_t *in, dl_matrix2d_t *state_c,
                                                      dl_matrix2d_t *state_h, const dl_matrix2dq_t *weight,
                                                      const dl_matrix2d_t *bias)
 {
-    dl_matrix2d_t *concat = dl_matrix_concat(in, state_h);
-    DL_ASSERT_ALLOCATED(concat);
-    dl_matrix2d_t *out_data = dl_matrix_alloc(weight->w, concat->h);
-    DL_ASSERT_ALLOCATED(out_data);
-    dl_matrix_matrixq_dot(concat, weight, out_data);
-    float_lstm_cell(out_data, bias, state_c, state_h);
-    dl_matrix_free(concat);
-    dl_matrix_free(out_data);
-    return state_h;
+    return float_lstm_layer(in, state_c, state_h, weight, bias, dl_matrix_matrixq_dot);
 }
 
 dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *state_c, dl_matrix2dq_t *state_h,
