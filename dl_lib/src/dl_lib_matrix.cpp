@@ -4,6 +4,7 @@
 
 #include "dl_lib_internal.h"
 #include "kernels_internal.h"
+#include "matrix_internal.h"
 
 dl_matrix2d_t *dl_matrix_alloc(int w, int h)
 {
@@ -35,12 +36,7 @@ dl_matrix2d_t *dl_matrix_from_data(int w, int h, int stride, void *data)
     return m;
 }
 
-void dl_matrix_free(dl_matrix2d_t *m)
-{
-    if (!m) return;
-    if (!(m->flags & DL_MF_FOREIGNDATA)) free(m->item);
-    free(m);
-}
+void dl_matrix_free(dl_matrix2d_t *m) { dl::free_record(m); }
 
 void dl_matrix_zero(dl_matrix2d_t *m)
 {
@@ -48,21 +44,11 @@ void dl_matrix_zero(dl_matrix2d_t *m)
         for (int x = 0; x < m->w; x++) m->item[x + m->stride * y] = 0.0f;
 }
 
-int dl_matrix_same_shape(const dl_matrix2d_t *a, const dl_matrix2d_t *b)
-{
-    if (a->w == b->w && a->h == b->h) return 1;
-    fprintf(stderr, "dl_matrix_same_shape: Matrices not the same shape! a: %d x %d, b: %d x %d\n", a->w, a->h, b->w,
-            b->h);
-    return 0;
-}
+int dl_matrix_same_shape(const dl_matrix2d_t *a, const dl_matrix2d_t *b) { return dl::same_shape(a, b); }
 
 dl_matrix2d_t *dl_matrix_slice(const dl_matrix2d_t *src, int x, int y, int w, int h, dl_matrix2d_t *in)
 {
-    if (!in) {
-        in = static_cast<dl_matrix2d_t *>(calloc(1, sizeof(dl_matrix2d_t)));
-        if (!in) return nullptr;
-        in->flags = DL_MF_FOREIGNDATA;
-    }
+    if (!(in = dl::view_record(in))) return nullptr;
     // A record that owned its items would lose them here, and freeing the
     // view later would free a pointer into src.
     DL_ASSERT(in->flags&DL_MF_FOREIGNDATA);

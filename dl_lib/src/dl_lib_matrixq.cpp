@@ -3,6 +3,7 @@
 #include "dl_lib_internal.h"
 #include "dl_lib_matrix.h"
 #include "kernels_internal.h"
+#include "matrix_internal.h"
 
 using dl::low16;
 using dl::pow2f;
@@ -30,12 +31,7 @@ dl_matrix2dq_t *dl_matrixq_alloc(int w, int h)
     return m;
 }
 
-void dl_matrixq_free(dl_matrix2dq_t *m)
-{
-    if (!m) return;
-    if (!(m->flags & DL_MF_FOREIGNDATA)) free(m->itemq);
-    free(m);
-}
+void dl_matrixq_free(dl_matrix2dq_t *m) { dl::free_record(m); }
 
 void dl_matrixq_zero(dl_matrix2dq_t *m)
 {
@@ -43,13 +39,8 @@ void dl_matrixq_zero(dl_matrix2dq_t *m)
         for (int y = 0; y < m->h; y++) m->itemq[y + m->stride * x] = 0;
 }
 
-int dl_matrixq_same_shape(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b)
-{
-    if (a->w == b->w && a->h == b->h) return 1;
-    fprintf(stderr, "dl_matrix_same_shape: Matrices not the same shape! a: %d x %d, b: %d x %d\n", a->w, a->h, b->w,
-            b->h);
-    return 0;
-}
+// The message names dl_matrix_same_shape, as the float check does.
+int dl_matrixq_same_shape(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b) { return dl::same_shape(a, b); }
 
 void matrix_get_range(const dl_matrix2d_t *m, fptp_t *min, fptp_t *max)
 {
@@ -344,11 +335,7 @@ dl_matrix2dq_t *dl_matrixq_concat(const dl_matrix2dq_t *a, const dl_matrix2dq_t 
 
 dl_matrix2dq_t *dl_matrixq_slice(const dl_matrix2dq_t *src, int x, int y, int w, int h, dl_matrix2dq_t *in)
 {
-    if (!in) {
-        in = static_cast<dl_matrix2dq_t *>(calloc(1, sizeof(dl_matrix2dq_t)));
-        if (!in) return nullptr;
-        in->flags = DL_MF_FOREIGNDATA;
-    }
+    if (!(in = dl::view_record(in))) return nullptr;
     // A record that owned its items would lose them here, and freeing the
     // view later would free a pointer into src.
     DL_ASSERT(in->flags&DL_MF_FOREIGNDATA);
