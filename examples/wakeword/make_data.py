@@ -97,10 +97,10 @@ def trim(x, threshold=200):
 
 def pink(rng, n):
     """Pink noise: white noise shaped by 1/sqrt(f) in the frequency domain, unit RMS."""
-    spec = np.fft.rfft(rng.standard_normal(n))
-    f = np.arange(spec.size, dtype=np.float64)
+    spectrum = np.fft.rfft(rng.standard_normal(n))
+    f = np.arange(spectrum.size, dtype=np.float64)
     f[0] = 1.0
-    x = np.fft.irfft(spec / np.sqrt(f), n)
+    x = np.fft.irfft(spectrum / np.sqrt(f), n)
     return x / np.sqrt(np.mean(x * x))
 
 
