@@ -172,14 +172,10 @@ bool Converter::convert_file(const ModelEntry &e, const char *entry_name,
         return true;
     }
     if (s_.strict && findings.size() > findings_before) return true;
-    if constexpr (std::is_same_v<Record, dl_matrix2d_t>) {
-        // One NaN or infinity sets the exponent of the whole table, and the
-        // quantiser then writes zeros.
-        if (s_.strict && (flags & MF_QUANTISED) && !all_finite(m.get()))
-            findings.push_back({entry_name, "it holds a NaN or an infinity, which cannot be quantised"});
-    } else if constexpr (std::is_same_v<Record, dl_matrix3d_t>) {
-        if (s_.strict && s_.mode() == Mode::quantised_tensor && !all_finite(m.get()))
-            findings.push_back({entry_name, "it holds a NaN or an infinity, which cannot be quantised"});
+    if constexpr (!std::is_same_v<Record, dl_matrix3du_t>) {
+        const bool quantised =
+            std::is_same_v<Record, dl_matrix2d_t> ? (flags & MF_QUANTISED) != 0 : s_.mode() == Mode::quantised_tensor;
+        if (s_.strict && quantised && !all_finite(m.get())) findings.push_back({entry_name, kNonFiniteQuantised});
     }
 
     converted_.push_back({name, static_cast<uint8_t>(flags)});

@@ -75,8 +75,7 @@ bool analyse_file(const Settings &s, const ModelEntry &e, const std::string &fil
     case Mode::float_2d: {
         MatrixPtr m(dl::npy::load_matrix2d(path, &d), dl_matrix_free);
         if (!m) return refused();
-        if ((flags & MF_QUANTISED) && !all_finite(m.get()))
-            r.strict_findings.push_back({file, "it holds a NaN or an infinity, which cannot be quantised"});
+        if ((flags & MF_QUANTISED) && !all_finite(m.get())) r.strict_findings.push_back({file, kNonFiniteQuantised});
         row = analyse_matrix2d(m.get(), flags);
         break;
     }
@@ -84,8 +83,7 @@ bool analyse_file(const Settings &s, const ModelEntry &e, const std::string &fil
         // The float values, and the table the quantiser makes of them.
         TensorPtr f(dl::npy::load_filter_bank(path, &d), dl_matrix3d_free);
         if (!f) return refused();
-        if (!all_finite(f.get()))
-            r.strict_findings.push_back({file, "it holds a NaN or an infinity, which cannot be quantised"});
+        if (!all_finite(f.get())) r.strict_findings.push_back({file, kNonFiniteQuantised});
         TensorqPtr q(dl_matrixq_from_matrix3d(f.get()), dl_matrix3dq_free);
         if (!q) return false;
         row = analyse_tensor(f.get(), q.get());

@@ -27,7 +27,10 @@ void check_settings(const Settings &s, std::vector<Finding> &findings);
 void check_npy_header(const Settings &s, const std::string &file, const std::string &path,
                       std::vector<Finding> &findings);
 
-// Whether every item is finite; a table that is quantised must be.
+// Whether every item is finite; a table that is quantised must be: one NaN
+// or infinity sets the exponent of the whole table, and the quantiser then
+// writes zeros. The finding says so:
+constexpr const char *kNonFiniteQuantised = "it holds a NaN or an infinity, which cannot be quantised";
 bool all_finite(const dl_matrix2d_t *m);
 bool all_finite(const dl_matrix3d_t *t);
 
