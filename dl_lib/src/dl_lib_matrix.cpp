@@ -138,19 +138,19 @@ void dl_matrix_div(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t
 
 namespace dl {
 
-// The product in its defined loop order: k outermost, then the columns of b,
-// then the rows of a. Each item of res thus sums its products in ascending k,
-// starting from 0.0, with the multiplication and the addition rounded apart.
+// The product: each item of res sums its products in ascending k, starting
+// from 0.0, with the multiplication and the addition rounded apart. Only that
+// order fixes the bits, so the sum stays in a register and is stored once,
+// rather than res being read and written once per multiply-accumulate.
 void matrix_dot_plain(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res)
 {
-    dl_matrix_zero(res);
-    for (int k = 0; k < b->h; k++) {
+    for (int y = 0; y < a->h; y++) {
+        const fptp_t *arow = a->item + a->stride * y;
         for (int x = 0; x < b->w; x++) {
-            const fptp_t v = b->item[x + b->stride * k];
-            for (int y = 0; y < a->h; y++) {
-                fptp_t &r = res->item[x + res->stride * y];
-                r = a->item[k + a->stride * y] * v + r;
-            }
+            const fptp_t *bcol = b->item + x;
+            fptp_t sum = 0.0f;
+            for (int k = 0; k < b->h; k++) sum = arow[k] * bcol[b->stride * k] + sum;
+            res->item[x + res->stride * y] = sum;
         }
     }
 }

@@ -16,6 +16,11 @@ bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut
 #else
 #define DL_X86_KERNELS 0
 #endif
+#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
+#define DL_DSP_KERNELS 1
+#else
+#define DL_DSP_KERNELS 0
+#endif
 
 namespace dl {
 
@@ -25,6 +30,7 @@ const char *isa_name(Isa isa)
     case Isa::none: return "plain";
     case Isa::avx2: return "avx2";
     case Isa::avx512: return "avx512";
+    case Isa::dsp: return "dsp";
     }
     return "?";
 }
@@ -37,10 +43,11 @@ bool isa_usable(Isa isa)
     case Isa::none: return true;
     case Isa::avx2: return __builtin_cpu_supports("avx2");
     case Isa::avx512: return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+    case Isa::dsp: return false;
     }
     return false;
 #else
-    return isa == Isa::none;
+    return isa == Isa::none || (DL_DSP_KERNELS && isa == Isa::dsp);
 #endif
 }
 
@@ -59,7 +66,7 @@ Isa detected_isa()
     }
     return static_cast<Isa>(best);
 #else
-    return Isa::none;
+    return DL_DSP_KERNELS ? Isa::dsp : Isa::none;
 #endif
 }
 
@@ -75,6 +82,7 @@ bool matrix_dot_kernel(Isa isa, [[maybe_unused]] const dl_matrix2d_t *a, [[maybe
     case Isa::avx2:
     case Isa::avx512: return false;
 #endif
+    case Isa::dsp: return false;  // the float product's plain loop is already its fast form
     }
     return false;
 }
@@ -90,6 +98,11 @@ bool matrixq_dot_kernel(Isa isa, [[maybe_unused]] const dl_matrix2dq_t *a, [[may
 #else
     case Isa::avx2:
     case Isa::avx512: return false;
+#endif
+#if DL_DSP_KERNELS
+    case Isa::dsp: return dsp::matrixq_dot(a, b, out);
+#else
+    case Isa::dsp: return false;
 #endif
     }
     return false;

@@ -18,8 +18,10 @@
 
 namespace dl {
 
-/* Instruction sets with a kernel. `none` is the plain loop. */
-enum class Isa { none, avx2, avx512 };
+/* Instruction sets with a kernel. `none` is the plain loop. The x86-64 ones
+ * are chosen at run time; `dsp` (32-bit ARM with the DSP extension, fixed-point
+ * products only) is built in when the target has it, and then always used. */
+enum class Isa { none, avx2, avx512, dsp };
 
 const char *isa_name(Isa isa);
 
@@ -67,6 +69,11 @@ void matrixq_dot_plain(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const Q
  * plain loop. The caller checks that isa is usable. */
 bool matrix_dot_kernel(Isa isa, const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);
 bool matrixq_dot_kernel(Isa isa, const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out);
+
+/* The DSP kernel: always succeeds where it is built in. */
+namespace dsp {
+bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out);
+}
 
 }  // namespace dl
 
