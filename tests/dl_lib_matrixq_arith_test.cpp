@@ -127,7 +127,8 @@ TEST_P(QDotKernelTest, ExtremeItemsOverLongSums)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Paths, QDotKernelTest, testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
+INSTANTIATE_TEST_SUITE_P(Paths, QDotKernelTest,
+                         testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
                          [](const auto &info) { return std::string(dl::isa_name(info.param)); });
 
 struct QDotCase {
