@@ -27,6 +27,7 @@
 #include "dl_lib_types.h"
 #include "dl_lib_matrix.h"
 #include "dl_lib_matrixq.h"
+#include "dl_lib_memory.h"
 #include "dl_lib_numpy_input.h"
 #include "dl_lib_tensor.h"
 

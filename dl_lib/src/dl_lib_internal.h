@@ -17,6 +17,11 @@
 
 namespace dl {
 
+/* Every allocation of the library goes through these two (dl_lib_memory.h):
+ * count * size zero bytes or NULL, and back. */
+void *mem_calloc(size_t count, size_t size);
+void mem_free(void *block);
+
 /* Contract assertions stay on in every build type. The message names the
  * source file, the line, the function and the condition as written. */
 [[noreturn]] inline void assert_fail(const char *cond, const char *file, int line, const char *func)

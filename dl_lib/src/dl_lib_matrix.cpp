@@ -9,12 +9,12 @@
 dl_matrix2d_t *dl_matrix_alloc(int w, int h)
 {
     if (w < 0 || h < 0) return nullptr;
-    auto *m = static_cast<dl_matrix2d_t *>(calloc(1, sizeof(dl_matrix2d_t)));
+    auto *m = static_cast<dl_matrix2d_t *>(dl::mem_calloc(1, sizeof(dl_matrix2d_t)));
     if (!m) return nullptr;
     // calloc checks the product w*h*4 for overflow itself.
-    m->item = static_cast<fptp_t *>(calloc(static_cast<size_t>(w) * static_cast<size_t>(h), sizeof(fptp_t)));
+    m->item = static_cast<fptp_t *>(dl::mem_calloc(static_cast<size_t>(w) * static_cast<size_t>(h), sizeof(fptp_t)));
     if (!m->item && w != 0 && h != 0) {
-        free(m);
+        dl::mem_free(m);
         return nullptr;
     }
     m->w = w;
@@ -26,7 +26,7 @@ dl_matrix2d_t *dl_matrix_alloc(int w, int h)
 
 dl_matrix2d_t *dl_matrix_from_data(int w, int h, int stride, void *data)
 {
-    auto *m = static_cast<dl_matrix2d_t *>(calloc(1, sizeof(dl_matrix2d_t)));
+    auto *m = static_cast<dl_matrix2d_t *>(dl::mem_calloc(1, sizeof(dl_matrix2d_t)));
     if (!m) return nullptr;
     m->w = w;
     m->h = h;

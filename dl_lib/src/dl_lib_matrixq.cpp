@@ -12,15 +12,16 @@ using dl::trunc_i32;
 dl_matrix2dq_t *dl_matrixq_alloc(int w, int h)
 {
     if (w < 0 || h < 0) return nullptr;
-    auto *m = static_cast<dl_matrix2dq_t *>(calloc(1, sizeof(dl_matrix2dq_t)));
+    auto *m = static_cast<dl_matrix2dq_t *>(dl::mem_calloc(1, sizeof(dl_matrix2dq_t)));
     if (!m) return nullptr;
     // Columns of odd height get one spare slot, so every column starts on an
     // even item. INT32_MAX has no even neighbour in range; a matrix that tall
     // can only be empty, as its items would not be addressable, and keeps h.
     const int stride = (h > 1 && (h & 1) && h < INT32_MAX) ? h + 1 : h;
-    m->itemq = static_cast<qtp_t *>(calloc(static_cast<size_t>(w) * static_cast<size_t>(stride), sizeof(qtp_t)));
+    m->itemq =
+        static_cast<qtp_t *>(dl::mem_calloc(static_cast<size_t>(w) * static_cast<size_t>(stride), sizeof(qtp_t)));
     if (!m->itemq && w != 0 && stride != 0) {
-        free(m);
+        dl::mem_free(m);
         return nullptr;
     }
     m->w = w;

@@ -22,6 +22,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 
+#include "dl_lib_internal.h"
 #include "kernels_internal.h"
 
 // Everything here has internal linkage: the file is compiled once per
@@ -133,7 +134,7 @@ bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *r
     // A panel of b, NC columns wide, packed row after row so that the tiles
     // read it in order from the cache, whatever b's stride.
     const size_t panel_items = static_cast<size_t>(NC) * static_cast<size_t>(K > 0 ? K : 1);
-    float *panel = static_cast<float *>(malloc(sizeof(float) * panel_items));
+    float *panel = static_cast<float *>(dl::mem_calloc(1, sizeof(float) * panel_items));
     if (!panel) return false;
     for (int x0 = 0; x0 < N; x0 += NC) {
         const int nc = min_int(NC, N - x0);
@@ -150,7 +151,7 @@ bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *r
                              res->stride, nc);
         }
     }
-    free(panel);
+    dl::mem_free(panel);
     return true;
 }
 
@@ -244,7 +245,7 @@ bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut
     // Rows of a as bytes, each padded with zeros to whole vectors.
     const int kp = (K + L - 1) / L * L;
     const size_t row_items = static_cast<size_t>(kp > 0 ? kp : 1) * static_cast<size_t>(M);
-    int16_t *lo = static_cast<int16_t *>(malloc(2 * sizeof(int16_t) * row_items));
+    int16_t *lo = static_cast<int16_t *>(dl::mem_calloc(1, 2 * sizeof(int16_t) * row_items));
     if (!lo) return false;
     int16_t *hi = lo + row_items;
     for (int y = 0; y < M; y++) {
@@ -261,7 +262,7 @@ bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut
         for (int y0 = 0; y0 < M; y0 += V::kQTileRows)
             q_tile_my<V>(min_int(V::kQTileRows, M - y0), nx, lo, hi, kp, b, x0, y0, K, out);
     }
-    free(lo);
+    dl::mem_free(lo);
     return true;
 }
 

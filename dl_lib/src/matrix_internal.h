@@ -22,8 +22,8 @@ template <class Matrix>
 void free_record(Matrix *m)
 {
     if (!m) return;
-    if (!(m->flags & DL_MF_FOREIGNDATA)) free(items_of(m));
-    free(m);
+    if (!(m->flags & DL_MF_FOREIGNDATA)) dl::mem_free(items_of(m));
+    dl::mem_free(m);
 }
 
 /* Whether a and b have one shape; if not, says so on stderr in the words
@@ -43,7 +43,7 @@ template <class Matrix>
 Matrix *view_record(Matrix *in)
 {
     if (in) return in;
-    in = static_cast<Matrix *>(calloc(1, sizeof(Matrix)));
+    in = static_cast<Matrix *>(dl::mem_calloc(1, sizeof(Matrix)));
     if (in) in->flags = DL_MF_FOREIGNDATA;
     return in;
 }

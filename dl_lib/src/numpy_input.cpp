@@ -70,7 +70,7 @@ int width(Type t)
 File::~File()
 {
     if (f) fclose(f);
-    free(header);
+    dl::mem_free(header);
 }
 
 bool open(const char *path, File &file, Diagnostic *d)
@@ -93,7 +93,7 @@ bool open(const char *path, File &file, Diagnostic *d)
     // Only the version 1.0 layout: a 16-bit little-endian header length at
     // offset 8, whatever the version bytes say.
     const size_t len = prefix[8] | (static_cast<size_t>(prefix[9]) << 8);
-    file.header = static_cast<char *>(calloc(len + 1, 1));
+    file.header = static_cast<char *>(dl::mem_calloc(len + 1, 1));
     if (!file.header) {
         fail(d, path, "out of memory");
         return false;
@@ -263,23 +263,23 @@ dl_matrix2d_t *npy::load_matrix2d(const char *path, Diagnostic *d)
     // the other entry, and no empty reads counted by it.
     if (m && count == 0) return m;
     const int elem = npy::width(type);
-    auto *row = static_cast<unsigned char *>(malloc(static_cast<size_t>(w) * elem + 1));
+    auto *row = static_cast<unsigned char *>(dl::mem_calloc(1, static_cast<size_t>(w) * elem + 1));
     if (!m || !row) {
         fail(d, path, "out of memory");
         dl_matrix_free(m);
-        free(row);
+        dl::mem_free(row);
         return nullptr;
     }
     for (int y = 0; y < h; y++) {
         if (fread(row, elem, w, file.f) != static_cast<size_t>(w)) {
             fail(d, path, "short file! (ends at row %d/%d)", y, h);
             dl_matrix_free(m);
-            free(row);
+            dl::mem_free(row);
             return nullptr;
         }
         for (int x = 0; x < w; x++) m->item[y * m->stride + x] = npy::to_float(row, type, x);
     }
-    free(row);
+    dl::mem_free(row);
     return m;
 }
 
@@ -398,7 +398,7 @@ dl_matrix3d_t *npy::load_filter_bank(const char *path, Diagnostic *d)
     if (count == 0) return t;
     const int elem = npy::width(type);
     const int group = row_path ? h : n;  // elements per read
-    auto *buf = static_cast<unsigned char *>(malloc(static_cast<size_t>(group) * elem));
+    auto *buf = static_cast<unsigned char *>(dl::mem_calloc(1, static_cast<size_t>(group) * elem));
     if (!buf) {
         fail(d, path, "out of memory");
         dl_matrix3d_free(t);
@@ -424,7 +424,7 @@ dl_matrix3d_t *npy::load_filter_bank(const char *path, Diagnostic *d)
                 for (int ch = 0; ch < c; ch++) {
                     if (fread(buf, elem, n, file.f) != static_cast<size_t>(n)) {
                         fail(d, path, "short file! (ends at row %d/%d)", y, h);
-                        free(buf);
+                        dl::mem_free(buf);
                         dl_matrix3d_free(t);
                         return nullptr;
                     }
@@ -435,7 +435,7 @@ dl_matrix3d_t *npy::load_filter_bank(const char *path, Diagnostic *d)
             }
         }
     }
-    free(buf);
+    dl::mem_free(buf);
     return t;
 }
 
@@ -495,7 +495,7 @@ dl_matrix3du_t *npy::load_input(const char *path, Diagnostic *d)
     if (!t) return nullptr;
     if (count == 0) return t;
     const int elem = npy::width(type);
-    auto *buf = static_cast<unsigned char *>(malloc(static_cast<size_t>(c) * elem));
+    auto *buf = static_cast<unsigned char *>(dl::mem_calloc(1, static_cast<size_t>(c) * elem));
     if (!buf) {
         fail(d, path, "out of memory");
         dl_matrix3du_free(t);
@@ -507,7 +507,7 @@ dl_matrix3du_t *npy::load_input(const char *path, Diagnostic *d)
         for (int x = 0; x < w; x++) {
             if (fread(buf, elem, c, file.f) != static_cast<size_t>(c)) {
                 fail(d, path, "short file! (ends at row %d/%d)", y, h);
-                free(buf);
+                dl::mem_free(buf);
                 dl_matrix3du_free(t);
                 return nullptr;
             }
@@ -516,6 +516,6 @@ dl_matrix3du_t *npy::load_input(const char *path, Diagnostic *d)
                     npy::to_byte(buf, type, ch);
         }
     }
-    free(buf);
+    dl::mem_free(buf);
     return t;
 }

@@ -14,14 +14,15 @@ int64_t element_count(int n, int w, int h, int c) { return tensor_element_count(
 template <class Tensor>
 Tensor *alloc_tensor(int n, int w, int h, int c, const char *failure)
 {
-    auto *t = static_cast<Tensor *>(calloc(1, sizeof(Tensor)));
+    auto *t = static_cast<Tensor *>(dl::mem_calloc(1, sizeof(Tensor)));
     if (!t) return nullptr;
     const int64_t count = element_count(n, w, h, c);
     if (count >= 0)
-        t->item = static_cast<decltype(t->item)>(calloc(count > 0 ? static_cast<size_t>(count) : 1, sizeof *t->item));
+        t->item =
+            static_cast<decltype(t->item)>(dl::mem_calloc(count > 0 ? static_cast<size_t>(count) : 1, sizeof *t->item));
     if (!t->item) {
         puts(failure);
-        free(t);
+        dl::mem_free(t);
         return nullptr;
     }
     t->w = w;
@@ -36,8 +37,8 @@ template <class Tensor>
 void free_tensor(Tensor *t)
 {
     if (!t) return;
-    free(t->item);
-    free(t);
+    dl::mem_free(t->item);
+    dl::mem_free(t);
 }
 
 template <class Tensor>
