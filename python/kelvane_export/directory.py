@@ -69,6 +69,9 @@ class AtomicDirectory:
         parent, base = os.path.split(self.directory)
         os.makedirs(parent, exist_ok=True)
         self.staging = tempfile.mkdtemp(prefix=f".{base}.", suffix=".partial", dir=parent)
+        umask = os.umask(0)  # mkdtemp makes it private; the model directory is not
+        os.umask(umask)
+        os.chmod(self.staging, 0o777 & ~umask)
         self.files = []
 
     @property
