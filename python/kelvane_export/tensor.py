@@ -228,10 +228,11 @@ class TensorModelWriter(ModelWriter):
         if clip is not None:
             self._define(self._last, "relu_clip", f"{float(clip)!r}f")
 
-    def sequential(self, net):
+    def sequential(self, net, prefix=""):
         """Writes an nn.Sequential (nested ones flattened): convolutions
         conv1, conv2, ..., pooling maxpool1, avgpool1, globalpool1, ...,
-        linear layers fc1, ... (one count per kind);
+        linear layers fc1, ... (one count per kind), each name after
+        `prefix`, which keeps the defines of two models in one program apart;
         batch norms fold into the layer before them, and nn.Dropout and
         nn.Identity are skipped as in evaluation."""
         import torch.nn as nn
@@ -248,7 +249,7 @@ class TensorModelWriter(ModelWriter):
 
         def next_name(kind):
             counts[kind] += 1
-            return f"{kind}{counts[kind]}"
+            return f"{prefix}{kind}{counts[kind]}"
         i = 0
         while i < len(modules):
             m = modules[i]

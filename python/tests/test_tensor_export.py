@@ -32,18 +32,19 @@ def forward(directory, defines, x):
     names.sort(key=lambda n: list(defines).index(next(k for k in defines if k.startswith(n + "_"))))
     for upper in names:
         name = upper.lower()
+        kind = re.search(r"(conv|maxpool|avgpool|globalpool|fc)\d+$", name).group(1)
 
         def d(key):
             return defines[f"{upper}_{key}"]
-        if name.startswith("conv"):
+        if kind == "conv":
             x = ref.conv_hwc(x, ref.load(directory, name + "_w"), ref.load(directory, name + "_b"),
                              (d("STRIDE_Y"), d("STRIDE_X")),
                              (d("PAD_TOP"), d("PAD_BOTTOM"), d("PAD_LEFT"), d("PAD_RIGHT")))
-        elif name.startswith("maxpool"):
+        elif kind == "maxpool":
             x = ref.max_pool_hwc(x, (d("FILTER_H"), d("FILTER_W")), (d("STRIDE_Y"), d("STRIDE_X")))
-        elif name.startswith("avgpool"):
+        elif kind == "avgpool":
             x = ref.avg_pool_hwc(x, (d("FILTER_H"), d("FILTER_W")), (d("STRIDE_Y"), d("STRIDE_X")))
-        elif name.startswith("globalpool"):
+        elif kind == "globalpool":
             x = ref.global_avg_pool_hwc(x)
         else:
             x = ref.fully_connect(ref.flatten_hwc(x), ref.load(directory, name + "_w"),
