@@ -242,10 +242,11 @@ class ModelWriter:
         if not isinstance(module, nn.Conv2d):
             raise ExportError(f"{name}: expected nn.Conv2d, got {_module_name(module)}")
         if module.in_channels != 1:
-            raise ExportError(f"{name}: {module.in_channels} input channels; the library convolves "
-                              "one-channel matrices only")
+            raise ExportError(f"{name}: {module.in_channels} input channels; this convolution takes "
+                              "one-channel matrices: export the network with TensorModelWriter for kelvane -3d")
         if module.groups != 1 or tuple(module.dilation) != (1, 1):
-            raise ExportError(f"{name}: groups and dilation must be 1 for the library's convolution")
+            raise ExportError(f"{name}: groups={module.groups}, dilation={tuple(module.dilation)}; "
+                              "the library's convolution needs groups=1 and dilation=1")
         filter_h, filter_w = module.kernel_size
         stride_y, stride_x = module.stride
         height, width = input_size

