@@ -47,11 +47,12 @@ class TensorModelWriter(ModelWriter):
       pooling      none
     A batch norm after a convolution or a linear layer is folded into it.
 
-    Defines for N (write_header()): every layer N_IN_H, N_IN_W, N_IN_C and
-    N_OUT_H, N_OUT_W, N_OUT_C; convolutions and pooling N_FILTER_H,
-    N_FILTER_W, N_STRIDE_Y, N_STRIDE_X; convolutions N_PAD_TOP, N_PAD_BOTTOM,
-    N_PAD_LEFT, N_PAD_RIGHT and N_DEPTHWISE; linear layers N_INPUTS and
-    N_OUTPUTS; a ReLU after N sets N_RELU, and N_RELU_CLIP if it clips.
+    Defines for N (write_header()): convolutions and pooling N_IN_H, N_IN_W,
+    N_IN_C, N_OUT_H, N_OUT_W, N_OUT_C; convolutions and window pooling
+    N_FILTER_H, N_FILTER_W, N_STRIDE_Y, N_STRIDE_X; convolutions N_PAD_TOP,
+    N_PAD_BOTTOM, N_PAD_LEFT, N_PAD_RIGHT and N_DEPTHWISE (0 or 1); linear
+    layers N_INPUTS and N_OUTPUTS; a ReLU after N sets N_RELU 1, and
+    N_RELU_CLIP (a float literal) if it clips.
     """
 
     MODE = "tensors"
@@ -183,8 +184,9 @@ class TensorModelWriter(ModelWriter):
         if module is not None and (module.start_dim != 1 or module.end_dim != -1):
             raise ExportError(f"nn.Flatten({module.start_dim}, {module.end_dim}); the library flattens "
                               "a whole image: use nn.Flatten()")
-        self._tensor_input("nn.Flatten", "flattening")
-        self._flat = True
+        if not self._flat:  # a row stays a row
+            self._tensor_input("nn.Flatten", "flattening")
+            self._flat = True
 
     def linear(self, name, module, batchnorm=None):
         """nn.Linear after nn.Flatten (or another linear layer), with an
