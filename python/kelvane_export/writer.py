@@ -179,7 +179,7 @@ class ModelWriter:
                               f"the converter's fixed epsilon of {CONVERTER_BN_EPSILON} cannot reproduce "
                               "it: train with nn.BatchNorm1d(..., eps=1e-3)")
         if variance_name in self._written:
-            raise ExportError(f"{name}: the variance name {variance_name} is taken by another batch norm; "
+            raise ExportError(f"{name}: the variance name {variance_name} is taken by an earlier layer; "
                               f"pass variance_name= (say variance_name=\"{name}_var\")")
         self._save(name + "_offset", offset)
         self._save(name + "_scale", scale)
