@@ -8,7 +8,27 @@ if(NOT CMAKE_CROSSCOMPILING AND EXISTS "${DL_LIB_PYTHON}")
     add_test(NAME python.exporter
              COMMAND "${DL_LIB_PYTHON}" -B -m unittest discover -s tests -t tests
              WORKING_DIRECTORY "${CMAKE_CURRENT_LIST_DIR}")
+    # pip install ./python into a scratch virtual environment, then the import.
+    add_test(NAME python.exporter_install
+             COMMAND "${DL_LIB_PYTHON}" -B -m unittest install_test
+             WORKING_DIRECTORY "${CMAKE_CURRENT_LIST_DIR}/tests")
   else()
     message(STATUS "Exporter tests skipped: ${DL_LIB_PYTHON} cannot import numpy and torch")
   endif()
+endif()
+
+# kelvane_add_model() converts a directory as its record .kelvane_options
+# says: fixtures written by tests/record/make_model.py, converted in each
+# format with no options but FORMAT, and checked by record.c.
+if(TARGET kelvane)
+  set(record_dir "${CMAKE_CURRENT_LIST_DIR}/tests/record")
+  add_executable(exporter_record_test "${record_dir}/record.c")
+  kelvane_add_model(exporter_record_test DIRECTORY "${record_dir}/model" NAME rec_q)
+  kelvane_add_model(exporter_record_test DIRECTORY "${record_dir}/model" NAME rec_f FORMAT FLOAT)
+  kelvane_add_model(exporter_record_test DIRECTORY "${record_dir}/model" NAME rec_qw FORMAT QUANTISED_WEIGHT)
+  kelvane_add_model(exporter_record_test DIRECTORY "${record_dir}/model" NAME rec_raw FORMAT FLOAT NO_RECORD)
+  kelvane_add_model(exporter_record_test DIRECTORY "${record_dir}/cnn" NAME rec_cnn)
+  set_target_properties(exporter_record_test PROPERTIES C_STANDARD 99 C_EXTENSIONS OFF)
+  target_compile_options(exporter_record_test PRIVATE -Wall -Wextra -Werror)
+  add_test(NAME python.exporter_record COMMAND exporter_record_test)
 endif()

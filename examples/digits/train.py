@@ -89,6 +89,12 @@ def train(net, x, y, epochs, lr):
     net.eval()
 
 
+def split():
+    digits = load_digits()
+    images = (digits.images / 16.0).astype(np.float32)
+    return train_test_split(images, digits.target, test_size=0.2, stratify=digits.target, random_state=20261123)
+
+
 # -- shifts of the fixed-point layers -----------------------------------------
 #
 # A fixed-point product keeps 15 + floor(log2(inputs)) - shift bits of its
@@ -180,10 +186,7 @@ def main():
     torch.set_num_threads(2)
     started = time.time()
 
-    digits = load_digits()
-    images = (digits.images / 16.0).astype(np.float32)
-    x_train, x_test, y_train, y_test = train_test_split(
-        images, digits.target, test_size=0.2, stratify=digits.target, random_state=20261123)
+    x_train, x_test, y_train, y_test = split()
     xt, yt = torch.from_numpy(x_train), torch.from_numpy(y_train)
     xs = torch.from_numpy(x_test)
 
@@ -206,6 +209,7 @@ def main():
     out.linear("lstm_fc", net.fc)
     out.model_info([(word, 1, 0.5, 0.5) for word in DIGITS], name="digits", version="lstm")
     out.defines["LSTM_SHIFT"], out.defines["LSTM_FC_SHIFT"] = lstm_shifts(net, xt)
+    out.close()
     out.write_header(os.path.join(HERE, "lstm_net.h"), comment="Written by train.py: sizes and shifts of lstm/")
     print("lstm: shifts", out.defines["LSTM_SHIFT"], out.defines["LSTM_FC_SHIFT"])
 
@@ -217,6 +221,7 @@ def main():
     out.linear("fc2", net.fc2)
     out.defines["FC1_SHIFT"], out.defines["BN1_SHIFT"], out.defines["FC2_SHIFT"] = conv_shifts(net, xt)
     out.defines["RELU_CLIP"] = f"{CLIP}f"
+    out.close()
     out.write_header(os.path.join(HERE, "conv_net.h"), comment="Written by train.py: sizes and shifts of conv/")
     print("conv: shifts", out.defines["FC1_SHIFT"], out.defines["BN1_SHIFT"], out.defines["FC2_SHIFT"],
           "; convert with -bnmatrices", out.bnmatrices)

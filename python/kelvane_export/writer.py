@@ -8,6 +8,7 @@ import re
 
 import numpy as np
 
+from .directory import AtomicDirectory, ExportError
 from .geometry import ConvGeometry, library_axis, torch_starts
 
 # kelvane pre-calculates sqrt(variance + 0.001) for batch-norm variances.
@@ -17,16 +18,32 @@ _IDENTIFIER = re.compile(r"[A-Za-z_][A-Za-z0-9_]*\Z")
 _WORD = re.compile(r"[A-Za-z0-9]+\Z")
 
 
-class ExportError(ValueError):
-    """A module or an argument that the library cannot express."""
-
-
 def _numpy(tensor):
     return tensor.detach().cpu().numpy().astype(np.float64)
 
 
 def _module_name(module):
     return type(module).__name__
+
+
+def conv_padding(name, module):
+    """The zero padding of an nn.Conv2d as (top, bottom, left, right).
+
+    padding='same' pads k - 1 in all, the larger half after, as PyTorch does.
+    """
+    if module.padding == "valid":
+        return 0, 0, 0, 0
+    if module.padding == "same":
+        (kh, kw), pads = module.kernel_size, []
+        for k in (kh, kw):
+            pads += [(k - 1) // 2, k - 1 - (k - 1) // 2]
+        top, bottom, left, right = pads
+    else:
+        (top, left), (bottom, right) = module.padding, module.padding
+    if (top or bottom or left or right) and module.padding_mode != "zeros":
+        raise ExportError(f"{name}: padding_mode={module.padding_mode!r}; the library pads with zeros: "
+                          "pass padding_mode='zeros' (the default)")
+    return top, bottom, left, right
 
 
 class ModelWriter:
@@ -42,16 +59,48 @@ class ModelWriter:
     and model_info() writes _MODEL_INFO_. Names must be C identifiers, since
     they name the generated tables, and each file is written once.
 
+    The directory is written whole: the files appear, and those of an
+    earlier export go, when close() runs (or the with block ends without an
+    exception), together with the record .kelvane_options of what the
+    conversion needs (-bnmatrices, the weights of the quantised-weight
+    form), which kelvane_add_model() reads. An error leaves the previous
+    directory as it was.
+
     `defines` collects the sizes of the layers written so far (and whatever
     the caller adds), as C macros for write_header().
     """
+
+    # The kelvane mode this writer's layouts are made for.
+    MODE = "matrices"
 
     def __init__(self, directory):
         self.directory = directory
         self.defines = {}
         self._written = set()
         self._variances = []
-        os.makedirs(directory, exist_ok=True)
+        self._weights = []  # tables that the quantised-weight layers read as fixed point
+        self._out = AtomicDirectory(directory)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, kind, value, traceback):
+        if kind is None:
+            self.close()
+        else:
+            self._out.discard()
+        return False
+
+    def close(self):
+        """Puts the directory in place with its record; later layers are refused."""
+        if self._out.open:
+            self._out.commit(self.record())
+
+    def record(self):
+        """What converting this directory needs, as written to .kelvane_options."""
+        return {"mode": [self.MODE],
+                "bnmatrices": [self.bnmatrices] if self._variances else [],
+                "quantised_weights": list(self._weights)}
 
     # -- files -------------------------------------------------------------
 
@@ -59,16 +108,15 @@ class ModelWriter:
         if not _IDENTIFIER.match(name):
             raise ExportError(f"{name!r} is not a C identifier; kelvane names tables after their files")
         if name in self._written:
-            raise ExportError(f"{name} is written twice")
+            raise ExportError(f"{name} is written twice: give each layer a name of its own")
         array = np.asarray(array, dtype=np.float64)
-        if array.ndim == 1:
+        if array.ndim == 1 and self.MODE == "matrices":
             array = array.reshape(1, -1)
         if not np.all(np.isfinite(array)):
             raise ExportError(f"{name} holds a value that is not finite")
         # The loader reads the data row-major whatever the header says, so
         # never let numpy.save write a column-major (transposed) array.
-        np.save(os.path.join(self.directory, name + ".npy"),
-                np.ascontiguousarray(array.astype("<f4")))
+        np.save(self._out.path(name + ".npy"), np.ascontiguousarray(array.astype("<f4")))
         self._written.add(name)
 
     def _define(self, name, key, value):
@@ -103,6 +151,7 @@ class ModelWriter:
             order = np.arange(c * h * w).reshape(c, h, w).transpose(1, 2, 0).reshape(-1)
             weight = weight[order]
         self._save(name + "_w", weight)
+        self._weights.append(name + "_w")
         if module.bias is not None:
             self._save(name + "_b", _numpy(module.bias))
         self._define(name, "inputs", weight.shape[0])
@@ -129,6 +178,9 @@ class ModelWriter:
             raise ExportError(f"{name}: a running variance is below {CONVERTER_BN_EPSILON} - eps; "
                               f"the converter's fixed epsilon of {CONVERTER_BN_EPSILON} cannot reproduce "
                               "it: train with nn.BatchNorm1d(..., eps=1e-3)")
+        if variance_name in self._written:
+            raise ExportError(f"{name}: the variance name {variance_name} is taken by an earlier layer; "
+                              f"pass variance_name= (say variance_name=\"{name}_var\")")
         self._save(name + "_offset", offset)
         self._save(name + "_scale", scale)
         self._save(name + "_mean", _numpy(module.running_mean))
@@ -168,6 +220,7 @@ class ModelWriter:
         bias = np.concatenate([bias[i], bias[g], bias[f] - 1.0, bias[o]])
         self._save(name + "_w", weight)
         self._save(name + "_b", bias)
+        self._weights.append(name + "_w")
         self._define(name, "inputs", module.input_size)
         self._define(name, "units", units)
 
@@ -189,20 +242,17 @@ class ModelWriter:
         if not isinstance(module, nn.Conv2d):
             raise ExportError(f"{name}: expected nn.Conv2d, got {_module_name(module)}")
         if module.in_channels != 1:
-            raise ExportError(f"{name}: {module.in_channels} input channels; the library convolves "
-                              "one-channel matrices only")
+            raise ExportError(f"{name}: {module.in_channels} input channels; this convolution takes "
+                              "one-channel matrices: export the network with TensorModelWriter for kelvane -3d")
         if module.groups != 1 or tuple(module.dilation) != (1, 1):
-            raise ExportError(f"{name}: groups and dilation must be 1 for the library's convolution")
-        if isinstance(module.padding, str):
-            raise ExportError(f"{name}: padding={module.padding!r}; give the padding as numbers")
-        if any(module.padding) and module.padding_mode != "zeros":
-            raise ExportError(f"{name}: padding_mode={module.padding_mode!r}; the library pads with zeros")
+            raise ExportError(f"{name}: groups={module.groups}, dilation={tuple(module.dilation)}; "
+                              "the library's convolution needs groups=1 and dilation=1")
         filter_h, filter_w = module.kernel_size
         stride_y, stride_x = module.stride
         height, width = input_size
-        pad_y, pad_x = module.padding
-        torch_x = torch_starts(width, filter_w, stride_x, pad[0] + pad_x, pad[1] + pad_x)
-        torch_y = torch_starts(height, filter_h, stride_y, pad[2] + pad_y, pad[3] + pad_y)
+        top, bottom, left, right = conv_padding(name, module)
+        torch_x = torch_starts(width, filter_w, stride_x, pad[0] + left, pad[1] + right)
+        torch_y = torch_starts(height, filter_h, stride_y, pad[2] + top, pad[3] + bottom)
         for padding in (0, 1):
             if padding == 0 and (filter_w > width or filter_h > height):
                 continue
@@ -224,6 +274,7 @@ class ModelWriter:
         bias = _numpy(module.bias) if module.bias is not None else np.zeros(out_channels)
         self._save(name + "_w", weight)
         self._save(name + "_b", bias)
+        self._weights.append(name + "_w")
         geometry = ConvGeometry(filter_w, filter_h, out_channels, stride_x, stride_y, padding,
                                 ax.positions, ay.positions)
         for key in ("filter_w", "filter_h", "out_channels", "stride_x", "stride_y", "padding",
@@ -248,7 +299,7 @@ class ModelWriter:
             if not (isinstance(window, int) and 1 <= window <= 9):
                 raise ExportError(f"_MODEL_INFO_: window {window!r} of {word} must be 1 to 9")
             fields += [word, str(window), f"{first:g}", f"{second:g}"]
-        with open(os.path.join(self.directory, "_MODEL_INFO_"), "w") as f:
+        with open(self._out.path("_MODEL_INFO_"), "w") as f:
             f.write("_".join(fields) + "\n")
 
     # -- beside the model --------------------------------------------------

@@ -107,3 +107,47 @@ def conv(image, weight, bias, geometry):
             window = padded[y0:y0 + g.filter_h, x0:x0 + g.filter_w].reshape(-1)
             out.append((window @ weight).astype(F32) + bias.reshape(-1))
     return np.concatenate(out).astype(F32)
+
+
+# -- tensors: height x width x channels, the channels of a position adjacent --
+
+def pad_hwc(x, top, bottom, left, right):
+    """Zero padding by sides."""
+    return np.pad(x, ((top, bottom), (left, right), (0, 0))).astype(F32)
+
+
+def _windows(x, fh, fw, sy, sx):
+    """The windows of x as (out_h, out_w, fh, fw, c), top-left first."""
+    out_h, out_w = (x.shape[0] - fh) // sy + 1, (x.shape[1] - fw) // sx + 1
+    return np.stack([np.stack([x[oy * sy:oy * sy + fh, ox * sx:ox * sx + fw] for ox in range(out_w)])
+                     for oy in range(out_h)])
+
+
+def conv_hwc(x, weight, bias, stride, pads):
+    """A convolution with a (fh, fw, in, out) filter bank, or a depthwise one
+    with (fh, fw, C, 1); stride (y, x), pads (top, bottom, left, right)."""
+    fh, fw, c, n = weight.shape
+    win = _windows(pad_hwc(x, *pads), fh, fw, *stride)
+    if n == 1 and c == x.shape[2] and c > 1:  # depthwise: window products per channel
+        out = (win * weight[:, :, :, 0]).astype(F32).sum(axis=(2, 3), dtype=F32)
+    else:
+        out = win.reshape(win.shape[0], win.shape[1], -1) @ weight.reshape(-1, n)
+    return (out.astype(F32) + bias.reshape(-1)).astype(F32)
+
+
+def max_pool_hwc(x, size, stride):
+    return _windows(x, *size, *stride).max(axis=(2, 3))
+
+
+def avg_pool_hwc(x, size, stride):
+    win = _windows(x, *size, *stride)
+    return (win.sum(axis=(2, 3), dtype=F32) / F32(size[0] * size[1])).astype(F32)
+
+
+def global_avg_pool_hwc(x):
+    return avg_pool_hwc(x, x.shape[:2], (1, 1))
+
+
+def flatten_hwc(x):
+    """The tensor as one row, height, width, channel order."""
+    return x.reshape(1, -1)

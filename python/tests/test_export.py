@@ -4,6 +4,7 @@ import os
 import sys
 import tempfile
 import unittest
+import warnings
 
 import numpy as np
 import torch
@@ -13,7 +14,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import reference as ref  # noqa: E402
-from kelvane_export import ExportError, ModelWriter, library_axis  # noqa: E402
+from kelvane_export import ExportError, ModelWriter, TensorModelWriter, library_axis, read_record  # noqa: E402
 
 # The table activations differ from the exact functions by at most 0.0032
 # (sigmoid) and 0.0063 (tanh); eight steps of the cells below, whose weights
@@ -24,15 +25,19 @@ TABLE_LSTM_BOUND = 0.03
 class ExportCase(unittest.TestCase):
     def setUp(self):
         torch.manual_seed(7)
+        # PyTorch notes that an even window with padding='same' copies the input.
+        warnings.filterwarnings("ignore", "Using padding='same'", UserWarning)
         self.rng = np.random.default_rng(7)
         self._tmp = tempfile.TemporaryDirectory()
         self.dir = self._tmp.name
         self.out = ModelWriter(self.dir)
 
     def tearDown(self):
+        self.out._out.discard()
         self._tmp.cleanup()
 
     def load(self, name):
+        self.out.close()
         return ref.load(self.dir, name)
 
     def randn(self, *shape):
@@ -63,6 +68,7 @@ class LayoutTest(ExportCase):
                 out = ModelWriter(os.path.join(self.dir, str(bias)))
                 fc = nn.Linear(6, 4, bias=bias)
                 out.linear("fc", fc)
+                out.close()
                 x = self.randn(3, 6)
                 b = ref.load(out.directory, "fc_b") if bias else None
                 got = ref.fully_connect(x, ref.load(out.directory, "fc_w"), b)
@@ -81,6 +87,7 @@ class LayoutTest(ExportCase):
                     bn.bias.data.uniform_(-1, 1)
                 bn.eval()
                 out.batchnorm("bn", bn)
+                out.close()
                 x = self.randn(4, 5)
                 d = out.directory
                 got = ref.batch_normalize(x, ref.load(d, "bn_offset"), ref.load(d, "bn_scale"),
@@ -120,6 +127,9 @@ class LayoutTest(ExportCase):
         ("stride 2 padded after", lambda: nn.Sequential(nn.ZeroPad2d((0, 1, 0, 1)), nn.Conv2d(1, 4, 3, stride=2)),
          (8, 8), 1),
         ("even filter", lambda: nn.Sequential(nn.ZeroPad2d((0, 1, 0, 1)), nn.Conv2d(1, 2, 2)), (4, 5), 1),
+        ("padding='same'", lambda: nn.Conv2d(1, 3, 3, padding="same"), (6, 7), 1),
+        ("padding='same', even filter", lambda: nn.Conv2d(1, 3, 2, padding="same"), (4, 5), 1),
+        ("padding='valid'", lambda: nn.Conv2d(1, 3, 3, padding="valid"), (6, 7), 0),
         ("filter larger than input", lambda: nn.Sequential(nn.ZeroPad2d((0, 2, 0, 2)), nn.Conv2d(1, 2, 6, stride=4)),
          (4, 4), 1),
     ]
@@ -130,6 +140,7 @@ class LayoutTest(ExportCase):
                 out = ModelWriter(os.path.join(self.dir, label))
                 module = make()
                 geometry = out.conv2d("conv", module, size)
+                out.close()
                 self.assertEqual(geometry.padding, padding)
                 image = self.randn(*size)
                 got = ref.conv(image, ref.load(out.directory, "conv_w"), ref.load(out.directory, "conv_b"),
@@ -156,7 +167,7 @@ class RefusalTest(ExportCase):
         tiny_var = nn.BatchNorm1d(3)
         tiny_var.running_var.fill_(1e-4)
         cases = [
-            ("two input channels", lambda w: w.conv2d("c", nn.Conv2d(2, 4, 3), (8, 8)), "input channels"),
+            ("two input channels", lambda w: w.conv2d("c", nn.Conv2d(2, 4, 3), (8, 8)), "TensorModelWriter"),
             ("dilation", lambda w: w.conv2d("c", nn.Conv2d(1, 4, 3, dilation=2), (8, 8)), "dilation"),
             ("strided same padding", lambda w: w.conv2d("c", nn.Conv2d(1, 4, 3, stride=2, padding=1), (8, 8)),
              "nn.ZeroPad2d"),
@@ -174,7 +185,8 @@ class RefusalTest(ExportCase):
             ("written twice", lambda w: (w.linear("f", nn.Linear(2, 2)), w.linear("f", nn.Linear(2, 2))),
              "twice"),
             ("two variances one name", lambda w: (w.batchnorm("a", nn.BatchNorm1d(2).eval()),
-                                                  w.batchnorm("b", nn.BatchNorm1d(2).eval())), "pop_var"),
+                                                  w.batchnorm("b", nn.BatchNorm1d(2).eval())),
+             'variance_name="b_var"'),
             ("word with _", lambda w: w.model_info([("hey_you", 3, 0.5, 0.5)]), "letters and digits"),
             ("window 0", lambda w: w.model_info([("hey", 0, 0.5, 0.5)]), "1 to 9"),
             ("window 10", lambda w: w.model_info([("hey", 10, 0.5, 0.5)]), "1 to 9"),
@@ -183,13 +195,15 @@ class RefusalTest(ExportCase):
         for label, call, message in cases:
             with self.subTest(label):
                 with self.assertRaises(ExportError) as caught:
-                    call(ModelWriter(os.path.join(self.dir, label)))
+                    with ModelWriter(os.path.join(self.dir, label)) as w:
+                        call(w)
                 self.assertIn(message, str(caught.exception))
 
 
 class FilesTest(ExportCase):
     def test_arrays_are_row_major_float32(self):
         self.out.linear("fc", nn.Linear(3, 2))  # the weight is a transposed view
+        self.out.close()
         with open(os.path.join(self.dir, "fc_w.npy"), "rb") as f:
             header = f.read(128).decode("latin1")
         self.assertIn("'descr': '<f4'", header)
@@ -199,6 +213,7 @@ class FilesTest(ExportCase):
 
     def test_model_info_line(self):
         self.out.model_info([("zero", 1, 0.5, 0.25), ("one", 9, 0.75, 0.125)], name="digits", version="v2")
+        self.out.close()
         with open(os.path.join(self.dir, "_MODEL_INFO_")) as f:
             self.assertEqual(f.read(), "digits_v2_zero_1_0.5_0.25_one_9_0.75_0.125\n")
 
@@ -214,6 +229,80 @@ class FilesTest(ExportCase):
                      "#define BN_SIZE 3", "#define FC_SHIFT 2"):
             self.assertIn(line + "\n", text)
         self.assertEqual(self.out.bnmatrices, "bn_var")
+
+
+class DirectoryTest(unittest.TestCase):
+    """The directory is replaced whole, or not at all, and records its options."""
+
+    def setUp(self):
+        self._tmp = tempfile.TemporaryDirectory()
+        self.addCleanup(self._tmp.cleanup)
+        self.dir = os.path.join(self._tmp.name, "model")
+
+    def entries(self):
+        return sorted(os.listdir(self.dir))
+
+    def snapshot(self):
+        contents = {}
+        for e in self.entries():
+            with open(os.path.join(self.dir, e), "rb") as f:
+                contents[e] = f.read()
+        return contents
+
+    def test_rewrite_drops_the_files_of_layers_that_left(self):
+        with ModelWriter(self.dir) as out:
+            out.linear("old", nn.Linear(2, 2))
+            self.assertFalse(os.path.exists(self.dir))  # nothing shows before the end
+        with ModelWriter(self.dir) as out:
+            out.linear("fc", nn.Linear(2, 2))
+        self.assertEqual(self.entries(), [".kelvane_options", "fc_b.npy", "fc_w.npy"])
+        self.assertEqual(sorted(os.listdir(self._tmp.name)), ["model"])  # no staging left
+
+    def test_an_error_leaves_the_previous_directory(self):
+        with ModelWriter(self.dir) as out:
+            out.linear("fc", nn.Linear(2, 2))
+        before = self.snapshot()
+        with self.assertRaises(ExportError):
+            with ModelWriter(self.dir) as out:
+                out.linear("fc", nn.Linear(3, 3))
+                out.lstm("fc", nn.GRU(2, 2))
+        self.assertEqual(self.snapshot(), before)
+        self.assertEqual(sorted(os.listdir(self._tmp.name)), ["model"])
+
+    def test_a_directory_with_other_files_is_refused(self):
+        os.makedirs(self.dir)
+        open(os.path.join(self.dir, "notes.txt"), "w").close()
+        with self.assertRaises(ExportError) as caught:
+            ModelWriter(self.dir)
+        self.assertIn("notes.txt, which no export wrote", str(caught.exception))
+        # .npy files and _MODEL_INFO_ of an export without a record are taken over.
+        os.remove(os.path.join(self.dir, "notes.txt"))
+        for entry in ("w.npy", "_MODEL_INFO_"):
+            open(os.path.join(self.dir, entry), "w").close()
+        with ModelWriter(self.dir) as out:
+            out.linear("fc", nn.Linear(2, 2))
+        self.assertEqual(self.entries(), [".kelvane_options", "fc_b.npy", "fc_w.npy"])
+
+    def test_record(self):
+        cases = [
+            (lambda: ModelWriter(self.dir), lambda w: (w.conv2d("c", nn.Conv2d(1, 2, 3), (5, 5)),
+                                                       w.batchnorm("bn", nn.BatchNorm1d(2).eval(), "bn_var"),
+                                                       w.batchnorm("bn2", nn.BatchNorm1d(2).eval(), "bn2_var"),
+                                                       w.linear("fc", nn.Linear(2, 2))),
+             {"mode": ["matrices"], "bnmatrices": ["bn_var,bn2_var"], "quantised_weights": ["c_w", "fc_w"]}),
+            (lambda: ModelWriter(self.dir), lambda w: w.linear("fc", nn.Linear(2, 2, bias=False)),
+             {"mode": ["matrices"], "quantised_weights": ["fc_w"]}),
+            (lambda: TensorModelWriter(self.dir, (4, 4, 1)), lambda w: w.conv2d("c", nn.Conv2d(1, 2, 3)),
+             {"mode": ["tensors"]}),
+        ]
+        for make, write, want in cases:
+            with self.subTest(want):
+                with make() as out:
+                    write(out)
+                record = read_record(self.dir)
+                files = record.pop("files")
+                self.assertEqual(record, want)
+                self.assertEqual(files, [e for e in self.entries() if not e.startswith(".")])
 
 
 if __name__ == "__main__":

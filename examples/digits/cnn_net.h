@@ -1,0 +1,69 @@
+/* Written by train_cnn.py: shapes, pads and strides of cnn/ (kelvane -3d) */
+#ifndef CNN_NET_H
+#define CNN_NET_H
+
+#define CNN_CONV1_IN_H 8
+#define CNN_CONV1_IN_W 8
+#define CNN_CONV1_IN_C 1
+#define CNN_CONV1_FILTER_H 3
+#define CNN_CONV1_FILTER_W 3
+#define CNN_CONV1_STRIDE_Y 1
+#define CNN_CONV1_STRIDE_X 1
+#define CNN_CONV1_PAD_TOP 1
+#define CNN_CONV1_PAD_BOTTOM 1
+#define CNN_CONV1_PAD_LEFT 1
+#define CNN_CONV1_PAD_RIGHT 1
+#define CNN_CONV1_DEPTHWISE 0
+#define CNN_CONV1_OUT_H 8
+#define CNN_CONV1_OUT_W 8
+#define CNN_CONV1_OUT_C 8
+#define CNN_CONV1_RELU 1
+#define CNN_CONV1_RELU_CLIP 6.0f
+#define CNN_CONV2_IN_H 8
+#define CNN_CONV2_IN_W 8
+#define CNN_CONV2_IN_C 8
+#define CNN_CONV2_FILTER_H 3
+#define CNN_CONV2_FILTER_W 3
+#define CNN_CONV2_STRIDE_Y 1
+#define CNN_CONV2_STRIDE_X 1
+#define CNN_CONV2_PAD_TOP 1
+#define CNN_CONV2_PAD_BOTTOM 1
+#define CNN_CONV2_PAD_LEFT 1
+#define CNN_CONV2_PAD_RIGHT 1
+#define CNN_CONV2_DEPTHWISE 1
+#define CNN_CONV2_OUT_H 8
+#define CNN_CONV2_OUT_W 8
+#define CNN_CONV2_OUT_C 8
+#define CNN_CONV2_RELU 1
+#define CNN_CONV2_RELU_CLIP 6.0f
+#define CNN_CONV3_IN_H 8
+#define CNN_CONV3_IN_W 8
+#define CNN_CONV3_IN_C 8
+#define CNN_CONV3_FILTER_H 1
+#define CNN_CONV3_FILTER_W 1
+#define CNN_CONV3_STRIDE_Y 1
+#define CNN_CONV3_STRIDE_X 1
+#define CNN_CONV3_PAD_TOP 0
+#define CNN_CONV3_PAD_BOTTOM 0
+#define CNN_CONV3_PAD_LEFT 0
+#define CNN_CONV3_PAD_RIGHT 0
+#define CNN_CONV3_DEPTHWISE 0
+#define CNN_CONV3_OUT_H 8
+#define CNN_CONV3_OUT_W 8
+#define CNN_CONV3_OUT_C 16
+#define CNN_CONV3_RELU 1
+#define CNN_CONV3_RELU_CLIP 6.0f
+#define CNN_MAXPOOL1_IN_H 8
+#define CNN_MAXPOOL1_IN_W 8
+#define CNN_MAXPOOL1_IN_C 16
+#define CNN_MAXPOOL1_FILTER_H 2
+#define CNN_MAXPOOL1_FILTER_W 2
+#define CNN_MAXPOOL1_STRIDE_Y 2
+#define CNN_MAXPOOL1_STRIDE_X 2
+#define CNN_MAXPOOL1_OUT_H 4
+#define CNN_MAXPOOL1_OUT_W 4
+#define CNN_MAXPOOL1_OUT_C 16
+#define CNN_FC1_INPUTS 256
+#define CNN_FC1_OUTPUTS 10
+
+#endif /* CNN_NET_H */
