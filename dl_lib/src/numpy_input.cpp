@@ -218,6 +218,36 @@ using namespace dl;
 using npy::Diagnostic;
 using npy::fail;
 
+namespace {
+
+// The element reads every loader shares: `reads` reads of `group` elements
+// each, in file order, through one buffer. store(r, buf) places read r; a
+// read that comes back short goes to on_short(r, got), which reports it and
+// says whether the load goes on (the filter bank's row path) or fails.
+template <class Store, class OnShort>
+bool read_groups(npy::File &file, Diagnostic *d, const char *path, npy::Type type, int64_t reads, int group,
+                 Store store, OnShort on_short)
+{
+    const int elem = npy::width(type);
+    auto *buf = static_cast<unsigned char *>(dl::mem_calloc(1, static_cast<size_t>(group) * elem));
+    if (!buf) {
+        fail(d, path, "out of memory");
+        return false;
+    }
+    for (int64_t r = 0; r < reads; r++) {
+        const size_t got = fread(buf, elem, group, file.f);
+        if (got == static_cast<size_t>(group)) store(r, buf);
+        else if (!on_short(r, got)) {
+            dl::mem_free(buf);
+            return false;
+        }
+    }
+    dl::mem_free(buf);
+    return true;
+}
+
+}  // namespace
+
 dl_matrix2d_t *npy::load_matrix2d(const char *path, Diagnostic *d)
 {
     npy::File file;
@@ -259,27 +289,26 @@ dl_matrix2d_t *npy::load_matrix2d(const char *path, Diagnostic *d)
     }
 
     dl_matrix2d_t *m = dl_matrix_alloc(w, h);
-    // A shape with a zero entry has nothing to read: no row buffer sized by
-    // the other entry, and no empty reads counted by it.
-    if (m && count == 0) return m;
-    const int elem = npy::width(type);
-    auto *row = static_cast<unsigned char *>(dl::mem_calloc(1, static_cast<size_t>(w) * elem + 1));
-    if (!m || !row) {
+    if (!m) {
         fail(d, path, "out of memory");
-        dl_matrix_free(m);
-        dl::mem_free(row);
         return nullptr;
     }
-    for (int y = 0; y < h; y++) {
-        if (fread(row, elem, w, file.f) != static_cast<size_t>(w)) {
-            fail(d, path, "short file! (ends at row %d/%d)", y, h);
-            dl_matrix_free(m);
-            dl::mem_free(row);
-            return nullptr;
-        }
-        for (int x = 0; x < w; x++) m->item[y * m->stride + x] = npy::to_float(row, type, x);
+    // A shape with a zero entry has nothing to read: no row buffer sized by
+    // the other entry, and no empty reads counted by it.
+    if (count == 0) return m;
+    const bool read = read_groups(
+        file, d, path, type, h, w,
+        [&](int64_t y, const unsigned char *row) {
+            for (int x = 0; x < w; x++) m->item[y * m->stride + x] = npy::to_float(row, type, x);
+        },
+        [&](int64_t y, size_t) {
+            fail(d, path, "short file! (ends at row %d/%d)", static_cast<int>(y), h);
+            return false;
+        });
+    if (!read) {
+        dl_matrix_free(m);
+        return nullptr;
     }
-    dl::mem_free(row);
     return m;
 }
 
@@ -396,46 +425,41 @@ dl_matrix3d_t *npy::load_filter_bank(const char *path, Diagnostic *d)
     dl_matrix3d_t *t = dl_matrix3d_alloc(n, w, h, c);
     if (!t) return nullptr;
     if (count == 0) return t;
-    const int elem = npy::width(type);
-    const int group = row_path ? h : n;  // elements per read
-    auto *buf = static_cast<unsigned char *>(dl::mem_calloc(1, static_cast<size_t>(group) * elem));
-    if (!buf) {
-        fail(d, path, "out of memory");
+    bool read;
+    if (row_path) {
+        // File row r, column s is tensor row s, column r. A short row is
+        // reported and its elements stay 0, also those that did arrive.
+        read = read_groups(
+            file, d, path, type, w, h,
+            [&](int64_t r, const unsigned char *buf) {
+                for (int col = 0; col < h; col++)
+                    t->item[r + static_cast<int64_t>(w) * col] = npy::to_float(buf, type, col);
+            },
+            [&](int64_t r, size_t got) {
+                fail(d, path, "short file! (ends at row %d/%d), num: %d", static_cast<int>(r), w,
+                     static_cast<int>(got));
+                return true;
+            });
+    } else {
+        // One read per position (y, x, ch) fetches it for all filters; each
+        // filter is stored whole.
+        read = read_groups(
+            file, d, path, type, static_cast<int64_t>(h) * w * c, n,
+            [&](int64_t r, const unsigned char *buf) {
+                const int64_t y = r / (static_cast<int64_t>(w) * c), x = r / c % w, ch = r % c;
+                for (int i = 0; i < n; i++)
+                    t->item[(static_cast<int64_t>(h) * i + y) * t->stride + c * x + ch] = npy::to_float(buf, type, i);
+            },
+            [&](int64_t r, size_t) {
+                fail(d, path, "short file! (ends at row %d/%d)", static_cast<int>(r / (static_cast<int64_t>(w) * c)),
+                     h);
+                return false;
+            });
+    }
+    if (!read) {
         dl_matrix3d_free(t);
         return nullptr;
     }
-    if (row_path) {
-        // File row r, column s is tensor row s, column r.
-        for (int r = 0; r < w; r++) {
-            const size_t got = fread(buf, elem, h, file.f);
-            if (got != static_cast<size_t>(h)) {
-                // The row's elements stay 0, also those that did arrive.
-                fail(d, path, "short file! (ends at row %d/%d), num: %d", r, w, static_cast<int>(got));
-                continue;
-            }
-            for (int col = 0; col < h; col++)
-                t->item[r + static_cast<int64_t>(w) * col] = npy::to_float(buf, type, col);
-        }
-    } else {
-        // One read per position fetches it for all filters; each filter is
-        // stored whole.
-        for (int y = 0; y < h; y++) {
-            for (int x = 0; x < w; x++) {
-                for (int ch = 0; ch < c; ch++) {
-                    if (fread(buf, elem, n, file.f) != static_cast<size_t>(n)) {
-                        fail(d, path, "short file! (ends at row %d/%d)", y, h);
-                        dl::mem_free(buf);
-                        dl_matrix3d_free(t);
-                        return nullptr;
-                    }
-                    for (int i = 0; i < n; i++)
-                        t->item[(static_cast<int64_t>(h) * i + y) * t->stride + static_cast<int64_t>(c) * x + ch] =
-                            npy::to_float(buf, type, i);
-                }
-            }
-        }
-    }
-    dl::mem_free(buf);
     return t;
 }
 
@@ -494,28 +518,20 @@ dl_matrix3du_t *npy::load_input(const char *path, Diagnostic *d)
     dl_matrix3du_t *t = dl_matrix3du_alloc(1, w, h, c);
     if (!t) return nullptr;
     if (count == 0) return t;
-    const int elem = npy::width(type);
-    auto *buf = static_cast<unsigned char *>(dl::mem_calloc(1, static_cast<size_t>(c) * elem));
-    if (!buf) {
-        fail(d, path, "out of memory");
+    // The file's order is the tensor's: a straight copy, position by
+    // position.
+    const bool read = read_groups(
+        file, d, path, type, static_cast<int64_t>(h) * w, c,
+        [&](int64_t r, const unsigned char *buf) {
+            for (int ch = 0; ch < c; ch++) t->item[static_cast<int64_t>(c) * r + ch] = npy::to_byte(buf, type, ch);
+        },
+        [&](int64_t r, size_t) {
+            fail(d, path, "short file! (ends at row %d/%d)", static_cast<int>(r / w), h);
+            return false;
+        });
+    if (!read) {
         dl_matrix3du_free(t);
         return nullptr;
     }
-    // The file's order is the tensor's: a straight copy, position by
-    // position.
-    for (int y = 0; y < h; y++) {
-        for (int x = 0; x < w; x++) {
-            if (fread(buf, elem, c, file.f) != static_cast<size_t>(c)) {
-                fail(d, path, "short file! (ends at row %d/%d)", y, h);
-                dl::mem_free(buf);
-                dl_matrix3du_free(t);
-                return nullptr;
-            }
-            for (int ch = 0; ch < c; ch++)
-                t->item[static_cast<int64_t>(t->stride) * y + static_cast<int64_t>(c) * x + ch] =
-                    npy::to_byte(buf, type, ch);
-        }
-    }
-    dl::mem_free(buf);
     return t;
 }

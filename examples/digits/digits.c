@@ -30,6 +30,7 @@
 #include "lstm_net.h"
 #include "lstm_q.h"
 #include "lstm_qw.h"
+#include "net_util.h"
 
 #define SIDE    8 /* images are SIDE x SIDE pixels, 0 to 1 */
 #define CLASSES 10
@@ -40,7 +41,7 @@
 /* Every table a variant needs, fetched once by name; a missing one is fatal. */
 static const dl_matrix2d_t *need_f(const model_coeff_getter_t *model, const char *name)
 {
-    const dl_matrix2d_t *m = model->getter_f ? model->getter_f(name, NULL, 0) : NULL;
+    const dl_matrix2d_t *m = net_table_f(model, name);
     if (!m) {
         fprintf(stderr, "digits: no float table %s\n", name);
         exit(2);
@@ -50,36 +51,11 @@ static const dl_matrix2d_t *need_f(const model_coeff_getter_t *model, const char
 
 static const dl_matrix2dq_t *need_q(const model_coeff_getter_t *model, const char *name)
 {
-    const dl_matrix2dq_t *m = model->getter_q ? model->getter_q(name, NULL, 0) : NULL;
+    const dl_matrix2dq_t *m = net_table_q(model, name);
     if (!m) {
         fprintf(stderr, "digits: no fixed-point table %s\n", name);
         exit(2);
     }
-    return m;
-}
-
-/* Index of the largest of n floats (the first on a tie). */
-static int argmax_f(const dl_matrix2d_t *scores)
-{
-    int best = 0;
-    for (int x = 1; x < scores->w; x++)
-        if (scores->item[x] > scores->item[best]) best = x;
-    return best;
-}
-
-/* The same for a one-row fixed-point record: its items share one exponent. */
-static int argmax_q(const dl_matrix2dq_t *scores)
-{
-    int best = 0;
-    for (int x = 1; x < scores->w; x++)
-        if (scores->itemq[scores->stride * x] > scores->itemq[scores->stride * best]) best = x;
-    return best;
-}
-
-/* A record over caller-owned floats, w x h, row-major. */
-static dl_matrix2d_t view(const fptp_t *items, int w, int h)
-{
-    dl_matrix2d_t m = {.w = w, .h = h, .stride = w, .flags = DL_MF_FOREIGNDATA, .item = (fptp_t *)items};
     return m;
 }
 
@@ -102,11 +78,11 @@ static int lstm_float(const fptp_t *image)
     dl_matrix_zero(c);
     dl_matrix_zero(h);
     for (int t = 0; t < SIDE; t++) {
-        dl_matrix2d_t row = view(image + SIDE * t, SIDE, 1);
+        dl_matrix2d_t row = net_view(image + SIDE * t, SIDE, 1);
         dl_basic_lstm_layer(&row, c, h, w, b);
     }
     dl_fully_connect_layer(h, fc_w, fc_b, scores);
-    return argmax_f(scores);
+    return net_argmax_f(scores);
 }
 
 static int lstm_quantised_weights(const fptp_t *image)
@@ -127,13 +103,13 @@ static int lstm_quantised_weights(const fptp_t *image)
     dl_matrix_zero(c);
     dl_matrix_zero(h);
     for (int t = 0; t < SIDE; t++) {
-        dl_matrix2d_t row = view(image + SIDE * t, SIDE, 1);
+        dl_matrix2d_t row = net_view(image + SIDE * t, SIDE, 1);
         dl_basic_lstm_layer_quantised_weights(&row, c, h, w, b);
     }
     /* A fully connected layer with a fixed-point weight: product, then bias. */
     dl_matrix_matrixq_dot(h, fc_w, scores);
     dl_matrix_add(scores, fc_b, scores);
-    return argmax_f(scores);
+    return net_argmax_f(scores);
 }
 
 static int lstm_fixed(const fptp_t *image)
@@ -153,7 +129,7 @@ static int lstm_fixed(const fptp_t *image)
     }
     /* The image is quantised as a whole, so that a blank row shares the
      * exponent of the others instead of getting one of its own. */
-    dl_matrix2d_t whole = view(image, SIDE, SIDE);
+    dl_matrix2d_t whole = net_view(image, SIDE, SIDE);
     dl_matrixq_from_matrix2d(&whole, pixels);
     /* Zero states at the exponent of a fresh record: the first step joins
      * them to the input without raising the input's exponent. */
@@ -165,7 +141,7 @@ static int lstm_fixed(const fptp_t *image)
         dl_basic_lstm_layer_q(step, c, h, w, b, LSTM_SHIFT);
     }
     dl_fully_connect_layer_q(h, fc_w, fc_b, scores, LSTM_FC_SHIFT);
-    return argmax_q(scores);
+    return net_argmax_q(scores);
 }
 
 /* ---- Convolution, then two fully connected layers with batch norm ------- */
@@ -190,7 +166,7 @@ static int conv_float(const fptp_t *image)
         hidden = dl_matrix_alloc(FC1_OUTPUTS, 1);
         scores = dl_matrix_alloc(CLASSES, 1);
     }
-    dl_matrix2d_t whole = view(image, SIDE, SIDE);
+    dl_matrix2d_t whole = net_view(image, SIDE, SIDE);
     dl_basic_conv_layer(&whole, conv_w, conv_b, CONV_FILTER_W, CONV_FILTER_H, CONV_OUT_CHANNELS, CONV_STRIDE_X,
                         CONV_STRIDE_Y, CONV_PADDING, features);
     dl_relu(features, RELU_CLIP, features);
@@ -198,7 +174,7 @@ static int conv_float(const fptp_t *image)
     dl_batch_normalize(hidden, offset, scale, mean, root);
     dl_relu(hidden, RELU_CLIP, hidden);
     dl_fully_connect_layer(hidden, fc2_w, fc2_b, scores);
-    return argmax_f(scores);
+    return net_argmax_f(scores);
 }
 
 static int conv_quantised_weights(const fptp_t *image)
@@ -222,7 +198,7 @@ static int conv_quantised_weights(const fptp_t *image)
         hidden = dl_matrix_alloc(FC1_OUTPUTS, 1);
         scores = dl_matrix_alloc(CLASSES, 1);
     }
-    dl_matrix2d_t whole = view(image, SIDE, SIDE);
+    dl_matrix2d_t whole = net_view(image, SIDE, SIDE);
     dl_basic_conv_layer_quantised_weight(&whole, conv_w, conv_b, CONV_FILTER_W, CONV_FILTER_H, CONV_OUT_CHANNELS,
                                          CONV_STRIDE_X, CONV_STRIDE_Y, CONV_PADDING, features);
     dl_relu(features, RELU_CLIP, features);
@@ -232,7 +208,7 @@ static int conv_quantised_weights(const fptp_t *image)
     dl_relu(hidden, RELU_CLIP, hidden);
     dl_matrix_matrixq_dot(hidden, fc2_w, scores);
     dl_matrix_add(scores, fc2_b, scores);
-    return argmax_f(scores);
+    return net_argmax_f(scores);
 }
 
 static int conv_fixed(const fptp_t *image)
@@ -259,7 +235,7 @@ static int conv_fixed(const fptp_t *image)
         hidden = dl_matrixq_alloc(FC1_OUTPUTS, 1);
         scores = dl_matrixq_alloc(CLASSES, 1);
     }
-    dl_matrix2d_t whole = view(image, SIDE, SIDE);
+    dl_matrix2d_t whole = net_view(image, SIDE, SIDE);
     dl_basic_conv_layer_quantised_weight(&whole, conv_w, conv_b, CONV_FILTER_W, CONV_FILTER_H, CONV_OUT_CHANNELS,
                                          CONV_STRIDE_X, CONV_STRIDE_Y, CONV_PADDING, features);
     dl_relu(features, RELU_CLIP, features);
@@ -268,7 +244,7 @@ static int conv_fixed(const fptp_t *image)
     dl_batch_normalize_q(hidden, offset, scale, mean, root, BN1_SHIFT);
     dl_relu_q(hidden, RELU_CLIP, hidden);
     dl_fully_connect_layer_q(hidden, fc2_w, fc2_b, scores, FC2_SHIFT);
-    return argmax_q(scores);
+    return net_argmax_q(scores);
 }
 
 /* ---- The table ---------------------------------------------------------- */

@@ -9,6 +9,7 @@
 #include "lstm_q.h"
 #include "lstm_qw.h"
 #include "measure.h"
+#include "net_util.h"
 
 #define CLASSES 10
 
@@ -27,14 +28,14 @@ static const char *missing;
 
 static const dl_matrix2d_t *table_f(const model_coeff_getter_t *model, const char *name)
 {
-    const dl_matrix2d_t *m = model->getter_f ? model->getter_f(name, NULL, 0) : NULL;
+    const dl_matrix2d_t *m = net_table_f(model, name);
     if (!m && !missing) missing = name;
     return m;
 }
 
 static const dl_matrix2dq_t *table_q(const model_coeff_getter_t *model, const char *name)
 {
-    const dl_matrix2dq_t *m = model->getter_q ? model->getter_q(name, NULL, 0) : NULL;
+    const dl_matrix2dq_t *m = net_table_q(model, name);
     if (!m && !missing) missing = name;
     return m;
 }
@@ -47,30 +48,6 @@ static void trace(int r, const char *name, const dl_matrix2d_t *f, const dl_matr
     s->name = name;
     s->f = f;
     s->q = q;
-}
-
-/* A record over the caller's floats, w x h, row-major. */
-static dl_matrix2d_t view(const fptp_t *items, int w, int h)
-{
-    dl_matrix2d_t m = {w, h, w, DL_MF_FOREIGNDATA, (fptp_t *)items};
-    return m;
-}
-
-static int argmax_f(const dl_matrix2d_t *scores)
-{
-    int best = 0;
-    for (int x = 1; x < scores->w; x++)
-        if (scores->item[x] > scores->item[best]) best = x;
-    return best;
-}
-
-/* One row of items at one exponent: comparing items compares values. */
-static int argmax_q(const dl_matrix2dq_t *scores)
-{
-    int best = 0;
-    for (int x = 1; x < scores->w; x++)
-        if (scores->itemq[scores->stride * x] > scores->itemq[scores->stride * best]) best = x;
-    return best;
 }
 
 /* ---- LSTM network: the image rows are 8 time steps, then one fully
@@ -128,7 +105,7 @@ static int lstm_float(const fptp_t *image, int v)
     dl_matrix_zero(c);
     dl_matrix_zero(h);
     for (int t = 0; t < NETWORK_SIDE; t++) {
-        dl_matrix2d_t row = view(image + NETWORK_SIDE * t, NETWORK_SIDE, 1);
+        dl_matrix2d_t row = net_view(image + NETWORK_SIDE * t, NETWORK_SIDE, 1);
         if (v == 0) MEASURED("lstm float: lstm step", dl_basic_lstm_layer(&row, c, h, lstm.w, lstm.b));
         else
             MEASURED("lstm quantised-weights: lstm step",
@@ -142,7 +119,7 @@ static int lstm_float(const fptp_t *image, int v)
         dl_matrix_add(scores, lstm.qw_fc_b, scores);
     }
     dl_softmax(scores, lstm.probs[v]);
-    return argmax_f(scores);
+    return net_argmax_f(scores);
 }
 
 static int lstm_fixed(const fptp_t *image)
@@ -150,7 +127,7 @@ static int lstm_fixed(const fptp_t *image)
     /* The image is quantised as a whole, so that a blank row shares the
      * others' exponent; the zero states start at a fresh record's exponent
      * and so do not raise the input's in the first step's join. */
-    dl_matrix2d_t whole = view(image, NETWORK_SIDE, NETWORK_SIDE);
+    dl_matrix2d_t whole = net_view(image, NETWORK_SIDE, NETWORK_SIDE);
     dl_matrixq_from_matrix2d(&whole, lstm.pixels);
     dl_matrixq_zero(lstm.q_c);
     dl_matrixq_zero(lstm.q_h);
@@ -162,7 +139,7 @@ static int lstm_fixed(const fptp_t *image)
     }
     dl_fully_connect_layer_q(lstm.q_h, lstm.q_fc_w, lstm.q_fc_b, lstm.q_scores, LSTM_FC_SHIFT);
     dl_softmax_q(lstm.q_scores, lstm.q_probs);
-    return argmax_q(lstm.q_scores);
+    return net_argmax_q(lstm.q_scores);
 }
 
 /* ---- Convolution network: convolution, relu, fully connected, batch
@@ -236,7 +213,7 @@ static void conv_init(void)
 
 static int conv_float(const fptp_t *image)
 {
-    dl_matrix2d_t whole = view(image, NETWORK_SIDE, NETWORK_SIDE);
+    dl_matrix2d_t whole = net_view(image, NETWORK_SIDE, NETWORK_SIDE);
     dl_matrix2d_t *features = conv.features[0], *hidden = conv.hidden[0], *scores = conv.scores[0];
     MEASURED("conv float: conv", dl_basic_conv_layer(&whole, conv.conv_w, conv.conv_b[0], CONV_GEOMETRY, features));
     dl_relu(features, RELU_CLIP, features);
@@ -245,12 +222,12 @@ static int conv_float(const fptp_t *image)
     dl_relu(hidden, RELU_CLIP, hidden);
     dl_fully_connect_layer(hidden, conv.fc2_w, conv.fc2_b[0], scores);
     dl_softmax(scores, conv.probs[0]);
-    return argmax_f(scores);
+    return net_argmax_f(scores);
 }
 
 static int conv_quantised_weights(const fptp_t *image)
 {
-    dl_matrix2d_t whole = view(image, NETWORK_SIDE, NETWORK_SIDE);
+    dl_matrix2d_t whole = net_view(image, NETWORK_SIDE, NETWORK_SIDE);
     dl_matrix2d_t *features = conv.features[1], *hidden = conv.hidden[1], *scores = conv.scores[1];
     MEASURED("conv quantised-weights: conv",
              dl_basic_conv_layer_quantised_weight(&whole, conv.qw_conv_w, conv.conv_b[1], CONV_GEOMETRY, features));
@@ -262,12 +239,12 @@ static int conv_quantised_weights(const fptp_t *image)
     dl_matrix_matrixq_dot(hidden, conv.qw_fc2_w, scores);
     dl_matrix_add(scores, conv.fc2_b[1], scores);
     dl_softmax(scores, conv.probs[1]);
-    return argmax_f(scores);
+    return net_argmax_f(scores);
 }
 
 static int conv_fixed(const fptp_t *image)
 {
-    dl_matrix2d_t whole = view(image, NETWORK_SIDE, NETWORK_SIDE);
+    dl_matrix2d_t whole = net_view(image, NETWORK_SIDE, NETWORK_SIDE);
     dl_matrix2d_t *features = conv.features[2];
     MEASURED("conv fixed: conv",
              dl_basic_conv_layer_quantised_weight(&whole, conv.q_conv_w, conv.q_conv_b, CONV_GEOMETRY, features));
@@ -280,7 +257,7 @@ static int conv_fixed(const fptp_t *image)
     dl_relu_q(conv.q_hidden, RELU_CLIP, conv.q_hidden);
     dl_fully_connect_layer_q(conv.q_hidden, conv.q_fc2_w, conv.q_fc2_b, conv.q_scores, FC2_SHIFT);
     dl_softmax_q(conv.q_scores, conv.q_probs);
-    return argmax_q(conv.q_scores);
+    return net_argmax_q(conv.q_scores);
 }
 
 const char *network_init(void)
