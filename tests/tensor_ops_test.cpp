@@ -180,8 +180,7 @@ std::vector<float> ref_float(const ConvCase &k, const Geometry &g, bool dw, cons
 
 // Exact sums of items: fn(o, sum) for each output item o.
 template <class In, class Val, class Fn>
-void ref_sums(const ConvCase &k, const Geometry &g, bool dw, const In *in, Val val, const dl_matrix3dq_t *filter,
-              Fn fn)
+void ref_sums(const ConvCase &k, const Geometry &g, bool dw, const In *in, Val val, const dl_matrix3dq_t *filter, Fn fn)
 {
     ref_conv<int64_t>(
         k.w, k.h, k.c, g, dw ? k.c : k.out_c, dw,
@@ -195,7 +194,8 @@ void expect_floats(const std::vector<float> &want, const dl_matrix3d_t *got, con
 {
     ASSERT_EQ(want.size(), count(got)) << what;
     for (size_t i = 0; i < want.size(); i++)
-        ASSERT_TRUE(same_float(want[i], got->item[i])) << what << " item " << i << ": " << want[i] << " vs " << got->item[i];
+        ASSERT_TRUE(same_float(want[i], got->item[i]))
+            << what << " item " << i << ": " << want[i] << " vs " << got->item[i];
 }
 
 void expect_items(const std::vector<qtp_t> &want, int e, const dl_matrix3dq_t *got, const std::string &what)
@@ -254,7 +254,8 @@ TEST_P(ConvPathTest, SameBitsAsReference)
         Operands o(rng, k, false);
         const dl_padding_t *pad = &k.pad;
         T3 f = own(dl::conv_layer(isa, o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, pad, nullptr));
-        expect_floats(ref_float(k, g, false, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(), what + " float");
+        expect_floats(ref_float(k, g, false, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(),
+                      what + " float");
 
         T3q qin = own(dl_matrixq_from_matrix3d(o.fin.get()));
         T3 fq = own(dl::conv_layer_quantised_weight(isa, o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx, k.sy, pad,
@@ -264,7 +265,8 @@ TEST_P(ConvPathTest, SameBitsAsReference)
         std::vector<qtp_t> want;
         int e;
         ref_q(k, g, false, o.qin->item, o.qin->exponent, iv, o, want, e);
-        T3q q = own(dl::conv_layer_q(isa, o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift));
+        T3q q =
+            own(dl::conv_layer_q(isa, o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift));
         expect_items(want, e, q.get(), what + " q");
 
         // The image forms read bytes as b / 256.
@@ -275,8 +277,8 @@ TEST_P(ConvPathTest, SameBitsAsReference)
                                                      pad, nullptr));
         expect_floats(ref_qweight(k, g, false, o.image->item, -15, bi, o), fqu.get(), what + " image quantised_weight");
         ref_q(k, g, false, o.image->item, -15, bi, o, want, e);
-        T3q qu = own(dl::conv_layer_q(isa, o.image.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr,
-                                      o.shift));
+        T3q qu = own(
+            dl::conv_layer_q(isa, o.image.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift));
         expect_items(want, e, qu.get(), what + " image q");
     }
 }
@@ -300,18 +302,18 @@ TEST_P(DepthwiseTest, SameBitsAsReference)
     Rng rng(11);
     for (int round = 0; round < 3; round++) {
         Operands o(rng, k, true);
-        T3 f = own(dl_matrix3d_depthwise_conv_layer(o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, &k.pad,
-                                                    nullptr));
+        T3 f = own(
+            dl_matrix3d_depthwise_conv_layer(o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, &k.pad, nullptr));
         expect_floats(ref_float(k, g, true, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(), "float");
         T3q qin = own(dl_matrixq_from_matrix3d(o.fin.get()));
-        T3 fq = own(dl_matrix3d_depthwise_conv_layer_quantised_weight(o.fin.get(), o.qfilter.get(), o.fbias.get(),
-                                                                      k.sx, k.sy, &k.pad, nullptr));
+        T3 fq = own(dl_matrix3d_depthwise_conv_layer_quantised_weight(o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx,
+                                                                      k.sy, &k.pad, nullptr));
         expect_floats(ref_qweight(k, g, true, qin->item, qin->exponent, iv, o), fq.get(), "quantised_weight");
         std::vector<qtp_t> want;
         int e;
         ref_q(k, g, true, o.qin->item, o.qin->exponent, iv, o, want, e);
-        T3q q = own(dl_matrix3dq_depthwise_conv_layer_q(o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy,
-                                                        &k.pad, nullptr, o.shift));
+        T3q q = own(dl_matrix3dq_depthwise_conv_layer_q(o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, &k.pad,
+                                                        nullptr, o.shift));
         expect_items(want, e, q.get(), "q");
     }
 }
@@ -503,10 +505,14 @@ T3 tensor(int n, int w, int h, int c) { return own(dl_matrix3d_alloc(n, w, h, c)
 
 const testutil::DeathCase kDeaths[] = {
     {"channels",
-     [] { dl_matrix3d_conv_layer(tensor(1, 3, 3, 2).get(), tensor(1, 2, 2, 3).get(), nullptr, 1, 1, nullptr, nullptr); },
+     [] {
+         dl_matrix3d_conv_layer(tensor(1, 3, 3, 2).get(), tensor(1, 2, 2, 3).get(), nullptr, 1, 1, nullptr, nullptr);
+     },
      "Assertion `filter->c==in.c' failed"},
     {"stride",
-     [] { dl_matrix3d_conv_layer(tensor(1, 3, 3, 1).get(), tensor(1, 2, 2, 1).get(), nullptr, 0, 1, nullptr, nullptr); },
+     [] {
+         dl_matrix3d_conv_layer(tensor(1, 3, 3, 1).get(), tensor(1, 2, 2, 1).get(), nullptr, 0, 1, nullptr, nullptr);
+     },
      "Assertion `stride_x>=1' failed"},
     {"padding",
      [] {
@@ -515,7 +521,9 @@ const testutil::DeathCase kDeaths[] = {
      },
      "Assertion `p.top>=0 && p.bottom>=0 && p.left>=0 && p.right>=0' failed"},
     {"window",
-     [] { dl_matrix3d_conv_layer(tensor(1, 3, 3, 1).get(), tensor(1, 4, 2, 1).get(), nullptr, 1, 1, nullptr, nullptr); },
+     [] {
+         dl_matrix3d_conv_layer(tensor(1, 3, 3, 1).get(), tensor(1, 4, 2, 1).get(), nullptr, 1, 1, nullptr, nullptr);
+     },
      "Assertion `kw<=padded_w' failed"},
     {"bias",
      [] {

@@ -55,8 +55,7 @@ typedef struct {
  * windows: per axis (out - 1) * stride + filter - in, at least 0, split in
  * two; an odd total puts the extra row or column after (bottom, right) when
  * odd_after is non-zero, before (top, left) otherwise. */
-dl_padding_t dl_padding_same(int in_w, int in_h, int filter_w, int filter_h, int stride_x, int stride_y,
-                             int odd_after);
+dl_padding_t dl_padding_same(int in_w, int in_h, int filter_w, int filter_h, int stride_x, int stride_y, int odd_after);
 
 /* ---- Convolution. in: h x w x in_c; filter: n = out_c filters of
  * kh x kw x in_c (filter->c == in->c asserted); bias c == out_c or NULL;
@@ -82,9 +81,8 @@ dl_matrix3dq_t *dl_matrix3dq_conv_layer_q(const dl_matrix3dq_t *in, const dl_mat
  * writes it). A byte b stands for b * 2^-8 (0 to 255/256), exactly: in float
  * that value, in fixed point the item b * 128 at exponent -15. The bytes are
  * read in place; otherwise as the layers above. */
-dl_matrix3d_t *dl_matrix3du_conv_layer(const dl_matrix3du_t *in, const dl_matrix3d_t *filter,
-                                       const dl_matrix3d_t *bias, int stride_x, int stride_y,
-                                       const dl_padding_t *padding, dl_matrix3d_t *out);
+dl_matrix3d_t *dl_matrix3du_conv_layer(const dl_matrix3du_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+                                       int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out);
 dl_matrix3d_t *dl_matrix3du_conv_layer_quantised_weight(const dl_matrix3du_t *in, const dl_matrix3dq_t *filter,
                                                         const dl_matrix3d_t *bias, int stride_x, int stride_y,
                                                         const dl_padding_t *padding, dl_matrix3d_t *out);
@@ -101,11 +99,9 @@ dl_matrix3dq_t *dl_matrix3du_conv_layer_q(const dl_matrix3du_t *in, const dl_mat
 dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
                                                 const dl_matrix3d_t *bias, int stride_x, int stride_y,
                                                 const dl_padding_t *padding, dl_matrix3d_t *out);
-dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in,
-                                                                 const dl_matrix3dq_t *filter,
-                                                                 const dl_matrix3d_t *bias, int stride_x,
-                                                                 int stride_y, const dl_padding_t *padding,
-                                                                 dl_matrix3d_t *out);
+dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                                 const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                                 const dl_padding_t *padding, dl_matrix3d_t *out);
 dl_matrix3dq_t *dl_matrix3dq_depthwise_conv_layer_q(const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
                                                     const dl_matrix3dq_t *bias, int stride_x, int stride_y,
                                                     const dl_padding_t *padding, dl_matrix3dq_t *out, int shift);

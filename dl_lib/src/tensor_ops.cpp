@@ -32,8 +32,14 @@ Geo window_geometry(int in_w, int in_h, int kw, int kh, int stride_x, int stride
     const int64_t padded_h = static_cast<int64_t>(p.top) + in_h + p.bottom;
     DL_ASSERT(kw<=padded_w);
     DL_ASSERT(kh<=padded_h);
-    return {static_cast<int>((padded_w - kw) / stride_x + 1), static_cast<int>((padded_h - kh) / stride_y + 1),
-            stride_x, stride_y, p.left, p.top, kw, kh};
+    return {static_cast<int>((padded_w - kw) / stride_x + 1),
+            static_cast<int>((padded_h - kh) / stride_y + 1),
+            stride_x,
+            stride_y,
+            p.left,
+            p.top,
+            kw,
+            kh};
 }
 
 // An activation's items and shape, whatever their element type.
@@ -105,7 +111,8 @@ void add_bias(fptp_t *items, int positions, const dl_matrix3d_t *bias)
     if (!bias) return;
     const int c = bias->c;
     for (int p = 0; p < positions; p++)
-        for (int ch = 0; ch < c; ch++) items[static_cast<size_t>(p) * c + ch] = items[static_cast<size_t>(p) * c + ch] + bias->item[ch];
+        for (int ch = 0; ch < c; ch++)
+            items[static_cast<size_t>(p) * c + ch] = items[static_cast<size_t>(p) * c + ch] + bias->item[ch];
 }
 
 // The bias is added as dl_matrixq_add(out, bias, out, 1) adds it: the
@@ -167,8 +174,8 @@ void conv_direct_float(const Plane<T> &in, const Geo &g, const fptp_t *filter, i
 // floats, x the channel and y the position; as items, x the position and y
 // the channel. Both views address out[p * out_c + oc].
 template <class T>
-void conv_direct_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, int out_c, const dl::QDotOut &sums,
-                      int p0, int p1)
+void conv_direct_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, int out_c, const dl::QDotOut &sums, int p0,
+                      int p1)
 {
     const int c = in.c, K = g.kh * g.kw * c;
     for (int p = p0; p < p1; p++) {
@@ -200,22 +207,28 @@ void conv_direct_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, int
 template <class T, class D, class Conv>
 void gather(const Plane<T> &in, const Geo &g, int p0, int p1, D *dst, size_t pstep, size_t kstep, Conv conv)
 {
-    const int c = in.c;
+    const int c = in.c, span = g.kw * c;
     for (int p = p0; p < p1; p++) {
         const int y0 = p / g.wo * g.sy - g.top, x0 = p % g.wo * g.sx - g.left;
+        // The window's columns inside the input: lo .. hi-1. Each window row
+        // is zeros, one run of neighbouring input items, zeros.
+        const int lo = x0 < 0 ? -x0 : 0;
+        const int hi = x0 + g.kw > in.w ? in.w - x0 : g.kw;
         D *row = dst + static_cast<size_t>(p - p0) * pstep;
         for (int dy = 0; dy < g.kh; dy++) {
             const int y = y0 + dy;
-            for (int dx = 0; dx < g.kw; dx++) {
-                const int x = x0 + dx;
-                D *d = row + static_cast<size_t>((dy * g.kw + dx) * c) * kstep;
-                if (y >= 0 && y < in.h && x >= 0 && x < in.w) {
-                    const T *v = in.item + (static_cast<size_t>(y) * in.w + x) * c;
-                    for (int ic = 0; ic < c; ic++) d[ic * kstep] = conv(v[ic]);
-                } else {
-                    for (int ic = 0; ic < c; ic++) d[ic * kstep] = D(0);
-                }
+            D *d = row + static_cast<size_t>(dy * span) * kstep;
+            const bool row_inside = y >= 0 && y < in.h && lo < hi;
+            const int a = row_inside ? lo * c : span, b = row_inside ? hi * c : span;
+            for (int j = 0; j < a; j++) d[j * kstep] = D(0);
+            if (row_inside) {
+                const T *v = in.item + (static_cast<size_t>(y) * in.w + x0) * c;
+                if (kstep == 1)
+                    for (int j = a; j < b; j++) d[j] = conv(v[j]);
+                else
+                    for (int j = a; j < b; j++) d[j * kstep] = conv(v[j]);
             }
+            for (int j = b; j < span; j++) d[j * kstep] = D(0);
         }
     }
 }
@@ -240,15 +253,16 @@ bool one_by_one(const Geo &g, const dl_padding_t *padding)
 // side, and the result rows are out's positions. False (nothing useful
 // written) when a kernel cannot run; the caller then runs the direct loop.
 template <class T>
-bool conv_float_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter, const dl_padding_t *padding,
-                       fptp_t *out)
+bool conv_float_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
+                       const dl_padding_t *padding, fptp_t *out)
 {
     if (isa == Isa::none) return false;
     const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
     fptp_t *wt = static_cast<fptp_t *>(malloc(sizeof(fptp_t) * static_cast<size_t>(K) * out_c + 1));
     if (!wt) return false;
     for (int oc = 0; oc < out_c; oc++)
-        for (int k = 0; k < K; k++) wt[static_cast<size_t>(k) * out_c + oc] = filter->item[static_cast<size_t>(oc) * K + k];
+        for (int k = 0; k < K; k++)
+            wt[static_cast<size_t>(k) * out_c + oc] = filter->item[static_cast<size_t>(oc) * K + k];
     const dl_matrix2d_t weights = fview(wt, out_c, K, out_c);
     bool ok = true;
     {
@@ -307,7 +321,8 @@ bool conv_sums_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix
     qtp_t *ft = static_cast<qtp_t *>(malloc(sizeof(qtp_t) * static_cast<size_t>(K) * out_c + 1));
     if (!ft) return false;
     for (int oc = 0; oc < out_c; oc++)
-        for (int k = 0; k < K; k++) ft[oc + static_cast<size_t>(out_c) * k] = filter->item[static_cast<size_t>(oc) * K + k];
+        for (int k = 0; k < K; k++)
+            ft[oc + static_cast<size_t>(out_c) * k] = filter->item[static_cast<size_t>(oc) * K + k];
     const dl_matrix2dq_t a = qview(ft, K, out_c, out_c, filter->exponent);
     {
         qtp_t *columns = positions_as_is(in);
@@ -358,7 +373,8 @@ dl_matrix3d_t *conv_float(Isa isa, const Plane<T> &in, const dl_matrix3d_t *filt
     out = output(out, g.wo, g.ho, filter->n, dl_matrix3d_alloc);
     if (!out) return nullptr;
     const int P = g.wo * g.ho;
-    if (!conv_float_kernel(isa, in, g, filter, padding, out->item)) conv_direct_float(in, g, filter->item, filter->n, out->item, 0, P);
+    if (!conv_float_kernel(isa, in, g, filter, padding, out->item))
+        conv_direct_float(in, g, filter->item, filter->n, out->item, 0, P);
     add_bias(out->item, P, bias);
     return out;
 }
@@ -621,9 +637,8 @@ dl_matrix3dq_t *dl_matrix3dq_conv_layer_q(const dl_matrix3dq_t *in, const dl_mat
     return dl::conv_layer_q(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out, shift);
 }
 
-dl_matrix3d_t *dl_matrix3du_conv_layer(const dl_matrix3du_t *in, const dl_matrix3d_t *filter,
-                                       const dl_matrix3d_t *bias, int stride_x, int stride_y,
-                                       const dl_padding_t *padding, dl_matrix3d_t *out)
+dl_matrix3d_t *dl_matrix3du_conv_layer(const dl_matrix3du_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+                                       int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
 {
     return dl::conv_layer(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out);
 }
@@ -657,11 +672,9 @@ dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const d
     return out;
 }
 
-dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in,
-                                                                 const dl_matrix3dq_t *filter,
-                                                                 const dl_matrix3d_t *bias, int stride_x,
-                                                                 int stride_y, const dl_padding_t *padding,
-                                                                 dl_matrix3d_t *out)
+dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                                 const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                                 const dl_padding_t *padding, dl_matrix3d_t *out)
 {
     DL_ASSERT(out!=in);
     const Geo g = depthwise_geometry(plane_of(in), filter, stride_x, stride_y, padding);
@@ -720,8 +733,8 @@ dl_matrix3dq_t *dl_matrix3dq_max_pool_q(const dl_matrix3dq_t *in, int filter_w, 
     out = pool(in, filter_w, filter_h, stride_x, stride_y, out, alloc_q, &g);
     if (!out) return nullptr;
     each_window(
-        in->item, in->w, in->c, g, out->item, [](qtp_t v) { return v; },
-        [](qtp_t m, qtp_t v) { return v > m ? v : m; }, [](qtp_t m) { return m; });
+        in->item, in->w, in->c, g, out->item, [](qtp_t v) { return v; }, [](qtp_t m, qtp_t v) { return v > m ? v : m; },
+        [](qtp_t m) { return m; });
     out->exponent = in->exponent;
     return out;
 }
