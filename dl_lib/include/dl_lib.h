@@ -30,6 +30,7 @@
 #include "dl_lib_memory.h"
 #include "dl_lib_numpy_input.h"
 #include "dl_lib_tensor.h"
+#include "dl_lib_tensor_ops.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -1,0 +1,901 @@
+#include "dl_lib_tensor_ops.h"
+
+#include "dl_lib.h"
+#include "dl_lib_internal.h"
+#include "matrix_internal.h"
+#include "tensor_ops_internal.h"
+
+namespace {
+
+using dl::Isa;
+
+// ---- Geometry ------------------------------------------------------------
+
+// Where the windows of one call stand: output size, strides, and the padding
+// before the input on each axis (the padding after only limits the count).
+struct Geo {
+    int wo, ho;
+    int sx, sy;
+    int left, top;
+    int kw, kh;
+};
+
+Geo window_geometry(int in_w, int in_h, int kw, int kh, int stride_x, int stride_y, const dl_padding_t *padding)
+{
+    DL_ASSERT(stride_x>=1);
+    DL_ASSERT(stride_y>=1);
+    DL_ASSERT(kw>=1 && kh>=1);
+    const dl_padding_t none = {0, 0, 0, 0};
+    const dl_padding_t &p = padding ? *padding : none;
+    DL_ASSERT(p.top>=0 && p.bottom>=0 && p.left>=0 && p.right>=0);
+    const int64_t padded_w = static_cast<int64_t>(p.left) + in_w + p.right;
+    const int64_t padded_h = static_cast<int64_t>(p.top) + in_h + p.bottom;
+    DL_ASSERT(kw<=padded_w);
+    DL_ASSERT(kh<=padded_h);
+    return {static_cast<int>((padded_w - kw) / stride_x + 1),
+            static_cast<int>((padded_h - kh) / stride_y + 1),
+            stride_x,
+            stride_y,
+            p.left,
+            p.top,
+            kw,
+            kh};
+}
+
+// An activation's items and shape, whatever their element type.
+template <class T>
+struct Plane {
+    const T *item;
+    int w, h, c;
+};
+
+template <class T, class Tensor>
+Plane<T> make_plane(const Tensor *t)
+{
+    DL_ASSERT(t->n==1);
+    return {t->item, t->w, t->h, t->c};
+}
+Plane<fptp_t> plane_of(const dl_matrix3d_t *t) { return make_plane<fptp_t>(t); }
+Plane<qtp_t> plane_of(const dl_matrix3dq_t *t) { return make_plane<qtp_t>(t); }
+Plane<uc_t> plane_of(const dl_matrix3du_t *t) { return make_plane<uc_t>(t); }
+
+// The items of an input whose 1 x 1 windows at stride 1 are its positions
+// themselves, as the rows (float) or columns (fixed point) of a product;
+// NULL for an image, whose bytes must be converted first.
+fptp_t *positions_as_is(const Plane<fptp_t> &in) { return const_cast<fptp_t *>(in.item); }
+qtp_t *positions_as_is(const Plane<qtp_t> &in) { return const_cast<qtp_t *>(in.item); }
+decltype(nullptr) positions_as_is(const Plane<uc_t> &) { return nullptr; }
+
+// An image byte b stands for b * 2^-8: exactly that float, or the item
+// b * 128 at exponent -15. Other elements are themselves.
+constexpr int kImageExponent = -15;
+inline fptp_t value(fptp_t v) { return v; }
+inline fptp_t value(uc_t b) { return static_cast<fptp_t>(b) * 0.00390625f; }
+inline int32_t item(qtp_t v) { return v; }
+inline int32_t item(uc_t b) { return static_cast<int32_t>(b) << 7; }
+
+// 15 + floor(log2(k)), as the matrix product shifts a sum of k products.
+int product_shift(int k)
+{
+    int s = 15;
+    for (int n = k; n > 1; n /= 2) s++;
+    return s;
+}
+
+// A new output tensor, or the caller's after checking its shape. NULL only
+// when a new one cannot be had.
+template <class Tensor>
+Tensor *output(Tensor *out, int w, int h, int c, Tensor *(*alloc)(int, int, int, int))
+{
+    if (!out) return alloc(1, w, h, c);
+    DL_ASSERT(out->n==1);
+    DL_ASSERT(out->w==w);
+    DL_ASSERT(out->h==h);
+    DL_ASSERT(out->c==c);
+    return out;
+}
+
+dl_matrix3dq_t *alloc_q(int n, int w, int h, int c) { return dl_matrix3dq_alloc(n, w, h, c, 0); }
+
+// Records over items that someone else owns, made on the stack.
+dl_matrix2d_t fview(fptp_t *items, int w, int h, int stride) { return {w, h, stride, DL_MF_FOREIGNDATA, items}; }
+dl_matrix2dq_t qview(qtp_t *items, int w, int h, int stride, int exponent)
+{
+    return {w, h, stride, DL_MF_FOREIGNDATA, exponent, items};
+}
+
+// ---- Bias ------------------------------------------------------------------
+
+void add_bias(fptp_t *items, int positions, const dl_matrix3d_t *bias)
+{
+    if (!bias) return;
+    const int c = bias->c;
+    for (int p = 0; p < positions; p++)
+        for (int ch = 0; ch < c; ch++)
+            items[static_cast<size_t>(p) * c + ch] = items[static_cast<size_t>(p) * c + ch] + bias->item[ch];
+}
+
+// The bias is added as dl_matrixq_add(out, bias, out, 1) adds it: the
+// operand with the lower exponent (the bias on a tie) is shifted right to the
+// other's, rounding down, and the sum saturates. Returns the exponent.
+int add_bias_q(qtp_t *items, int positions, int exponent, const dl_matrix3dq_t *bias)
+{
+    if (!bias) return exponent;
+    const bool sums_high = exponent >= bias->exponent;
+    const int d = sums_high ? exponent - bias->exponent : bias->exponent - exponent;
+    const int shift = d < 31 ? d : 31;
+    const int c = bias->c;
+    for (int p = 0; p < positions; p++)
+        for (int ch = 0; ch < c; ch++) {
+            qtp_t &o = items[static_cast<size_t>(p) * c + ch];
+            int32_t s = o, b = bias->item[ch];
+            if (sums_high) b >>= shift;
+            else s >>= shift;
+            o = static_cast<qtp_t>(dl::saturate(static_cast<int64_t>(s) + b));
+        }
+    return sums_high ? exponent : bias->exponent;
+}
+
+// ---- Convolution: the direct loops -------------------------------------------
+
+// Filter oc's weights lie at filter[oc * K + (dy * kw + dx) * c + ic]: one
+// filter per item of the bank, K = kh * kw * c places.
+
+template <class T>
+void conv_direct_float(const Plane<T> &in, const Geo &g, const fptp_t *filter, int out_c, fptp_t *out, int p0, int p1)
+{
+    const int c = in.c, K = g.kh * g.kw * c;
+    for (int p = p0; p < p1; p++) {
+        const int y0 = p / g.wo * g.sy - g.top, x0 = p % g.wo * g.sx - g.left;
+        for (int oc = 0; oc < out_c; oc++) {
+            const fptp_t *f = filter + static_cast<size_t>(oc) * K;
+            fptp_t acc = 0.0f;
+            for (int dy = 0; dy < g.kh; dy++) {
+                const int y = y0 + dy;
+                for (int dx = 0; dx < g.kw; dx++) {
+                    const int x = x0 + dx;
+                    const fptp_t *fw = f + (dy * g.kw + dx) * c;
+                    // A padded place is 0.0 and is multiplied like any
+                    // other: a NaN or infinite weight shows there too.
+                    if (y >= 0 && y < in.h && x >= 0 && x < in.w) {
+                        const T *v = in.item + (static_cast<size_t>(y) * in.w + x) * c;
+                        for (int ic = 0; ic < c; ic++) acc = acc + fw[ic] * value(v[ic]);
+                    } else {
+                        for (int ic = 0; ic < c; ic++) acc = acc + fw[ic] * 0.0f;
+                    }
+                }
+            }
+            out[static_cast<size_t>(p) * out_c + oc] = acc;
+        }
+    }
+}
+
+// The exact sums of the fixed-point forms go where `sums` sends them: as
+// floats, x the channel and y the position; as items, x the position and y
+// the channel. Both views address out[p * out_c + oc].
+template <class T>
+void conv_direct_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, int out_c, const dl::QDotOut &sums, int p0,
+                      int p1)
+{
+    const int c = in.c, K = g.kh * g.kw * c;
+    for (int p = p0; p < p1; p++) {
+        const int y0 = p / g.wo * g.sy - g.top, x0 = p % g.wo * g.sx - g.left;
+        for (int oc = 0; oc < out_c; oc++) {
+            const qtp_t *f = filter + static_cast<size_t>(oc) * K;
+            int64_t acc = 0;
+            for (int dy = 0; dy < g.kh; dy++) {
+                const int y = y0 + dy;
+                if (y < 0 || y >= in.h) continue;  // padding adds nothing to an exact sum
+                for (int dx = 0; dx < g.kw; dx++) {
+                    const int x = x0 + dx;
+                    if (x < 0 || x >= in.w) continue;
+                    const qtp_t *fw = f + (dy * g.kw + dx) * c;
+                    const T *v = in.item + (static_cast<size_t>(y) * in.w + x) * c;
+                    for (int ic = 0; ic < c; ic++) acc += static_cast<int64_t>(fw[ic]) * item(v[ic]);
+                }
+            }
+            if (sums.items) dl::qdot_store(sums, p, oc, acc);
+            else dl::qdot_store(sums, oc, p, acc);
+        }
+    }
+}
+
+// ---- Convolution: windows gathered for the product kernels -------------------
+
+// The windows of positions p0 .. p1-1, place k of position p at
+// dst[(p - p0) * pstep + k * kstep]; padded places get zero.
+template <class T, class D, class Conv>
+void gather(const Plane<T> &in, const Geo &g, int p0, int p1, D *dst, size_t pstep, size_t kstep, Conv conv)
+{
+    const int c = in.c, span = g.kw * c;
+    for (int p = p0; p < p1; p++) {
+        const int y0 = p / g.wo * g.sy - g.top, x0 = p % g.wo * g.sx - g.left;
+        // The window's columns inside the input: lo .. hi-1. Each window row
+        // is zeros, one run of neighbouring input items, zeros.
+        const int lo = x0 < 0 ? -x0 : 0;
+        const int hi = x0 + g.kw > in.w ? in.w - x0 : g.kw;
+        D *row = dst + static_cast<size_t>(p - p0) * pstep;
+        for (int dy = 0; dy < g.kh; dy++) {
+            const int y = y0 + dy;
+            D *d = row + static_cast<size_t>(dy * span) * kstep;
+            const bool row_inside = y >= 0 && y < in.h && lo < hi;
+            const int a = row_inside ? lo * c : span, b = row_inside ? hi * c : span;
+            for (int j = 0; j < a; j++) d[j * kstep] = D(0);
+            if (row_inside) {
+                const T *v = in.item + (static_cast<size_t>(y) * in.w + x0) * c;
+                if (kstep == 1)
+                    for (int j = a; j < b; j++) d[j] = conv(v[j]);
+                else
+                    for (int j = a; j < b; j++) d[j * kstep] = conv(v[j]);
+            }
+            for (int j = b; j < span; j++) d[j * kstep] = D(0);
+        }
+    }
+}
+
+// Positions per gathered block: about 64K places, at least 16 positions.
+int block_positions(int K, int positions)
+{
+    int b = 65536 / (K > 0 ? K : 1);
+    if (b < 16) b = 16;
+    return b < positions ? b : positions;
+}
+
+bool one_by_one(const Geo &g, const dl_padding_t *padding)
+{
+    const bool unpadded =
+        !padding || (padding->top == 0 && padding->bottom == 0 && padding->left == 0 && padding->right == 0);
+    return g.kw == 1 && g.kh == 1 && g.sx == 1 && g.sy == 1 && unpadded;
+}
+
+// The float convolution's sums by the float product kernel: each window is
+// a row, the filter bank transposed to places x channels is the right-hand
+// side, and the result rows are out's positions. False (nothing useful
+// written) when a kernel cannot run; the caller then runs the direct loop.
+template <class T>
+bool conv_float_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
+                       const dl_padding_t *padding, fptp_t *out)
+{
+    if (isa == Isa::none) return false;
+    const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
+    fptp_t *wt = static_cast<fptp_t *>(dl::mem_calloc(1, sizeof(fptp_t) * static_cast<size_t>(K) * out_c + 1));
+    if (!wt) return false;
+    for (int oc = 0; oc < out_c; oc++)
+        for (int k = 0; k < K; k++)
+            wt[static_cast<size_t>(k) * out_c + oc] = filter->item[static_cast<size_t>(oc) * K + k];
+    const dl_matrix2d_t weights = fview(wt, out_c, K, out_c);
+    bool ok = true;
+    {
+        fptp_t *rows = positions_as_is(in);
+        if (rows && one_by_one(g, padding)) {
+            const dl_matrix2d_t a = fview(rows, K, P, K);
+            dl_matrix2d_t r = fview(out, out_c, P, out_c);
+            ok = dl::matrix_dot_kernel(isa, &a, &weights, &r);
+            dl::mem_free(wt);
+            return ok;
+        }
+    }
+    const int B = block_positions(K, P);
+    fptp_t *win = static_cast<fptp_t *>(dl::mem_calloc(1, sizeof(fptp_t) * static_cast<size_t>(K) * B + 1));
+    for (int p0 = 0; ok && win && p0 < P; p0 += B) {
+        const int n = B < P - p0 ? B : P - p0;
+        gather(in, g, p0, p0 + n, win, K, 1, [](T v) { return value(v); });
+        const dl_matrix2d_t a = fview(win, K, n, K);
+        dl_matrix2d_t r = fview(out + static_cast<size_t>(p0) * out_c, out_c, n, out_c);
+        ok = dl::matrix_dot_kernel(isa, &a, &weights, &r);
+    }
+    ok = ok && win;
+    dl::mem_free(win);
+    dl::mem_free(wt);
+    return ok;
+}
+
+// The exact sums by the fixed-point product kernel. Float results (sums
+// .floats): windows are the rows of a, the filter bank as it stands is b
+// (column oc is filter oc). Item results: the filter bank, transposed to
+// channels x places, is a, and the windows are b's columns, so that the
+// result's columns are out's positions.
+template <class T>
+bool conv_sums_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix3dq_t *filter, int in_exponent,
+                      const dl_padding_t *padding, const dl::QDotOut &sums)
+{
+    if (isa == Isa::none) return false;
+    const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
+    const int B = block_positions(K, P);
+    auto conv = [](T v) { return static_cast<qtp_t>(item(v)); };
+    bool ok = true;
+    if (!sums.items) {
+        const dl_matrix2dq_t b = qview(filter->item, out_c, K, K, filter->exponent);
+        qtp_t *win = static_cast<qtp_t *>(dl::mem_calloc(1, sizeof(qtp_t) * static_cast<size_t>(K) * B + 1));
+        if (!win) return false;
+        for (int p0 = 0; ok && p0 < P; p0 += B) {
+            const int n = B < P - p0 ? B : P - p0;
+            gather(in, g, p0, p0 + n, win, 1, n, conv);
+            const dl_matrix2dq_t a = qview(win, K, n, n, in_exponent);
+            dl_matrix2d_t r = fview(sums.floats->item + static_cast<size_t>(p0) * out_c, out_c, n, out_c);
+            ok = dl::matrixq_dot_kernel(isa, &a, &b, dl::qdot_to_floats(&r, sums.factor));
+        }
+        dl::mem_free(win);
+        return ok;
+    }
+    qtp_t *ft = static_cast<qtp_t *>(dl::mem_calloc(1, sizeof(qtp_t) * static_cast<size_t>(K) * out_c + 1));
+    if (!ft) return false;
+    for (int oc = 0; oc < out_c; oc++)
+        for (int k = 0; k < K; k++)
+            ft[oc + static_cast<size_t>(out_c) * k] = filter->item[static_cast<size_t>(oc) * K + k];
+    const dl_matrix2dq_t a = qview(ft, K, out_c, out_c, filter->exponent);
+    {
+        qtp_t *columns = positions_as_is(in);
+        if (columns && one_by_one(g, padding)) {
+            const dl_matrix2dq_t b = qview(columns, P, K, K, in_exponent);
+            ok = dl::matrixq_dot_kernel(isa, &a, &b, sums);
+            dl::mem_free(ft);
+            return ok;
+        }
+    }
+    qtp_t *win = static_cast<qtp_t *>(dl::mem_calloc(1, sizeof(qtp_t) * static_cast<size_t>(K) * B + 1));
+    for (int p0 = 0; ok && win && p0 < P; p0 += B) {
+        const int n = B < P - p0 ? B : P - p0;
+        gather(in, g, p0, p0 + n, win, K, 1, conv);
+        const dl_matrix2dq_t b = qview(win, n, K, K, in_exponent);
+        dl_matrix2dq_t r = qview(sums.items->itemq + static_cast<size_t>(p0) * out_c, n, out_c, out_c, 0);
+        ok = dl::matrixq_dot_kernel(isa, &a, &b, dl::qdot_to_items(&r, sums.shift));
+    }
+    ok = ok && win;
+    dl::mem_free(win);
+    dl::mem_free(ft);
+    return ok;
+}
+
+// ---- Convolution: the three forms --------------------------------------------
+
+template <class Filter, class In>
+Geo conv_geometry(const Plane<In> &in, const Filter *filter, int stride_x, int stride_y, const dl_padding_t *padding)
+{
+    DL_ASSERT(filter->c==in.c);
+    return window_geometry(in.w, in.h, filter->w, filter->h, stride_x, stride_y, padding);
+}
+
+template <class Bias>
+void check_bias(const Bias *bias, int channels)
+{
+    if (!bias) return;
+    DL_ASSERT(bias->c==channels);
+    DL_ASSERT(bias->n==1 && bias->w==1 && bias->h==1);
+}
+
+template <class T>
+dl_matrix3d_t *conv_float(Isa isa, const Plane<T> &in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+                          int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    const Geo g = conv_geometry(in, filter, stride_x, stride_y, padding);
+    check_bias(bias, filter->n);
+    out = output(out, g.wo, g.ho, filter->n, dl_matrix3d_alloc);
+    if (!out) return nullptr;
+    const int P = g.wo * g.ho;
+    if (!conv_float_kernel(isa, in, g, filter, padding, out->item))
+        conv_direct_float(in, g, filter->item, filter->n, out->item, 0, P);
+    add_bias(out->item, P, bias);
+    return out;
+}
+
+// Exact sums of items (in at in_exponent) into float out.
+template <class T>
+dl_matrix3d_t *conv_sums_float(Isa isa, const Plane<T> &in, int in_exponent, const dl_matrix3dq_t *filter,
+                               const dl_matrix3d_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
+                               dl_matrix3d_t *out)
+{
+    const Geo g = conv_geometry(in, filter, stride_x, stride_y, padding);
+    check_bias(bias, filter->n);
+    out = output(out, g.wo, g.ho, filter->n, dl_matrix3d_alloc);
+    if (!out) return nullptr;
+    const int P = g.wo * g.ho;
+    dl_matrix2d_t all = fview(out->item, filter->n, P, filter->n);
+    const dl::QDotOut sums = dl::qdot_to_floats(&all, dl::pow2f(in_exponent + filter->exponent));
+    if (!conv_sums_kernel(isa, in, g, filter, in_exponent, padding, sums))
+        conv_direct_sums(in, g, filter->item, filter->n, sums, 0, P);
+    add_bias(out->item, P, bias);
+    return out;
+}
+
+template <class T>
+dl_matrix3dq_t *conv_sums_q(Isa isa, const Plane<T> &in, int in_exponent, const dl_matrix3dq_t *filter,
+                            const dl_matrix3dq_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
+                            dl_matrix3dq_t *out, int shift)
+{
+    const Geo g = conv_geometry(in, filter, stride_x, stride_y, padding);
+    check_bias(bias, filter->n);
+    const int places = g.kh * g.kw * in.c;
+    DL_ASSERT(shift>=0);
+    DL_ASSERT(shift<=product_shift(places));
+    out = output(out, g.wo, g.ho, filter->n, alloc_q);
+    if (!out) return nullptr;
+    const int s = product_shift(places) - shift;
+    const int P = g.wo * g.ho;
+    dl_matrix2dq_t all = qview(out->item, P, filter->n, filter->n, 0);
+    const dl::QDotOut sums = dl::qdot_to_items(&all, s);
+    if (!conv_sums_kernel(isa, in, g, filter, in_exponent, padding, sums))
+        conv_direct_sums(in, g, filter->item, filter->n, sums, 0, P);
+    out->exponent = add_bias_q(out->item, P, in_exponent + filter->exponent + s, bias);
+    return out;
+}
+
+// ---- Depthwise convolution ---------------------------------------------------
+//
+// One loop for all targets: the channels run innermost, each keeping its own
+// sum in the order of the window's places, so a vectorising compiler may
+// take several channels at once without changing a bit.
+
+template <class T>
+void depthwise_float(const Plane<T> &in, const Geo &g, const fptp_t *filter, fptp_t *out)
+{
+    const int c = in.c;
+    for (int p = 0; p < g.wo * g.ho; p++) {
+        const int y0 = p / g.wo * g.sy - g.top, x0 = p % g.wo * g.sx - g.left;
+        fptp_t *o = out + static_cast<size_t>(p) * c;
+        for (int ch = 0; ch < c; ch++) o[ch] = 0.0f;
+        for (int dy = 0; dy < g.kh; dy++) {
+            const int y = y0 + dy;
+            for (int dx = 0; dx < g.kw; dx++) {
+                const int x = x0 + dx;
+                const fptp_t *fw = filter + (dy * g.kw + dx) * c;
+                if (y >= 0 && y < in.h && x >= 0 && x < in.w) {
+                    const T *v = in.item + (static_cast<size_t>(y) * in.w + x) * c;
+                    for (int ch = 0; ch < c; ch++) o[ch] = o[ch] + fw[ch] * value(v[ch]);
+                } else {
+                    for (int ch = 0; ch < c; ch++) o[ch] = o[ch] + fw[ch] * 0.0f;
+                }
+            }
+        }
+    }
+}
+
+// Exact sums, a bounded group of channels at a time on the stack.
+template <class T>
+void depthwise_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, const dl::QDotOut &sums)
+{
+    constexpr int kGroup = 64;
+    const int c = in.c;
+    for (int p = 0; p < g.wo * g.ho; p++) {
+        const int y0 = p / g.wo * g.sy - g.top, x0 = p % g.wo * g.sx - g.left;
+        for (int c0 = 0; c0 < c; c0 += kGroup) {
+            const int nc = c - c0 < kGroup ? c - c0 : kGroup;
+            int64_t acc[kGroup] = {};
+            for (int dy = 0; dy < g.kh; dy++) {
+                const int y = y0 + dy;
+                if (y < 0 || y >= in.h) continue;
+                for (int dx = 0; dx < g.kw; dx++) {
+                    const int x = x0 + dx;
+                    if (x < 0 || x >= in.w) continue;
+                    const qtp_t *fw = filter + (dy * g.kw + dx) * c + c0;
+                    const T *v = in.item + (static_cast<size_t>(y) * in.w + x) * c + c0;
+                    for (int ch = 0; ch < nc; ch++) acc[ch] += static_cast<int64_t>(fw[ch]) * item(v[ch]);
+                }
+            }
+            for (int ch = 0; ch < nc; ch++) {
+                if (sums.items) dl::qdot_store(sums, p, c0 + ch, acc[ch]);
+                else dl::qdot_store(sums, c0 + ch, p, acc[ch]);
+            }
+        }
+    }
+}
+
+template <class Filter, class In>
+Geo depthwise_geometry(const Plane<In> &in, const Filter *filter, int stride_x, int stride_y,
+                       const dl_padding_t *padding)
+{
+    DL_ASSERT(filter->n==1);
+    DL_ASSERT(filter->c==in.c);
+    return window_geometry(in.w, in.h, filter->w, filter->h, stride_x, stride_y, padding);
+}
+
+// ---- Pooling -------------------------------------------------------------------
+
+template <class Tensor, class Alloc>
+Tensor *pool(const Tensor *in, int filter_w, int filter_h, int stride_x, int stride_y, Tensor *out, Alloc alloc,
+             Geo *geo)
+{
+    DL_ASSERT(in->n==1);
+    DL_ASSERT(filter_w<=in->w);
+    DL_ASSERT(filter_h<=in->h);
+    *geo = window_geometry(in->w, in->h, filter_w, filter_h, stride_x, stride_y, nullptr);
+    return output(out, geo->wo, geo->ho, in->c, alloc);
+}
+
+// Calls f(o, v) for every place of every window, in the order rows, columns,
+// with o the output item and v the input item of that channel.
+template <class T, class Start, class Step, class Finish>
+void each_window(const T *in, int in_w, int c, const Geo &g, T *out, Start start, Step step, Finish finish)
+{
+    for (int oy = 0; oy < g.ho; oy++)
+        for (int ox = 0; ox < g.wo; ox++)
+            for (int ch = 0; ch < c; ch++) {
+                auto acc = start(in[(static_cast<size_t>(oy) * g.sy * in_w + static_cast<size_t>(ox) * g.sx) * c + ch]);
+                for (int dy = 0; dy < g.kh; dy++)
+                    for (int dx = 0; dx < g.kw; dx++) {
+                        if (dy == 0 && dx == 0) continue;
+                        const size_t at = (static_cast<size_t>(oy * g.sy + dy) * in_w + (ox * g.sx + dx)) * c + ch;
+                        acc = step(acc, in[at]);
+                    }
+                out[(static_cast<size_t>(oy) * g.wo + ox) * c + ch] = finish(acc);
+            }
+}
+
+// The exact sum over count items divided by count, rounded down, saturated.
+qtp_t floor_average(int64_t sum, int64_t count)
+{
+    int64_t q = sum / count;
+    if (sum % count != 0 && sum < 0) q -= 1;
+    return static_cast<qtp_t>(dl::saturate(q));
+}
+
+template <class Tensor>
+bool same_tensor_shape(const Tensor *a, const Tensor *b)
+{
+    return a->n == b->n && a->w == b->w && a->h == b->h && a->c == b->c;
+}
+
+template <class Tensor>
+int64_t items_of_tensor(const Tensor *t)
+{
+    return static_cast<int64_t>(t->n) * t->h * t->w * t->c;
+}
+
+}  // namespace
+
+// ---- Public functions ----------------------------------------------------------
+
+dl_padding_t dl_padding_same(int in_w, int in_h, int filter_w, int filter_h, int stride_x, int stride_y, int odd_after)
+{
+    DL_ASSERT(stride_x>=1);
+    DL_ASSERT(stride_y>=1);
+    auto total = [](int size, int f, int s) {
+        const int n = (size + s - 1) / s;
+        const int t = (n - 1) * s + f - size;
+        return t > 0 ? t : 0;
+    };
+    const int tw = total(in_w, filter_w, stride_x), th = total(in_h, filter_h, stride_y);
+    dl_padding_t p;
+    const int small_w = tw / 2, small_h = th / 2;
+    p.left = odd_after ? small_w : tw - small_w;
+    p.right = tw - p.left;
+    p.top = odd_after ? small_h : th - small_h;
+    p.bottom = th - p.top;
+    return p;
+}
+
+namespace dl {
+
+dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+                          int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    DL_ASSERT(out!=in);
+    return conv_float(isa, plane_of(in), filter, bias, stride_x, stride_y, padding, out);
+}
+
+dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3du_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+                          int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return conv_float(isa, plane_of(in), filter, bias, stride_x, stride_y, padding, out);
+}
+
+dl_matrix3d_t *conv_layer_quantised_weight(Isa isa, const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                           const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                           const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    DL_ASSERT(out!=in);
+    DL_ASSERT(in->n==1);
+    // One exponent for the whole input, from its own range, once per call.
+    dl_matrix3dq_t *q = dl_matrixq_from_matrix3d(in);
+    DL_ASSERT_ALLOCATED(q);
+    out = conv_sums_float(isa, plane_of(q), q->exponent, filter, bias, stride_x, stride_y, padding, out);
+    dl_matrix3dq_free(q);
+    return out;
+}
+
+dl_matrix3d_t *conv_layer_quantised_weight(Isa isa, const dl_matrix3du_t *in, const dl_matrix3dq_t *filter,
+                                           const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                           const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return conv_sums_float(isa, plane_of(in), kImageExponent, filter, bias, stride_x, stride_y, padding, out);
+}
+
+dl_matrix3dq_t *conv_layer_q(Isa isa, const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                             const dl_matrix3dq_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
+                             dl_matrix3dq_t *out, int shift)
+{
+    DL_ASSERT(out!=in);
+    return conv_sums_q(isa, plane_of(in), in->exponent, filter, bias, stride_x, stride_y, padding, out, shift);
+}
+
+dl_matrix3dq_t *conv_layer_q(Isa isa, const dl_matrix3du_t *in, const dl_matrix3dq_t *filter,
+                             const dl_matrix3dq_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
+                             dl_matrix3dq_t *out, int shift)
+{
+    return conv_sums_q(isa, plane_of(in), kImageExponent, filter, bias, stride_x, stride_y, padding, out, shift);
+}
+
+}  // namespace dl
+
+dl_matrix3d_t *dl_matrix3d_conv_layer(const dl_matrix3d_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+                                      int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return dl::conv_layer(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out);
+}
+
+dl_matrix3d_t *dl_matrix3d_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                       const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                       const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return dl::conv_layer_quantised_weight(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out);
+}
+
+dl_matrix3dq_t *dl_matrix3dq_conv_layer_q(const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                                          const dl_matrix3dq_t *bias, int stride_x, int stride_y,
+                                          const dl_padding_t *padding, dl_matrix3dq_t *out, int shift)
+{
+    return dl::conv_layer_q(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out, shift);
+}
+
+dl_matrix3d_t *dl_matrix3du_conv_layer(const dl_matrix3du_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+                                       int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return dl::conv_layer(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out);
+}
+
+dl_matrix3d_t *dl_matrix3du_conv_layer_quantised_weight(const dl_matrix3du_t *in, const dl_matrix3dq_t *filter,
+                                                        const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                        const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return dl::conv_layer_quantised_weight(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out);
+}
+
+dl_matrix3dq_t *dl_matrix3du_conv_layer_q(const dl_matrix3du_t *in, const dl_matrix3dq_t *filter,
+                                          const dl_matrix3dq_t *bias, int stride_x, int stride_y,
+                                          const dl_padding_t *padding, dl_matrix3dq_t *out, int shift)
+{
+    return dl::conv_layer_q(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out, shift);
+}
+
+dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
+                                                const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    DL_ASSERT(out!=in);
+    const Plane<fptp_t> p = plane_of(in);
+    const Geo g = depthwise_geometry(p, filter, stride_x, stride_y, padding);
+    check_bias(bias, in->c);
+    out = output(out, g.wo, g.ho, in->c, dl_matrix3d_alloc);
+    if (!out) return nullptr;
+    depthwise_float(p, g, filter->item, out->item);
+    add_bias(out->item, g.wo * g.ho, bias);
+    return out;
+}
+
+dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                                 const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                                 const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    DL_ASSERT(out!=in);
+    const Geo g = depthwise_geometry(plane_of(in), filter, stride_x, stride_y, padding);
+    check_bias(bias, in->c);
+    out = output(out, g.wo, g.ho, in->c, dl_matrix3d_alloc);
+    if (!out) return nullptr;
+    dl_matrix3dq_t *q = dl_matrixq_from_matrix3d(in);
+    DL_ASSERT_ALLOCATED(q);
+    const int P = g.wo * g.ho;
+    dl_matrix2d_t all = fview(out->item, in->c, P, in->c);
+    depthwise_sums(plane_of(q), g, filter->item, dl::qdot_to_floats(&all, dl::pow2f(q->exponent + filter->exponent)));
+    dl_matrix3dq_free(q);
+    add_bias(out->item, P, bias);
+    return out;
+}
+
+dl_matrix3dq_t *dl_matrix3dq_depthwise_conv_layer_q(const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                                                    const dl_matrix3dq_t *bias, int stride_x, int stride_y,
+                                                    const dl_padding_t *padding, dl_matrix3dq_t *out, int shift)
+{
+    DL_ASSERT(out!=in);
+    const Plane<qtp_t> p = plane_of(in);
+    const Geo g = depthwise_geometry(p, filter, stride_x, stride_y, padding);
+    check_bias(bias, in->c);
+    const int places = g.kh * g.kw;
+    DL_ASSERT(shift>=0);
+    DL_ASSERT(shift<=product_shift(places));
+    out = output(out, g.wo, g.ho, in->c, alloc_q);
+    if (!out) return nullptr;
+    const int s = product_shift(places) - shift;
+    const int P = g.wo * g.ho;
+    dl_matrix2dq_t all = qview(out->item, P, in->c, in->c, 0);
+    depthwise_sums(p, g, filter->item, dl::qdot_to_items(&all, s));
+    out->exponent = add_bias_q(out->item, P, in->exponent + filter->exponent + s, bias);
+    return out;
+}
+
+dl_matrix3d_t *dl_matrix3d_max_pool(const dl_matrix3d_t *in, int filter_w, int filter_h, int stride_x, int stride_y,
+                                    dl_matrix3d_t *out)
+{
+    DL_ASSERT(out!=in);
+    Geo g;
+    out = pool(in, filter_w, filter_h, stride_x, stride_y, out, dl_matrix3d_alloc, &g);
+    if (!out) return nullptr;
+    each_window(
+        in->item, in->w, in->c, g, out->item, [](fptp_t v) { return v; },
+        [](fptp_t m, fptp_t v) { return v > m ? v : m; }, [](fptp_t m) { return m; });
+    return out;
+}
+
+dl_matrix3dq_t *dl_matrix3dq_max_pool_q(const dl_matrix3dq_t *in, int filter_w, int filter_h, int stride_x,
+                                        int stride_y, dl_matrix3dq_t *out)
+{
+    DL_ASSERT(out!=in);
+    Geo g;
+    out = pool(in, filter_w, filter_h, stride_x, stride_y, out, alloc_q, &g);
+    if (!out) return nullptr;
+    each_window(
+        in->item, in->w, in->c, g, out->item, [](qtp_t v) { return v; }, [](qtp_t m, qtp_t v) { return v > m ? v : m; },
+        [](qtp_t m) { return m; });
+    out->exponent = in->exponent;
+    return out;
+}
+
+dl_matrix3d_t *dl_matrix3d_avg_pool(const dl_matrix3d_t *in, int filter_w, int filter_h, int stride_x, int stride_y,
+                                    dl_matrix3d_t *out)
+{
+    DL_ASSERT(out!=in);
+    Geo g;
+    out = pool(in, filter_w, filter_h, stride_x, stride_y, out, dl_matrix3d_alloc, &g);
+    if (!out) return nullptr;
+    const fptp_t count = static_cast<fptp_t>(filter_w * filter_h);
+    // The sum starts at 0.0 like every float sum here, so the first place is
+    // added to it too (-0.0 alone averages to +0.0).
+    each_window(
+        in->item, in->w, in->c, g, out->item, [](fptp_t v) { return 0.0f + v; },
+        [](fptp_t s, fptp_t v) { return s + v; }, [count](fptp_t s) { return s / count; });
+    return out;
+}
+
+dl_matrix3dq_t *dl_matrix3dq_avg_pool_q(const dl_matrix3dq_t *in, int filter_w, int filter_h, int stride_x,
+                                        int stride_y, dl_matrix3dq_t *out)
+{
+    DL_ASSERT(out!=in);
+    Geo g;
+    out = pool(in, filter_w, filter_h, stride_x, stride_y, out, alloc_q, &g);
+    if (!out) return nullptr;
+    const int64_t count = static_cast<int64_t>(filter_w) * filter_h;
+    each_window(
+        in->item, in->w, in->c, g, out->item, [](qtp_t v) { return static_cast<int64_t>(v); },
+        [](int64_t s, qtp_t v) { return s + v; }, [count](int64_t s) { return floor_average(s, count); });
+    out->exponent = in->exponent;
+    return out;
+}
+
+dl_matrix3d_t *dl_matrix3d_global_avg_pool(const dl_matrix3d_t *in, dl_matrix3d_t *out)
+{
+    DL_ASSERT(out!=in);
+    return dl_matrix3d_avg_pool(in, in->w, in->h, 1, 1, out);
+}
+
+dl_matrix3dq_t *dl_matrix3dq_global_avg_pool_q(const dl_matrix3dq_t *in, dl_matrix3dq_t *out)
+{
+    DL_ASSERT(out!=in);
+    return dl_matrix3dq_avg_pool_q(in, in->w, in->h, 1, 1, out);
+}
+
+// The element-wise operators run the matrix ones over one-row views: a
+// tensor's items lie back to back, so a view covers them all.
+
+dl_matrix3d_t *dl_matrix3d_relu(const dl_matrix3d_t *in, fptp_t clip, dl_matrix3d_t *out)
+{
+    out = out ? out : dl_matrix3d_alloc(in->n, in->w, in->h, in->c);
+    if (!out) return nullptr;
+    DL_ASSERT(same_tensor_shape(in, out));
+    const int count = static_cast<int>(items_of_tensor(in));
+    const dl_matrix2d_t a = fview(in->item, count, 1, count);
+    dl_matrix2d_t r = fview(out->item, count, 1, count);
+    dl_relu(&a, clip, &r);
+    return out;
+}
+
+dl_matrix3dq_t *dl_matrix3dq_relu_q(const dl_matrix3dq_t *in, fptp_t clip, dl_matrix3dq_t *out)
+{
+    out = out ? out : dl_matrix3dq_alloc(in->n, in->w, in->h, in->c, in->exponent);
+    if (!out) return nullptr;
+    DL_ASSERT(same_tensor_shape(in, out));
+    const int count = static_cast<int>(items_of_tensor(in));
+    const dl_matrix2dq_t a = qview(in->item, count, 1, 1, in->exponent);
+    dl_matrix2dq_t r = qview(out->item, count, 1, 1, in->exponent);
+    dl_relu_q(&a, clip, &r);
+    out->exponent = in->exponent;
+    return out;
+}
+
+dl_matrix3d_t *dl_matrix3d_add(const dl_matrix3d_t *a, const dl_matrix3d_t *b, dl_matrix3d_t *out)
+{
+    DL_ASSERT(same_tensor_shape(a, b));
+    out = out ? out : dl_matrix3d_alloc(a->n, a->w, a->h, a->c);
+    if (!out) return nullptr;
+    DL_ASSERT(same_tensor_shape(a, out));
+    const int count = static_cast<int>(items_of_tensor(a));
+    const dl_matrix2d_t va = fview(a->item, count, 1, count), vb = fview(b->item, count, 1, count);
+    dl_matrix2d_t r = fview(out->item, count, 1, count);
+    dl_matrix_add(&va, &vb, &r);
+    return out;
+}
+
+dl_matrix3dq_t *dl_matrix3dq_add_q(const dl_matrix3dq_t *a, const dl_matrix3dq_t *b, dl_matrix3dq_t *out, int shift)
+{
+    DL_ASSERT(same_tensor_shape(a, b));
+    DL_ASSERT(shift==0 || shift==1);
+    out = out ? out : dl_matrix3dq_alloc(a->n, a->w, a->h, a->c, 0);
+    if (!out) return nullptr;
+    DL_ASSERT(same_tensor_shape(a, out));
+    const int count = static_cast<int>(items_of_tensor(a));
+    const dl_matrix2dq_t va = qview(a->item, count, 1, 1, a->exponent), vb = qview(b->item, count, 1, 1, b->exponent);
+    dl_matrix2dq_t r = qview(out->item, count, 1, 1, 0);
+    dl_matrixq_add(&va, &vb, &r, shift);
+    out->exponent = r.exponent;
+    return out;
+}
+
+dl_matrix2d_t *dl_matrix2d_view_from_matrix3d(const dl_matrix3d_t *in, dl_matrix2d_t *out)
+{
+    DL_ASSERT(in->n==1);
+    out = dl::view_record(out);
+    if (!out) return nullptr;
+    DL_ASSERT(out->flags&DL_MF_FOREIGNDATA);
+    const int count = in->h * in->w * in->c;
+    out->w = count;
+    out->h = 1;
+    out->stride = count;
+    out->item = in->item;
+    return out;
+}
+
+dl_matrix2dq_t *dl_matrix2dq_view_from_matrix3dq(const dl_matrix3dq_t *in, dl_matrix2dq_t *out)
+{
+    DL_ASSERT(in->n==1);
+    out = dl::view_record(out);
+    if (!out) return nullptr;
+    DL_ASSERT(out->flags&DL_MF_FOREIGNDATA);
+    // Column-major with one row: the items of consecutive columns are
+    // neighbours, so stride 1 covers the tensor's order.
+    out->w = in->h * in->w * in->c;
+    out->h = 1;
+    out->stride = 1;
+    out->exponent = in->exponent;
+    out->itemq = in->item;
+    return out;
+}
+
+dl_matrix2dq_t *dl_matrix2dq_weight_view_from_matrix3dq(const dl_matrix3dq_t *in, dl_matrix2dq_t *out)
+{
+    DL_ASSERT(in->c==1);
+    DL_ASSERT(in->n==1);
+    out = dl::view_record(out);
+    if (!out) return nullptr;
+    DL_ASSERT(out->flags&DL_MF_FOREIGNDATA);
+    // Weight (i, o) of the file stands at item[i + w * o]: column o of the
+    // inputs x outputs matrix, with stride w.
+    out->w = in->h;
+    out->h = in->w;
+    out->stride = in->w;
+    out->exponent = in->exponent;
+    out->itemq = in->item;
+    return out;
+}
+
+dl_matrix2d_t *dl_matrix2d_weight_from_matrix3d(const dl_matrix3d_t *in, dl_matrix2d_t *out)
+{
+    DL_ASSERT(in->c==1);
+    DL_ASSERT(in->n==1);
+    const int inputs = in->w, outputs = in->h;
+    out = out ? out : dl_matrix_alloc(outputs, inputs);
+    if (!out) return nullptr;
+    DL_ASSERT(out->w==outputs);
+    DL_ASSERT(out->h==inputs);
+    for (int i = 0; i < inputs; i++)
+        for (int o = 0; o < outputs; o++)
+            out->item[o + static_cast<size_t>(out->stride) * i] = in->item[i + static_cast<size_t>(inputs) * o];
+    return out;
+}

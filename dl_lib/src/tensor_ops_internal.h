@@ -1,0 +1,40 @@
+/*
+ * tensor_ops_internal.h - the convolutions with their product path chosen by
+ * the caller; not installed.
+ *
+ * Isa::none runs the direct loop, window by window, which allocates nothing
+ * and is what a microcontroller runs. Any other instruction set gathers the
+ * windows of a block of positions into a matrix and hands it to that set's
+ * product kernel (kernels_internal.h), which gives the same bits: the float
+ * kernel keeps each sum in ascending order with separate roundings, and the
+ * fixed-point one forms the same exact 64-bit sums. The public functions
+ * pass detected_isa(); the tests pass each set in turn.
+ */
+#ifndef DL_LIB_TENSOR_OPS_INTERNAL_H
+#define DL_LIB_TENSOR_OPS_INTERNAL_H
+
+#include "dl_lib_tensor_ops.h"
+#include "kernels_internal.h"
+
+namespace dl {
+
+dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+                          int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out);
+dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3du_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+                          int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out);
+dl_matrix3d_t *conv_layer_quantised_weight(Isa isa, const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                           const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                           const dl_padding_t *padding, dl_matrix3d_t *out);
+dl_matrix3d_t *conv_layer_quantised_weight(Isa isa, const dl_matrix3du_t *in, const dl_matrix3dq_t *filter,
+                                           const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                           const dl_padding_t *padding, dl_matrix3d_t *out);
+dl_matrix3dq_t *conv_layer_q(Isa isa, const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                             const dl_matrix3dq_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
+                             dl_matrix3dq_t *out, int shift);
+dl_matrix3dq_t *conv_layer_q(Isa isa, const dl_matrix3du_t *in, const dl_matrix3dq_t *filter,
+                             const dl_matrix3dq_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
+                             dl_matrix3dq_t *out, int shift);
+
+}  // namespace dl
+
+#endif /* DL_LIB_TENSOR_OPS_INTERNAL_H */
