@@ -65,5 +65,9 @@
 #define CNN_MAXPOOL1_OUT_C 16
 #define CNN_FC1_INPUTS 256
 #define CNN_FC1_OUTPUTS 10
+#define CNN_CONV1_SHIFT 1
+#define CNN_CONV2_SHIFT 4
+#define CNN_CONV3_SHIFT 4
+#define CNN_FC1_SHIFT 7
 
 #endif /* CNN_NET_H */

@@ -1,5 +1,6 @@
 /*
- * digits: the two networks of train.py, converted by kelvane at build time,
+ * digits: the two networks of train.py and the CNN of train_cnn.py, converted
+ * by kelvane at build time,
  * run on the 360 test images of the committed split in every variant of the
  * library, and compared with the labels and with PyTorch's predictions.
  *
@@ -13,6 +14,8 @@
  *                                         batch-norm constants)
  *   fixed point        lstm_q, conv_q    (default mode: everything 16-bit;
  *                                         the shifts chosen by train.py)
+ * The CNN (cnn.c) runs on tensors from two pairs: cnn_f (-3d -no-quantized)
+ * in float, cnn_q (-3d) in the other two variants.
  * --check turns the table into a test: float must agree with PyTorch on at
  * least 98 % of the images, and each quantised variant's accuracy must stay
  * within 3 points of float.
@@ -22,6 +25,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "cnn.h"
 #include "conv_f.h"
 #include "conv_net.h"
 #include "conv_q.h"
@@ -247,6 +251,12 @@ static int conv_fixed(const fptp_t *image)
     return net_argmax_q(scores);
 }
 
+/* ---- The depthwise-separable CNN (cnn.c), in tensors ---------------------- */
+
+static int cnn_float_digit(const fptp_t *image) { return net_argmax_f(cnn_float(image)); }
+static int cnn_quantised_weights_digit(const fptp_t *image) { return net_argmax_f(cnn_quantised_weights(image)); }
+static int cnn_fixed_digit(const fptp_t *image) { return net_argmax_q(cnn_fixed(image)); }
+
 /* ---- The table ---------------------------------------------------------- */
 
 struct run {
@@ -281,8 +291,9 @@ int main(int argc, char **argv)
     dl_matrix2d_t *labels = load(dir, "labels.npy"); /* one row */
     dl_matrix2d_t *torch_lstm = load(dir, "lstm_torch.npy");
     dl_matrix2d_t *torch_conv = load(dir, "conv_torch.npy");
+    dl_matrix2d_t *torch_cnn = load(dir, "cnn_torch.npy");
     int n = images->h;
-    if (images->w != SIDE * SIDE || labels->w != n || torch_lstm->w != n || torch_conv->w != n) {
+    if (images->w != SIDE * SIDE || labels->w != n || torch_lstm->w != n || torch_conv->w != n || torch_cnn->w != n) {
         fprintf(stderr, "digits: %s holds inconsistent shapes\n", dir);
         return 2;
     }
@@ -294,11 +305,18 @@ int main(int argc, char **argv)
         {"conv", "float", conv_float, 0, 0, 0},
         {"conv", "quantised weights", conv_quantised_weights, 0, 0, 0},
         {"conv", "fixed point", conv_fixed, 0, 0, 0},
+        {"cnn", "float", cnn_float_digit, 0, 0, 0},
+        {"cnn", "quantised weights", cnn_quantised_weights_digit, 0, 0, 0},
+        {"cnn", "fixed point", cnn_fixed_digit, 0, 0, 0},
     };
-    int torch_right[2] = {0, 0};
-    for (int i = 0; i < n; i++) {
-        torch_right[0] += torch_lstm->item[i] == labels->item[i];
-        torch_right[1] += torch_conv->item[i] == labels->item[i];
+    const dl_matrix2d_t *torch_of[] = {torch_lstm, torch_conv, torch_cnn};
+    int torch_right[3] = {0, 0, 0};
+    for (int i = 0; i < n; i++)
+        for (int k = 0; k < 3; k++) torch_right[k] += torch_of[k]->item[i] == labels->item[i];
+    const char *missing = cnn_init();
+    if (missing) {
+        fprintf(stderr, "digits: no table %s\n", missing);
+        return 2;
     }
 
     printf("%d test images from %s\n\n", n, dir);
@@ -306,7 +324,7 @@ int main(int argc, char **argv)
     printf("%-8s %-18s %9s %14s %15s\n", "", "", "", "PyTorch", "");
     for (size_t r = 0; r < sizeof runs / sizeof runs[0]; r++) {
         struct run *run = &runs[r];
-        const dl_matrix2d_t *torch = strcmp(run->network, "lstm") == 0 ? torch_lstm : torch_conv;
+        const dl_matrix2d_t *torch = torch_of[r / 3];
         if (r % 3 == 0) {
             printf("%-8s %-18s %7.1f %% %14s %15s\n", run->network, "PyTorch", 100.0 * torch_right[r / 3] / n, "", "");
         }
@@ -353,5 +371,7 @@ int main(int argc, char **argv)
     dl_matrix_free(labels);
     dl_matrix_free(torch_lstm);
     dl_matrix_free(torch_conv);
+    dl_matrix_free(torch_cnn);
+    cnn_free();
     return failed;
 }

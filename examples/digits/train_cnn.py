@@ -18,7 +18,8 @@ Written here (all committed, so that building and testing need no Python):
   cnn/                 the model directory, by kelvane_export's TensorModelWriter
                        (convert with -3d; kelvane_add_model reads that from
                        cnn/.kelvane_options)
-  cnn_net.h            every layer's shapes, pads, strides and clip
+  cnn_net.h            every layer's shapes, pads, strides and clip, and the
+                       shifts of the fixed-point layers (choose_shifts)
   test/cnn_torch.npy   what the PyTorch network predicts for the test images
 
 Provenance: every file above is written by numpy.save or plain text from this
@@ -49,6 +50,49 @@ def cnn():
                          nn.Linear(4 * 4 * 16, 10))
 
 
+def block_exponent(peak):
+    """The exponent the library's tensor quantiser gives a peak magnitude:
+    the peak over 2^exponent lands in 16383..32767."""
+    peak, e = np.float32(peak), 0
+    if peak == 0:
+        return 0
+    while peak > 32767:
+        e, peak = e + 1, np.float32(peak / 2)
+    while peak < 16383:
+        e, peak = e - 1, np.float32(peak * 2)
+    return e
+
+
+def choose_shifts(net, out, x_train):
+    """Each fixed-point layer's shift: the largest that keeps the layer's
+    items below 16384 (one bit of headroom under saturation) on every
+    training image, by the layers' exponent rule. A layer of K products per
+    item shifts its exact sums right by s = 15 + floor(log2(K)) - shift, to
+    the exponent e_in + e_weight + s (or the bias's, where that is larger);
+    ReLU and pooling keep it. The image comes at the exponent of its own
+    range; the smallest over the training set is the worst case."""
+    peaks = {}
+    hooks = [m.register_forward_hook(lambda m, i, o, k=k: peaks.__setitem__(k, float(o.abs().max())))
+             for k, m in [("conv1", net[1]), ("conv2", net[4]), ("conv3", net[7]), ("fc1", net[11])]]
+    with torch.no_grad():
+        net(torch.from_numpy(x_train)[:, None])
+    for h in hooks:
+        h.remove()
+    def table(name):
+        return np.load(os.path.join(HERE, "cnn", name + ".npy"))
+    e_in = min(block_exponent(np.abs(x).max()) for x in x_train)
+    for layer, products in [("conv1", 9), ("conv2", 9), ("conv3", 8), ("fc1", 256)]:
+        e_w = block_exponent(np.abs(table(f"cnn_{layer}_w")).max())
+        e_b = block_exponent(np.abs(table(f"cnn_{layer}_b")).max())
+        default = 15 + int(np.floor(np.log2(products)))
+        wanted = int(np.ceil(np.log2(peaks[layer] / 16383.0)))  # lowest exponent that fits
+        shift = min(max(default - (wanted - e_in - e_w), 0), default)
+        e_in = max(e_in + e_w + default - shift, e_b)
+        out.defines[f"CNN_{layer.upper()}_SHIFT"] = shift
+        print(f"  {layer}: shift {shift:2d}, exponent {e_in:3d}, peak {peaks[layer]:8.3f} = item "
+              f"{peaks[layer] / 2.0 ** e_in:7.0f}")
+
+
 def main():
     torch.manual_seed(0)
     torch.set_num_threads(1)  # the layers are too small to gain from threads
@@ -67,6 +111,7 @@ def main():
 
     with TensorModelWriter(os.path.join(HERE, "cnn"), input_shape=(8, 8, 1)) as out:
         out.sequential(net, prefix="cnn_")
+    choose_shifts(net, out, x_train)
     out.write_header(os.path.join(HERE, "cnn_net.h"),
                      comment="Written by train_cnn.py: shapes, pads and strides of cnn/ (kelvane -3d)")
     print(f"trained and exported in {time.time() - started:.0f} s")
