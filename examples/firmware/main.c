@@ -19,6 +19,14 @@
 
 #define IMAGES 8 /* how many test images the firmware classifies */
 
+/* The library runs without a heap: every record and temporary comes from this
+ * arena. Too small, and a layer stops with "out of memory", which fails the
+ * run. Its use goes to stderr: the records made at start-up, then each run's
+ * peak of temporaries above them (a device's figures are its own: records
+ * hold 32-bit pointers there). */
+#define ARENA_BYTES (64 * 1024)
+static unsigned char arena_buffer[ARENA_BYTES] __attribute__((aligned(8)));
+
 static void print_matrix(const char *run, const char *name, const dl_matrix2d_t *m)
 {
     printf("  %s %s %dx%d float\n", run, name, m->h, m->w);
@@ -41,12 +49,17 @@ static void print_matrixq(const char *run, const char *name, const dl_matrix2dq_
 
 int main(void)
 {
+    dl_arena_t arena;
+    dl_arena_init(&arena, arena_buffer, sizeof arena_buffer);
+    dl_use_arena(&arena);
+
     const model_coeff_getter_t *test = &get_coeff_digits_test;
     const dl_matrix2d_t *images = test->getter_f("images", NULL, 0);
     const dl_matrix2d_t *labels = test->getter_f("labels", NULL, 0);
-    const dl_matrix2d_t *torch[2] = {test->getter_f("lstm_torch", NULL, 0), test->getter_f("conv_torch", NULL, 0)};
+    const dl_matrix2d_t *torch[3] = {test->getter_f("lstm_torch", NULL, 0), test->getter_f("conv_torch", NULL, 0),
+                                     test->getter_f("cnn_torch", NULL, 0)};
     const char *missing = network_init();
-    if (!images || !labels || !torch[0] || !torch[1] || missing) {
+    if (!images || !labels || !torch[0] || !torch[1] || !torch[2] || missing) {
         printf("table %s missing\n", missing ? missing : "of the test split");
         return 1;
     }
@@ -56,13 +69,17 @@ int main(void)
         return 1;
     }
 
+    const size_t records = arena.top;
+    size_t temporaries[NETWORK_RUNS] = {0};
     for (int i = 0; i < IMAGES; i++) {
         const fptp_t *image = &images->item[images->stride * i];
         printf("image %d: digit %d\n", i, (int)labels->item[i]);
         for (int r = 0; r < NETWORK_RUNS; r++) {
+            dl_arena_reset_peak(&arena);
             measure_begin();
             int digit = network_classify(r, image);
             measure_end(network_run_name[r]);
+            if (dl_arena_peak(&arena) - records > temporaries[r]) temporaries[r] = dl_arena_peak(&arena) - records;
             measure_report();
             printf("  %s: %d (PyTorch %d)\n", network_run_name[r], digit, (int)torch[r / 3]->item[i]);
             const network_trace_t *t = network_trace(r);
@@ -73,5 +90,8 @@ int main(void)
         }
     }
     network_free();
-    return 0;
+    fprintf(stderr, "arena records %lu of %lu bytes\n", (unsigned long)records, (unsigned long)sizeof arena_buffer);
+    for (int r = 0; r < NETWORK_RUNS; r++)
+        fprintf(stderr, "arena %s temporaries %lu\n", network_run_name[r], (unsigned long)temporaries[r]);
+    return arena.top != 0; /* everything went back */
 }

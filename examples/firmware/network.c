@@ -1,5 +1,6 @@
 #include "network.h"
 
+#include "cnn.h"
 #include "conv_f.h"
 #include "conv_net.h"
 #include "conv_q.h"
@@ -22,6 +23,7 @@
 
 const char *const network_run_name[NETWORK_RUNS] = {
     "lstm float", "lstm quantised-weights", "lstm fixed", "conv float", "conv quantised-weights", "conv fixed",
+    "cnn float",  "cnn quantised-weights",  "cnn fixed",
 };
 
 static const char *missing;
@@ -53,7 +55,17 @@ static void trace(int r, const char *name, const dl_matrix2d_t *f, const dl_matr
 /* ---- LSTM network: the image rows are 8 time steps, then one fully
  * connected layer on the last output. ---- */
 
-enum { LSTM_FLOAT, LSTM_QUANTISED_WEIGHTS, LSTM_FIXED, CONV_FLOAT, CONV_QUANTISED_WEIGHTS, CONV_FIXED };
+enum {
+    LSTM_FLOAT,
+    LSTM_QUANTISED_WEIGHTS,
+    LSTM_FIXED,
+    CONV_FLOAT,
+    CONV_QUANTISED_WEIGHTS,
+    CONV_FIXED,
+    CNN_FLOAT,
+    CNN_QUANTISED_WEIGHTS,
+    CNN_FIXED
+};
 
 static struct {
     const dl_matrix2d_t *w, *b, *fc_w, *fc_b; /* float */
@@ -260,13 +272,34 @@ static int conv_fixed(const fptp_t *image)
     return net_argmax_q(conv.q_scores);
 }
 
+/* ---- Depthwise-separable CNN (examples/digits/cnn.c): convolution,
+ * depthwise and pointwise convolutions, max pooling, fully connected. Each
+ * run's trace is its scores. ---- */
+
+static int cnn_classify(int r, const fptp_t *image)
+{
+    traces[r].count = 0;
+    if (r == CNN_FIXED) {
+        const dl_matrix2dq_t *scores;
+        MEASURED("cnn fixed", scores = cnn_fixed(image));
+        trace(r, "scores", NULL, scores);
+        return net_argmax_q(scores);
+    }
+    const dl_matrix2d_t *scores;
+    if (r == CNN_FLOAT) MEASURED("cnn float", scores = cnn_float(image));
+    else MEASURED("cnn quantised-weights", scores = cnn_quantised_weights(image));
+    trace(r, "scores", scores, NULL);
+    return net_argmax_f(scores);
+}
+
 const char *network_init(void)
 {
     missing = NULL;
     for (int r = 0; r < NETWORK_RUNS; r++) traces[r].count = 0;
     lstm_init();
     conv_init();
-    return missing;
+    const char *cnn_missing = cnn_init();
+    return missing ? missing : cnn_missing;
 }
 
 int network_classify(int r, const fptp_t *image)
@@ -278,6 +311,9 @@ int network_classify(int r, const fptp_t *image)
     case CONV_FLOAT: return conv_float(image);
     case CONV_QUANTISED_WEIGHTS: return conv_quantised_weights(image);
     case CONV_FIXED: return conv_fixed(image);
+    case CNN_FLOAT:
+    case CNN_QUANTISED_WEIGHTS:
+    case CNN_FIXED: return cnn_classify(r, image);
     }
     return -1;
 }
@@ -307,4 +343,5 @@ void network_free(void)
     dl_matrixq_free(conv.q_hidden);
     dl_matrixq_free(conv.q_scores);
     dl_matrixq_free(conv.q_probs);
+    cnn_free();
 }

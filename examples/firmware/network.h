@@ -1,6 +1,7 @@
 /*
  * network.h - the bundled digit recognisers (examples/digits) as firmware
- * runs them: the LSTM network and the convolution network, each in the
+ * runs them: the LSTM network, the convolution network and the CNN of
+ * tensors (examples/digits/cnn.c), each in the
  * library's three number formats, from the generated pair of that format:
  *   float              float data and coefficients (kelvane -no-quantized)
  *   quantised weights  float data against 16-bit weight matrices
@@ -18,7 +19,7 @@
 #include "dl_lib.h"
 
 #define NETWORK_SIDE 8 /* images are 8 x 8 pixels, 0 to 1, row by row */
-#define NETWORK_RUNS 6 /* {lstm, conv} x {float, quantised weights, fixed} */
+#define NETWORK_RUNS 9 /* {lstm, conv, cnn} x {float, quantised weights, fixed} */
 
 extern const char *const network_run_name[NETWORK_RUNS];
 
