@@ -77,16 +77,16 @@ static void conv(int image, const fptp_t *pixels, struct shifts s)
     const model_coeff_getter_t *m = &get_coeff_conv_q;
     dl_matrix2d_t whole = {.w = SIDE, .h = SIDE, .stride = SIDE, .flags = DL_MF_FOREIGNDATA, .item = (fptp_t *)pixels};
     dl_matrix2d_t *bias = dl_matrix2d_from_matrixq(need(m, "conv_b"), NULL);
-    dl_matrix2d_t *features = dl_basic_conv_layer_quantised_weight(
-        &whole, need(m, "conv_w"), bias, CONV_FILTER_W, CONV_FILTER_H, CONV_OUT_CHANNELS, CONV_STRIDE_X,
-        CONV_STRIDE_Y, CONV_PADDING, NULL);
+    dl_matrix2d_t *features =
+        dl_basic_conv_layer_quantised_weight(&whole, need(m, "conv_w"), bias, CONV_FILTER_W, CONV_FILTER_H,
+                                             CONV_OUT_CHANNELS, CONV_STRIDE_X, CONV_STRIDE_Y, CONV_PADDING, NULL);
     dl_relu(features, RELU_CLIP, features);
     dl_matrix2dq_t *features_q = dl_matrixq_from_matrix2d(features, NULL);
     dl_matrix2dq_t *hidden = dl_matrixq_alloc(FC1_OUTPUTS, 1), *scores = dl_matrixq_alloc(FC2_OUTPUTS, 1);
     dl_fully_connect_layer_q(features_q, need(m, "fc1_w"), need(m, "fc1_b"), hidden, s.fc1);
     print_record("conv", image, "fc1", hidden);
-    dl_batch_normalize_q(hidden, need(m, "bn1_offset"), need(m, "bn1_scale"), need(m, "bn1_mean"),
-                         need(m, "bn1_var"), s.bn1);
+    dl_batch_normalize_q(hidden, need(m, "bn1_offset"), need(m, "bn1_scale"), need(m, "bn1_mean"), need(m, "bn1_var"),
+                         s.bn1);
     print_record("conv", image, "bn1", hidden);
     dl_relu_q(hidden, RELU_CLIP, hidden);
     dl_fully_connect_layer_q(hidden, need(m, "fc2_w"), need(m, "fc2_b"), scores, s.fc2);

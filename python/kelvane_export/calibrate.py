@@ -259,7 +259,9 @@ def calibrate(directory, layers, inputs, margin=1.0, out=sys.stdout):
     if len(x) == 0:
         raise ValueError("calibration needs at least one input")
     result = Calibration(margin, len(x))
-    limit = fx.ITEM_MAX / 2.0 ** margin
+    # An item at +-32767 may have been clipped: with no margin, the largest
+    # item that surely was not is 32766.
+    limit = min(fx.ITEM_MAX / 2.0 ** margin, fx.ITEM_MAX - 1)
     for layer in layers:
         layer.load(directory)
         if layer.define is None or layer.shift is not None:
