@@ -249,15 +249,30 @@ def _span(pair):
     return str(lo) if lo == hi else f"{lo}..{hi}"
 
 
-def calibrate(directory, layers, inputs, margin=1.0, out=sys.stdout):
-    """Chooses the shift of every layer with a define, in order, from the
-    float inputs (N, rows, columns), or (N, features) for one row each.
-    Prints the table to out (None: silent) and returns a Calibration."""
+def _batch(inputs):
     x = np.asarray(inputs, np.float32)
     if x.ndim == 2:
         x = x[:, None, :]
     if len(x) == 0:
         raise ValueError("calibration needs at least one input")
+    return x
+
+
+def forward(directory, layers, inputs, shifts):
+    """The network's outputs for the inputs with the given shifts (by
+    define), as the library computes them: a QBatch for a fixed-point end."""
+    x = _batch(inputs)
+    for layer in layers:
+        layer.load(directory)
+        x, _ = layer.run(x, shifts[layer.define] if layer.define else 0)
+    return x
+
+
+def calibrate(directory, layers, inputs, margin=1.0, out=sys.stdout):
+    """Chooses the shift of every layer with a define, in order, from the
+    float inputs (N, rows, columns), or (N, features) for one row each.
+    Prints the table to out (None: silent) and returns a Calibration."""
+    x = _batch(inputs)
     result = Calibration(margin, len(x))
     # An item at +-32767 may have been clipped: with no margin, the largest
     # item that surely was not is 32766.
