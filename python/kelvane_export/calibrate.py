@@ -37,6 +37,7 @@ import numpy as np
 from . import fixedpoint as fx
 
 GATE_RANGE = 8.0
+SANITY_BITS = 10  # dl_matrixq_check_sanity warns at this many bits or fewer
 
 
 def _bits(items):
@@ -51,6 +52,7 @@ class Layer:
 
     define = None
     shift = None
+    checked = False  # the library's layer runs dl_matrixq_check_sanity on its results
 
     def load(self, directory):
         """Reads the layer's tables from the model directory."""
@@ -131,6 +133,8 @@ class BatchNorm(Layer):
     variance table (converted with -bnmatrices); the shift is the
     division's, 0 to 16."""
 
+    checked = True
+
     def __init__(self, name, variance="pop_var", define=None, shift=None):
         self.name, self.variance, self.shift = name, variance, shift
         self.define = define or f"{name.upper()}_SHIFT"
@@ -153,6 +157,8 @@ class Lstm(Layer):
     """dl_basic_lstm_layer_q over the rows of each input (one row a time
     step), states starting at zero with exponent -31; the output is the last
     step's state_h. Tables NAME_w and NAME_b; define NAME_SHIFT."""
+
+    checked = True
 
     def __init__(self, name, define=None, shift=None, gate_range=GATE_RANGE):
         self.name, self.shift, self.gate_range = name, shift, gate_range
@@ -213,6 +219,7 @@ class Row:
     saturated: float = 0.0     # share of items at +-32767
     headroom: float = None     # bits between the largest item and 32767
     fits: bool = True          # the margin was met
+    few_bits: bool = False     # the layer checks its records, and some use SANITY_BITS or fewer
 
 
 @dataclass
@@ -236,11 +243,13 @@ class Calibration:
                 continue
             shift = "" if r.shift is None else str(r.shift)
             exps = _span(r.exponents)
-            bits = _span(r.bits)
+            bits = _span(r.bits) + (" *" if r.few_bits else "")
             room = "" if r.headroom is None else f"{r.headroom:.2f}" + ("" if r.fits else " !")
             lines.append(f"{r.name:<12} {shift:>5} {exps:>10} {bits:>10} {100 * r.saturated:>9.2f}% {room:>9}")
         if not all(r.fits for r in self.rows):
             lines.append("! saturates on this batch even with the smallest right shift (shift 0)")
+        if any(r.few_bits for r in self.rows):
+            lines.append(f"* some records use {SANITY_BITS} bits or fewer: the layer's sanity check warns about them")
         return "\n".join(lines)
 
 
@@ -295,6 +304,7 @@ def calibrate(directory, layers, inputs, margin=1.0, out=sys.stdout):
             row.exponents = (int(y.exponent.min()), int(y.exponent.max()))
             bits = np.concatenate([_bits(r.items) for r in governed])
             row.bits = (int(bits.min()), int(bits.max()))
+            row.few_bits = layer.checked and row.bits[0] <= SANITY_BITS
             items = sum(r.items.size for r in governed)
             row.saturated = sum(int((np.abs(r.items) == fx.ITEM_MAX).sum()) for r in governed) / max(items, 1)
         if layer.define is not None:
