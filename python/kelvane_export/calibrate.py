@@ -40,6 +40,16 @@ GATE_RANGE = 8.0
 SANITY_BITS = 10  # dl_matrixq_check_sanity warns at this many bits or fewer
 
 
+def _table(layer, directory, name, variance=False):
+    """A fixed-point table of the layer, noting an all-zero one: the quantiser
+    gives it exponent 0, and a sum with it takes that exponent, leaving the
+    layer's results a few items at most."""
+    table = fx.load_table(directory, name, variance=variance)
+    if not table.items.any():
+        layer.zero_tables = getattr(layer, "zero_tables", []) + [name]
+    return table
+
+
 def _bits(items):
     """Bits of the largest magnitude of each record (0 for an all-zero one)."""
     peak = np.abs(items).reshape(len(items), -1).max(axis=1)
@@ -114,8 +124,8 @@ class Linear(Layer):
         self.define = define or f"{name.upper()}_SHIFT"
 
     def load(self, directory):
-        self.w = fx.load_table(directory, self.name + "_w")
-        self.b = fx.load_table(directory, self.name + "_b") if self.bias else None
+        self.w = _table(self, directory, self.name + "_w")
+        self.b = _table(self, directory, self.name + "_b") if self.bias else None
 
     def max_shift(self, x):
         return fx.product_shift(x.items.shape[2])
@@ -140,9 +150,9 @@ class BatchNorm(Layer):
         self.define = define or f"{name.upper()}_SHIFT"
 
     def load(self, directory):
-        self.offset, self.scale, self.mean = (fx.load_table(directory, f"{self.name}_{part}")
+        self.offset, self.scale, self.mean = (_table(self, directory, f"{self.name}_{part}")
                                               for part in ("offset", "scale", "mean"))
-        self.root = fx.load_table(directory, self.variance, variance=True)
+        self.root = _table(self, directory, self.variance, variance=True)
 
     def max_shift(self, x):
         return 16
@@ -165,8 +175,8 @@ class Lstm(Layer):
         self.define = define or f"{name.upper()}_SHIFT"
 
     def load(self, directory):
-        self.w = fx.load_table(directory, self.name + "_w")
-        self.b = fx.load_table(directory, self.name + "_b")
+        self.w = _table(self, directory, self.name + "_w")
+        self.b = _table(self, directory, self.name + "_b")
 
     def max_shift(self, x):
         return fx.product_shift(self.w.items.shape[1])
@@ -198,7 +208,8 @@ class Conv2d(Layer):
         self.name, self.geometry = name, geometry
 
     def load(self, directory):
-        self.w = fx.load_table(directory, self.name + "_w")
+        self.w = _table(self, directory, self.name + "_w")
+        # A float bias: zeros are harmless here.
         self.b = fx.load_table(directory, self.name + "_b").floats()[0]
 
     def run(self, x, shift, limit=None):
@@ -232,6 +243,7 @@ class Calibration:
     rows: list = field(default_factory=list)
     shifts: dict = field(default_factory=dict)
     notes: dict = field(default_factory=dict)
+    zero_tables: list = field(default_factory=list)
     outputs: object = None
 
     def table(self):
@@ -248,6 +260,9 @@ class Calibration:
             lines.append(f"{r.name:<12} {shift:>5} {exps:>10} {bits:>10} {100 * r.saturated:>9.2f}% {room:>9}")
         if not all(r.fits for r in self.rows):
             lines.append("! saturates on this batch even with the smallest right shift (shift 0)")
+        for name in self.zero_tables:
+            lines.append(f"{name} is all zeros: at its exponent 0 it swamps the fixed-point results it meets "
+                         "(a bias: leave it out, bias=False in PyTorch and NULL in C)")
         if any(r.few_bits for r in self.rows):
             lines.append(f"* some records use {SANITY_BITS} bits or fewer: the layer's sanity check warns about them")
         return "\n".join(lines)
@@ -287,7 +302,9 @@ def calibrate(directory, layers, inputs, margin=1.0, out=sys.stdout):
     # item that surely was not is 32766.
     limit = min(fx.ITEM_MAX / 2.0 ** margin, fx.ITEM_MAX - 1)
     for layer in layers:
+        layer.zero_tables = []
         layer.load(directory)
+        result.zero_tables += layer.zero_tables
         if layer.define is None or layer.shift is not None:
             candidates = [layer.shift or 0]
         else:

@@ -65,6 +65,16 @@ class LinearShiftTest(TablesCase):
         self.assertEqual(result.outputs.items.tolist(), [[[28672]]])
         self.assertFalse(result.rows[-1].fits)
 
+    def test_all_zero_bias_is_named(self):
+        # Zeros quantise at exponent 0, so the sum lands there: [1, 0.5] x [1, 1]
+        # is 1.5, one item.
+        self.tables(fc_w=[[1.0], [1.0]], fc_b=[0.0])
+        out = io.StringIO()
+        result = calibrate(self.dir, [Quantise(), Linear("fc")], [[1.0, 0.5]], out=out)
+        self.assertEqual(result.outputs.items.tolist(), [[[1]]])
+        self.assertEqual(result.zero_tables, ["fc_b"])
+        self.assertIn("fc_b is all zeros", out.getvalue())
+
     def test_lstm_gates_may_saturate_beyond_the_flat_range(self):
         # One input of 1.0, one unit, every gate weight 100 and no bias: the
         # gate inputs are 100. Sums of 16384 * 25600 at exponent -22 + s
