@@ -5,7 +5,8 @@
  *
  *   fixed_trace images.npy count lstm,lstm_fc,fc1,bn1,fc2 [more shift sets...]
  *
- * Each shift set prints a line "shifts a b c d e", then per image
+ * After a comment line, each shift set prints a line "shifts a b c d e",
+ * then per image
  *   lstm <image> c|h|scores <exponent> <items...>
  *   conv <image> fc1|bn1|scores <exponent> <items...>
  * The exporter's NumPy twin of the fixed-point arithmetic is compared with
@@ -110,6 +111,7 @@ int main(int argc, char **argv)
     if (count > images->h) count = images->h;
     /* Deliberately poor shifts are traced too: their warnings are expected. */
     dl_set_sanity_handler(ignore, NULL);
+    printf("# written by examples/digits/fixed_trace (ctest -R examples.digits_trace)\n");
     for (int a = 3; a < argc; a++) {
         struct shifts s;
         if (sscanf(argv[a], "%d,%d,%d,%d,%d", &s.lstm, &s.lstm_fc, &s.fc1, &s.bn1, &s.fc2) != 5) {

@@ -34,6 +34,8 @@ def read_trace():
     with open(TRACE) as f:
         for line in f:
             words = line.split()
+            if words[0] == "#":
+                continue
             if words[0] == "shifts":
                 current = sets.setdefault(tuple(int(w) for w in words[1:]), {})
             else:
