@@ -17,9 +17,10 @@ calibrate() runs the batch through the library's own fixed-point arithmetic
 a shift it takes the largest shift under which no record of the batch comes
 within `margin` bits of saturating (an item at most 32767 / 2^margin) in the
 results the shift governs: a product and its bias, a batch norm's quotient
-and its result, an LSTM's gate inputs. An LSTM gate input counts only up to
-`gate_range` (8.0): the library's sigmoid is 1.0 from 7.5 on and its tanh from
-3.75, so a larger input acts as a saturated one. The next layer is then
+and its result, an LSTM's gate inputs. A record of gate inputs whose
+saturation level (32767 items) stands for `gate_range` (8.0) or more may
+saturate: the library's sigmoid is 1.0 from 7.5 on and its tanh from 3.75,
+so a clipped input acts as the exact one would. The next layer is then
 calibrated on the outputs of the shift chosen. A layer that saturates even
 with shift 0 keeps 0 and is marked in the table.
 
