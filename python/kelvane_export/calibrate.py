@@ -63,7 +63,7 @@ class Layer:
 
     define = None
     shift = None
-    checked = False  # the library's layer runs dl_matrixq_check_sanity on its results
+    checked = slice(0)  # the records of run()'s list that the library's layer checks for sanity
 
     def load(self, directory):
         """Reads the layer's tables from the model directory."""
@@ -144,7 +144,7 @@ class BatchNorm(Layer):
     variance table (converted with -bnmatrices); the shift is the
     division's, 0 to 16."""
 
-    checked = True
+    checked = slice(0, 1)  # the quotient
 
     def __init__(self, name, variance="pop_var", define=None, shift=None):
         self.name, self.variance, self.shift = name, variance, shift
@@ -169,7 +169,7 @@ class Lstm(Layer):
     step), states starting at zero with exponent -31; the output is the last
     step's state_h. Tables NAME_w and NAME_b; define NAME_SHIFT."""
 
-    checked = True
+    checked = slice(None)
 
     def __init__(self, name, define=None, shift=None, gate_range=GATE_RANGE):
         self.name, self.shift, self.gate_range = name, shift, gate_range
@@ -231,7 +231,7 @@ class Row:
     saturated: float = 0.0     # share of items at +-32767
     headroom: float = None     # bits between the largest item and 32767
     fits: bool = True          # the margin was met
-    few_bits: bool = False     # the layer checks its records, and some use SANITY_BITS or fewer
+    few_bits: bool = False     # a record the layer checks uses SANITY_BITS or fewer
 
 
 @dataclass
@@ -322,7 +322,8 @@ def calibrate(directory, layers, inputs, margin=1.0, out=sys.stdout):
             row.exponents = (int(y.exponent.min()), int(y.exponent.max()))
             bits = np.concatenate([_bits(r.items) for r in governed])
             row.bits = (int(bits.min()), int(bits.max()))
-            row.few_bits = layer.checked and row.bits[0] <= SANITY_BITS
+            checked = [record for record, _ in stages][layer.checked]
+            row.few_bits = any(_bits(r.items).min() <= SANITY_BITS for r in checked)
             items = sum(r.items.size for r in governed)
             row.saturated = sum(int((np.abs(r.items) == fx.ITEM_MAX).sum()) for r in governed) / max(items, 1)
         if layer.define is not None:
