@@ -229,7 +229,7 @@ class Row:
     exponents: tuple = None    # lowest and highest output exponent
     bits: tuple = None         # fewest and most bits used by a record
     saturated: float = 0.0     # share of items at +-32767
-    headroom: float = None     # bits between the largest item and 32767
+    headroom: float = None     # bits between the largest item and 32767 (harmless saturation included)
     fits: bool = True          # the margin was met
     few_bits: bool = False     # a record the layer checks uses SANITY_BITS or fewer
 
@@ -328,11 +328,17 @@ def calibrate(directory, layers, inputs, margin=1.0, out=sys.stdout):
             row.saturated = sum(int((np.abs(r.items) == fx.ITEM_MAX).sum()) for r in governed) / max(items, 1)
         if layer.define is not None:
             row.define, row.shift = layer.define, shift
-            row.headroom = math.log2(fx.ITEM_MAX / peak) if peak > 0 else math.inf
+            # The headroom of the items as they are, harmless saturation included.
+            largest = max((_peak(record, None, limit) for record, _ in stages), default=0.0)
+            row.headroom = math.log2(fx.ITEM_MAX / largest) if largest > 0 else math.inf
             row.fits = peak <= limit
+            note = f"{row.headroom:.2f} bits of headroom on {result.count} calibration inputs"
+            if not row.fits:
+                note += ", saturating"
+            elif largest > limit:
+                note += f" (gate inputs may saturate beyond {layer.gate_range:g})"
             result.shifts[layer.define] = shift
-            result.notes[layer.define] = (f"{row.headroom:.2f} bits of headroom on {result.count} calibration inputs"
-                                          + ("" if row.fits else ", saturating"))
+            result.notes[layer.define] = note
         result.rows.append(row)
         x = y
     result.outputs = x
