@@ -5,7 +5,7 @@ A batch of fixed-point records is a QBatch: integer items of shape
 exponent per record (shape (N,)): item * 2^exponent is the value. Tables
 read from a model directory are batches of one and broadcast against any N.
 
-Every function follows the library's definition of the same name: the
+Each function follows the library function its docstring names: the
 quantiser's half unit and truncation, products as exact integer sums shifted
 right (rounding down) and saturated at +-32767, alignment to the larger
 exponent by arithmetic right shifts, the Q15 sigmoid table and the tanh that
@@ -130,7 +130,8 @@ def product_shift(inputs):
 def quantise(x):
     """dl_matrixq_from_matrix2d on each record of x (N, rows, columns): the
     exponent from the largest magnitude, half a unit added in float, scaled
-    and truncated toward zero."""
+    and truncated toward zero. The values must be finite (the library's
+    treatment of NaN is not reproduced)."""
     x = np.asarray(x, F32)
     if x.ndim == 2:
         x = x[None]
