@@ -280,6 +280,8 @@ def _batch(inputs):
         x = x[:, None, :]
     if len(x) == 0:
         raise ValueError("calibration needs at least one input")
+    if not np.isfinite(x).all():
+        raise ValueError("calibration inputs must be finite: the quantiser has no item for NaN or infinity")
     return x
 
 
