@@ -2,6 +2,9 @@
 """Trains the two digit recognisers of this example and exports them.
 
     nice /usr/bin/python3 examples/digits/train.py      (about a minute on two cores)
+    /usr/bin/python3 examples/digits/train.py --calibrate-only
+        calibrates the committed models again and rewrites the two headers,
+        leaving the model directories as they are
 
 Data: the 8 x 8 handwritten digits that Debian's python3-sklearn ships
 (load_digits, 1797 images of 0 to 16), scaled to 0..1, split once into 80 %
@@ -18,7 +21,9 @@ Networks (PyTorch, fixed seeds):
 Written here (all committed, so that building and testing need no Python):
   lstm/, conv/              the model directories, by kelvane_export
   lstm_net.h, conv_net.h    layer sizes, the convolution's geometry and the
-                            shift arguments of the fixed-point layers
+                            shift arguments of the fixed-point layers,
+                            calibrated on the training images (the table
+                            of each calibration is printed)
   test/images.npy           the test images, one row of 64 pixels each
   test/labels.npy           their digits
   test/lstm_torch.npy, test/conv_torch.npy
@@ -27,9 +32,9 @@ Written here (all committed, so that building and testing need no Python):
 Provenance: every file above is written by numpy.save or plain text from this
 script; rerunning it rewrites them.
 """
-import math
 import os
 import sys
+import tempfile
 import time
 
 import numpy as np
@@ -41,10 +46,10 @@ from sklearn.model_selection import train_test_split
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "python"))
 from kelvane_export import ModelWriter  # noqa: E402
+from kelvane_export.calibrate import BatchNorm, Conv2d, Linear, Lstm, Quantise, Relu, calibrate  # noqa: E402
 
 DIGITS = ["zero", "one", "two", "three", "four", "five", "six", "seven", "eight", "nine"]
 CLIP = 6.0  # ReLU6: the library's relu clips at its `clip` argument
-GATE_RANGE = 8.0  # LSTM gate inputs beyond this change no activation
 
 
 class LstmNet(nn.Module):
@@ -89,101 +94,90 @@ def train(net, x, y, epochs, lr):
     net.eval()
 
 
+# -- shifts of the fixed-point layers -----------------------------------------
+#
+# The shifts are calibrated on the training images: the exporter runs them
+# through the library's fixed-point arithmetic, layer by layer as digits.c
+# calls it, and takes for each layer the largest shift that keeps one bit of
+# headroom (LSTM gate inputs count up to 8, where the activations are flat).
+
+def layers(geometry):
+    """The fixed-point variants of digits.c, one entry per library call."""
+    return {
+        "lstm": [Quantise(), Lstm("lstm"), Linear("lstm_fc")],
+        "conv": [Conv2d("conv", geometry), Relu(CLIP), Quantise(), Linear("fc1"),
+                 BatchNorm("bn1", variance="bn1_var"), Relu(CLIP), Linear("fc2")],
+    }
+
+
+def training_images():
+    """The training split, as train_test_split made it for training."""
+    return split()[0]
+
+
 def split():
     digits = load_digits()
     images = (digits.images / 16.0).astype(np.float32)
     return train_test_split(images, digits.target, test_size=0.2, stratify=digits.target, random_state=20261123)
 
 
-# -- shifts of the fixed-point layers -----------------------------------------
-#
-# A fixed-point product keeps 15 + floor(log2(inputs)) - shift bits of its
-# exact sum below the result, so a larger shift keeps more precision until the
-# largest result saturates at 32767 items. A layer whose outputs are scores
-# gets the largest shift under which no training image saturates, less one
-# bit of headroom for unseen images. The LSTM's gates may saturate: the
-# library's sigmoid is 1.0 from 7.5 on and its tanh from 3.75, so a gate
-# input clamped at +-8 acts as the unclamped one, and the cell's shift is the
-# largest that keeps that range. Exponents follow the library's number model:
-# the quantiser puts the largest magnitude at 16383 to 32767 items, and the
-# layers derive theirs from their operands'.
+def export(nets, root):
+    """Writes the model directories under root; returns their writers (whose
+    defines hold the layer sizes) and the convolution's geometry."""
+    net = nets["lstm"]
+    lstm = ModelWriter(os.path.join(root, "lstm"))
+    lstm.lstm("lstm", net.lstm)
+    lstm.linear("lstm_fc", net.fc)
+    lstm.model_info([(word, 1, 0.5, 0.5) for word in DIGITS], name="digits", version="lstm")
 
-def qexp(r):
-    """Exponent the quantiser gives a matrix of largest magnitude r."""
-    r, e = np.float32(r), 0
-    if r == 0:
-        return 0
-    while r > 32767:
-        r, e = np.float32(r / 2), e + 1
-    while r < 16383:
-        r, e = np.float32(r * 2), e - 1
-    return e
+    net = nets["conv"]
+    conv = ModelWriter(os.path.join(root, "conv"))
+    geometry = conv.conv2d("conv", net.conv, (8, 8))
+    conv.linear("fc1", net.fc1, conv_output=(geometry.out_channels, geometry.out_h, geometry.out_w))
+    conv.batchnorm("bn1", net.bn1, variance_name="bn1_var")
+    conv.linear("fc2", net.fc2)
+    # Each directory is put in place whole when its writer closes.
+    lstm.close()
+    conv.close()
+    return {"lstm": lstm, "conv": conv}, geometry
 
 
-def product_shift(e_in, e_weight, inputs, largest):
-    """Largest shift of a product whose input is at exponent e_in and whose
-    result (with bias) reaches `largest` without saturating."""
-    default = 15 + int(math.floor(math.log2(inputs)))
-    return int(math.floor(math.log2(32767 / largest))) + e_in + e_weight + default
+def architecture():
+    """The writers and geometry of untrained networks: sizes and geometry
+    depend on the architecture alone, so the committed models' headers can
+    be rewritten without exporting (and so changing) the models."""
+    with tempfile.TemporaryDirectory() as root:
+        return export({"lstm": LstmNet(), "conv": ConvNet()}, root)
 
 
-def lstm_shifts(net, x):
-    lstm_w = np.concatenate([net.lstm.weight_ih_l0.detach().numpy(), net.lstm.weight_hh_l0.detach().numpy()], 1)
-    e_w, e_fc = qexp(np.abs(lstm_w).max()), qexp(float(net.fc.weight.abs().max()))
-    with torch.no_grad():
-        outputs, _ = net.lstm(x)
-    outputs = outputs.numpy()
-    images = x.numpy()
-    shifts, fc_shifts = [], []
-    for image, h_all in zip(images, outputs):
-        h = np.zeros(32, np.float32)
-        e_x = qexp(np.abs(image).max())  # the image is quantised once
-        for step in range(8):
-            e_in = max(e_x, qexp(np.abs(h).max())) if h.any() else e_x
-            shifts.append(product_shift(e_in, e_w, 40, GATE_RANGE))
-            h = h_all[step]
-        r = net.fc.weight.detach().numpy() @ h
-        z = r + net.fc.bias.detach().numpy()
-        fc_shifts.append(product_shift(qexp(np.abs(h).max()), e_fc, 32, max(np.abs(r).max(), np.abs(z).max())))
-    return min(shifts), min(fc_shifts) - 1
+def calibrate_models(images, geometry=None, out=sys.stdout):
+    """Calibrates the committed model directories on images (N x 8 x 8)."""
+    if geometry is None:
+        geometry = architecture()[1]
+    results = {}
+    for name, net_layers in layers(geometry).items():
+        if out:
+            print(f"{name}:", file=out)
+        results[name] = calibrate(os.path.join(HERE, name), net_layers, images, out=out)
+    return results
 
 
-def conv_shifts(net, x):
-    def absmax(t):
-        return float(t.detach().abs().max())
-    with torch.no_grad():
-        a = net.features(x)
-        r1 = a @ net.fc1.weight.T
-        z1 = r1 + net.fc1.bias
-        bn = net.bn1
-        root = torch.sqrt(bn.running_var + 0.001)
-        centred = z1 - bn.running_mean
-        normal = centred / root
-        hidden = torch.clamp(normal * bn.weight + bn.bias, 0, CLIP)
-        r2 = hidden @ net.fc2.weight.T
-        z2 = r2 + net.fc2.bias
-    e_w1, e_b1, e_w2 = qexp(absmax(net.fc1.weight)), qexp(absmax(net.fc1.bias)), qexp(absmax(net.fc2.weight))
-    e_mean, e_root = qexp(absmax(bn.running_mean)), qexp(absmax(root))
-    e_scale, e_offset = qexp(absmax(bn.weight)), qexp(absmax(bn.bias))
-    e_a = [qexp(absmax(row)) for row in a]
-    fc1 = min(product_shift(e, e_w1, 256, max(absmax(r), absmax(z)))
-              for e, r, z in zip(e_a, r1, z1)) - 1
-    # Exponents through the fully connected layer and the batch norm's steps.
-    e_fc1 = [max(e + e_w1 + 15 + 8 - fc1, e_b1) for e in e_a]
-    e_sub = [max(e, e_mean) for e in e_fc1]
-    # The division keeps `shift` more bits of the quotient of two items; the
-    # dividend is shifted left in 32 bits, so 16 at most.
-    bn1 = min(16, min(int(math.floor(math.log2(32767 / absmax(n)))) + e - e_root
-                      for n, e in zip(normal, e_sub))) - 1
-    e_bn = [max(e - e_root - bn1 + e_scale + 16, e_offset) for e in e_sub]
-    fc2 = min(product_shift(e, e_w2, 32, max(absmax(r), absmax(z)))
-              for e, r, z in zip(e_bn, r2, z2)) - 1
-    return fc1, bn1, fc2
+def write_headers(writers, calibrations):
+    for name, out in writers.items():
+        out.defines.update(calibrations[name].shifts)
+        if name == "conv":
+            out.defines["RELU_CLIP"] = f"{CLIP}f"
+        out.write_header(os.path.join(HERE, f"{name}_net.h"), notes=calibrations[name].notes,
+                         comment=f"Written by train.py: sizes and calibrated shifts of {name}/")
 
 
 def main():
-    torch.manual_seed(0)
     torch.set_num_threads(2)
+    if sys.argv[1:] == ["--calibrate-only"]:
+        writers, geometry = architecture()
+        write_headers(writers, calibrate_models(training_images(), geometry))
+        return
+    torch.manual_seed(0)
     started = time.time()
 
     x_train, x_test, y_train, y_test = split()
@@ -203,28 +197,9 @@ def main():
         np.save(os.path.join(HERE, "test", f"{name}_torch.npy"), predicted)
         print(f"{name}: PyTorch test accuracy {100.0 * (predicted == y_test).mean():.1f} %")
 
-    net = nets["lstm"]
-    out = ModelWriter(os.path.join(HERE, "lstm"))
-    out.lstm("lstm", net.lstm)
-    out.linear("lstm_fc", net.fc)
-    out.model_info([(word, 1, 0.5, 0.5) for word in DIGITS], name="digits", version="lstm")
-    out.defines["LSTM_SHIFT"], out.defines["LSTM_FC_SHIFT"] = lstm_shifts(net, xt)
-    out.close()
-    out.write_header(os.path.join(HERE, "lstm_net.h"), comment="Written by train.py: sizes and shifts of lstm/")
-    print("lstm: shifts", out.defines["LSTM_SHIFT"], out.defines["LSTM_FC_SHIFT"])
-
-    net = nets["conv"]
-    out = ModelWriter(os.path.join(HERE, "conv"))
-    geometry = out.conv2d("conv", net.conv, (8, 8))
-    out.linear("fc1", net.fc1, conv_output=(geometry.out_channels, geometry.out_h, geometry.out_w))
-    out.batchnorm("bn1", net.bn1, variance_name="bn1_var")
-    out.linear("fc2", net.fc2)
-    out.defines["FC1_SHIFT"], out.defines["BN1_SHIFT"], out.defines["FC2_SHIFT"] = conv_shifts(net, xt)
-    out.defines["RELU_CLIP"] = f"{CLIP}f"
-    out.close()
-    out.write_header(os.path.join(HERE, "conv_net.h"), comment="Written by train.py: sizes and shifts of conv/")
-    print("conv: shifts", out.defines["FC1_SHIFT"], out.defines["BN1_SHIFT"], out.defines["FC2_SHIFT"],
-          "; convert with -bnmatrices", out.bnmatrices)
+    writers, geometry = export(nets, HERE)
+    write_headers(writers, calibrate_models(x_train, geometry))
+    print("convert conv/ with -bnmatrices", writers["conv"].bnmatrices)
     print(f"trained and exported in {time.time() - started:.0f} s")
 
 

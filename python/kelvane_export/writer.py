@@ -304,14 +304,21 @@ class ModelWriter:
 
     # -- beside the model --------------------------------------------------
 
-    def write_header(self, path, guard=None, comment=None):
+    def write_header(self, path, guard=None, comment=None, notes=None):
         """Writes `defines` as a C header, e.g. for firmware that needs the
         layer sizes, the convolution geometry and the shifts of the
-        fixed-point layers."""
+        fixed-point layers. notes maps a define to a comment on its line,
+        such as the headroom that calibration measured for a shift."""
         guard = guard or re.sub(r"\W", "_", os.path.basename(path)).upper()
+        notes = notes or {}
         lines = [f"/* {comment} */"] if comment else []
         lines += [f"#ifndef {guard}", f"#define {guard}", ""]
-        lines += [f"#define {key} {value}" for key, value in self.defines.items()]
+        # Values and comments aligned in columns, as the project's format has them.
+        width = max((len(key) for key in self.defines), default=0)
+        body = [f"#define {key:<{width}} {value}" for key, value in self.defines.items()]
+        column = max((len(line) for line, key in zip(body, self.defines) if key in notes), default=0) + 1
+        lines += [f"{line:<{column}}/* {notes[key]} */" if key in notes else line
+                  for line, key in zip(body, self.defines)]
         lines += ["", f"#endif /* {guard} */", ""]
         with open(path, "w") as f:
             f.write("\n".join(lines))
