@@ -29,6 +29,7 @@
 #include "dl_lib_matrixq.h"
 #include "dl_lib_numpy_input.h"
 #include "dl_lib_tensor.h"
+#include "dl_lib_audio.h"
 
 #ifdef __cplusplus
 extern "C" {
