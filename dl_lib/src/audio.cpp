@@ -105,7 +105,9 @@ dl_audio_features_t *features_alloc(const dl_audio_config_t *config, int n_mels,
     f->work_f = static_cast<fptp_t *>(alloc_array(2 * half + 3 * bins + f->win_len + n_mels, sizeof(fptp_t)));
     f->power_q = static_cast<uint64_t *>(alloc_array(bins, sizeof(uint64_t)));
     f->logmel_q = static_cast<int32_t *>(alloc_array(n_mels, sizeof(int32_t)));
-    if (!f->win_q15 || !f->win_f || !f->stage_q || !f->stage_f || !f->split_q || !f->split_f || !f->rev ||
+    f->band_first = static_cast<int32_t *>(alloc_array(n_mels, sizeof(int32_t)));
+    f->band_end = static_cast<int32_t *>(alloc_array(n_mels, sizeof(int32_t)));
+    if (!f->band_first || !f->band_end || !f->win_q15 || !f->win_f || !f->stage_q || !f->stage_f || !f->split_q || !f->split_f || !f->rev ||
         !f->work_q || !f->work_f || !f->power_q || !f->logmel_q) {
         dl_audio_features_free(f);
         return nullptr;
@@ -210,6 +212,8 @@ void dl_audio_features_free(dl_audio_features_t *f)
     free(f->work_f);
     free(f->power_q);
     free(f->logmel_q);
+    free(f->band_first);
+    free(f->band_end);
     free(f);
 }
 
@@ -222,6 +226,13 @@ dl_audio_features_t *dl_audio_features_new(const dl_audio_config_t *config, cons
     if (!f) return nullptr;
     f->mel = mel;
     f->dct = dct;
+    for (int j = 0; j < f->n_mels; j++) {
+        int first = 0, end = f->bins;
+        while (first < end && mel->item[j + mel->stride * first] == 0.0f) first++;
+        while (end > first && mel->item[j + mel->stride * (end - 1)] == 0.0f) end--;
+        f->band_first[j] = first;
+        f->band_end[j] = end;
+    }
     return f;
 }
 
@@ -239,6 +250,14 @@ dl_audio_features_t *dl_audio_features_new_q(const dl_audio_config_t *config, co
     if (!f) return nullptr;
     f->melq = mel;
     f->dctq = dct;
+    for (int j = 0; j < f->n_mels; j++) {
+        const qtp_t *col = mel->itemq + mel->stride * j;
+        int first = 0, end = f->bins;
+        while (first < end && col[first] == 0) first++;
+        while (end > first && col[end - 1] == 0) end--;
+        f->band_first[j] = first;
+        f->band_end[j] = end;
+    }
     // The filter sums count power at 2^-30 (samples and bins scaled by
     // 2^15), shifted right by power_shift, times items at 2^exponent.
     f->energy_log2_offset = 30 - f->power_shift - mel->exponent;
@@ -308,9 +327,12 @@ void dl_audio_frame(const int16_t *frame, dl_audio_features_t *f, fptp_t *out)
     for (int k = 0; k < bins; k++) power[k] = re[k] * re[k] + im[k] * im[k];
     const dl_matrix2d_t *mel = f->mel;
     const fptp_t floor_value = DL_AUDIO_LOG_FLOOR;
+    // A filter's sum runs over its bins in ascending order. The zero weights
+    // at either end are skipped: each would add exactly +0 to a sum of
+    // non-negative finite products, so the result is that of all the bins.
     for (int j = 0; j < f->n_mels; j++) {
         fptp_t e = 0.0f;
-        for (int k = 0; k < bins; k++) e = e + power[k] * mel->item[j + mel->stride * k];
+        for (int k = f->band_first[j]; k < f->band_end[j]; k++) e = e + power[k] * mel->item[j + mel->stride * k];
         const fptp_t y = logf(e);
         // logf(0) is -inf; a NaN (from a NaN in the filter bank) floors too.
         logmel[j] = y > floor_value ? y : floor_value;
@@ -343,7 +365,7 @@ void dl_audio_frame_q(const int16_t *frame, dl_audio_features_t *f, qtp_t *out, 
     for (int j = 0; j < f->n_mels; j++) {
         const qtp_t *col = mel->itemq + mel->stride * j;
         uint64_t e = 0;
-        for (int k = 0; k < bins; k++) e += f->power_q[k] * static_cast<uint64_t>(col[k]);
+        for (int k = f->band_first[j]; k < f->band_end[j]; k++) e += f->power_q[k] * static_cast<uint64_t>(col[k]);
         int32_t y = kLogFloorQ;
         if (e) {
             // log2 of the energy in float units (Q16), times ln 2 (Q16),

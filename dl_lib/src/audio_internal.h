@@ -30,6 +30,7 @@ struct dl_audio_features {
     int32_t *rev;      // bit reversal of the complex FFT's indices
     int32_t *work_q;   // zr, zi (half each), re, im (bins each), windowed frame
     fptp_t *work_f;    // zr, zi, re, im, power, windowed frame, log-mel
+    int32_t *band_first, *band_end;  // each filter's non-zero bins lie in [first, end)
     uint64_t *power_q;
     int32_t *logmel_q;
 };
