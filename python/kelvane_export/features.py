@@ -168,10 +168,7 @@ def frame_count(n_samples, win_len=WIN_LEN, hop=HOP):
 
 def frames(samples, win_len=WIN_LEN, hop=HOP):
     """frames x win_len int64 view of the whole frames of a 16-bit signal."""
-    s = np.asarray(samples)
-    if s.dtype.kind == "f":
-        s = s.astype(np.int64)
-    s = s.astype(np.int64)
+    s = np.asarray(samples).astype(np.int64)
     n = frame_count(len(s), win_len, hop)
     idx = np.arange(n)[:, None] * hop + np.arange(win_len)[None, :]
     return s[idx] if n else np.zeros((0, win_len), dtype=np.int64)
