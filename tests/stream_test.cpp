@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <type_traits>
 #include <vector>
 
 #include "audio_test_util.h"
@@ -48,6 +49,7 @@ struct Expectation {
     const dl_matrix2d_t *frames = nullptr;
     const dl_matrix2dq_t *frames_q = nullptr;
     std::vector<float> silent;
+    int exponent = 0;  // of the fixed-point windows
     int64_t runs = 0;
     int mismatches = 0;
 };
@@ -65,6 +67,7 @@ template <class Matrix>
 void check_window(void *user, const Matrix *window, fptp_t *scores)
 {
     auto *e = static_cast<Expectation *>(user);
+    if constexpr (std::is_same_v<Matrix, dl_matrix2dq_t>) e->mismatches += window->exponent != e->exponent;
     for (int y = 0; y < window->h; y++)
         for (int x = 0; x < window->w; x++)
             if (item(window, x, y) != expected_item(*e, e->runs - window->h + 1 + y, x)) e->mismatches++;
@@ -101,6 +104,7 @@ TEST_P(Stream, AnyBlockSizeGivesTheOneShotFrames)
         Expectation e;
         e.frames = once.get();
         e.frames_q = once_q.get();
+        e.exponent = c.fixed ? once_q->exponent : 0;
         std::vector<int16_t> zeros(480);
         std::vector<fptp_t> silent(width);
         std::vector<qtp_t> silent_q(width);
@@ -147,6 +151,7 @@ TEST(StreamHop, LongerThanWindowSkipsSamples)
     MatrixqPtr once = own(dl_audio_features_q(signal.data(), 2000, f.get(), nullptr));
     Expectation e;
     e.frames_q = once.get();
+    e.exponent = once->exponent;
     StreamPtr s(dl_audio_stream_new_q(f.get(), 2, 2, check_window<dl_matrix2dq_t>, &e), dl_audio_stream_free);
     qtp_t silent;
     std::vector<int16_t> zeros(100);
