@@ -36,16 +36,16 @@ struct dl_audio_features {
 };
 
 /* Per word: its window, its scores' place in history (a ring of win[i]
- * scores; run r writes slot r % win[i]), its two thresholds and whether it
- * may fire. */
+ * scores, the latest at newest[i]), its two thresholds and whether it may
+ * fire. */
 struct dl_detector {
     int words;
     int *win;
     int *offset;
+    int *newest;
     int *armed;
     fptp_t *thresh;
     fptp_t *history;
-    int64_t runs;
 };
 
 #endif /* DL_LIB_AUDIO_INTERNAL_H */

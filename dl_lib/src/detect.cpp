@@ -16,7 +16,7 @@ fptp_t window_average(const dl_detector_t *d, int word)
 {
     const int w = d->win[word];
     const fptp_t *h = d->history + d->offset[word];
-    const int newest = static_cast<int>(d->runs % w);
+    const int newest = d->newest[word];
     fptp_t sum = 0.0f;
     for (int i = 1; i <= w; i++) sum = sum + h[(newest + i) % w];
     return sum / static_cast<fptp_t>(w);
@@ -38,9 +38,10 @@ dl_detector_t *dl_detector_new(int word_num, const int *win_list, const fptp_t *
     d->win = static_cast<int *>(calloc(static_cast<size_t>(word_num), sizeof(int)));
     d->offset = static_cast<int *>(calloc(static_cast<size_t>(word_num), sizeof(int)));
     d->armed = static_cast<int *>(calloc(static_cast<size_t>(word_num), sizeof(int)));
+    d->newest = static_cast<int *>(calloc(static_cast<size_t>(word_num), sizeof(int)));
     d->thresh = static_cast<fptp_t *>(calloc(static_cast<size_t>(2 * word_num), sizeof(fptp_t)));
     d->history = static_cast<fptp_t *>(calloc(static_cast<size_t>(total), sizeof(fptp_t)));
-    if (!d->win || !d->offset || !d->armed || !d->thresh || !d->history) {
+    if (!d->win || !d->offset || !d->armed || !d->newest || !d->thresh || !d->history) {
         dl_detector_free(d);
         return nullptr;
     }
@@ -60,6 +61,7 @@ void dl_detector_free(dl_detector_t *d)
     free(d->win);
     free(d->offset);
     free(d->armed);
+    free(d->newest);
     free(d->thresh);
     free(d->history);
     free(d);
@@ -70,17 +72,20 @@ void dl_detector_reset(dl_detector_t *d)
     int total = 0;
     for (int i = 0; i < d->words; i++) {
         d->armed[i] = 1;
+        d->newest[i] = d->win[i] - 1;
         total += d->win[i];
     }
     for (int i = 0; i < total; i++) d->history[i] = 0.0f;
-    d->runs = 0;
 }
 
 int dl_detector_step(const fptp_t *scores, int64_t sample, dl_detector_t *d, dl_detection_t *found, int max_found)
 {
     DL_ASSERT(max_found>=0);
     int count = 0;
-    for (int i = 0; i < d->words; i++) d->history[d->offset[i] + d->runs % d->win[i]] = scores[i];
+    for (int i = 0; i < d->words; i++) {
+        d->newest[i] = d->newest[i] + 1 == d->win[i] ? 0 : d->newest[i] + 1;
+        d->history[d->offset[i] + d->newest[i]] = scores[i];
+    }
     for (int i = 0; i < d->words; i++) {
         const fptp_t avg = window_average(d, i);
         // Re-arming is looked at first: with the second threshold at or below
@@ -93,6 +98,5 @@ int dl_detector_step(const fptp_t *scores, int64_t sample, dl_detector_t *d, dl_
             count++;
         }
     }
-    d->runs++;
     return count;
 }

@@ -21,6 +21,7 @@ struct dl_audio_stream {
     int fill;
     int skip;          // samples still to drop when the hop exceeds the window
     int64_t runs;
+    int slot;          // the ring row the next frame goes to
     fptp_t *scores;
     fptp_t *ring_f;    // 2 n_frames rows of width items, row-major
     qtp_t *ring_q;     // width columns of 2 n_frames items, column-major
@@ -50,12 +51,9 @@ dl_audio_stream_t *stream_alloc(dl_audio_features_t *features, int n_frames, int
     return s;
 }
 
-/* Where the new frame goes, and the first row of the window it completes. */
-int ring_slot(const dl_audio_stream_t *s) { return static_cast<int>(s->runs % s->n_frames); }
-
 void run_frame(dl_audio_stream_t *s)
 {
-    const int slot = ring_slot(s), n = s->n_frames;
+    const int slot = s->slot, n = s->n_frames;
     if (s->ring_f) {
         fptp_t *row = s->ring_f + static_cast<int64_t>(slot) * s->width;
         dl_audio_frame(s->pending, s->features, row);
@@ -70,6 +68,7 @@ void run_frame(dl_audio_stream_t *s)
         s->net_q(s->user, &s->window_q, s->scores);
     }
     s->runs++;
+    s->slot = slot + 1 == n ? 0 : slot + 1;
 }
 
 }  // namespace
