@@ -93,6 +93,28 @@ TEST(DetectorWords, WordOrderPositionsAndTruncation)
     EXPECT_EQ(found[1].word, -1);
 }
 
+// The NumPy twin's detections on 400 runs of three words whose scores swing
+// through their thresholds: the same runs, words and averages, bit for bit.
+TEST(DetectorTwin, SameDetectionsAsTheTwin)
+{
+    testutil::MatrixPtr scores = audiotest::load("detect_scores"), want = audiotest::load("detect_expected");
+    const int win[3] = {1, 3, 9};
+    const fptp_t thresh[6] = {0.7f, 0.4f, 0.6f, 0.5f, 0.55f, 0.55f};
+    DetectorPtr d(dl_detector_new(3, win, thresh), dl_detector_free);
+    std::vector<dl_detection_t> got;
+    for (int r = 0; r < scores->h; r++) {
+        dl_detection_t found[3];
+        const int n = dl_detector_step(scores->item + scores->stride * r, r, d.get(), found, 3);
+        got.insert(got.end(), found, found + n);
+    }
+    ASSERT_EQ(static_cast<int>(got.size()), want->h);
+    for (int i = 0; i < want->h; i++) {
+        EXPECT_EQ(got[i].sample, static_cast<int64_t>(want->item[3 * i])) << i;
+        EXPECT_EQ(got[i].word, static_cast<int>(want->item[3 * i + 1])) << i;
+        EXPECT_EQ(got[i].score, want->item[3 * i + 2]) << i;
+    }
+}
+
 void death_no_words()
 {
     const int win[1] = {3};

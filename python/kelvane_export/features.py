@@ -362,6 +362,34 @@ def log_mel(samples, mel, dct=None, win_len=WIN_LEN, hop=HOP, fft_len=FFT_LEN):
     return out
 
 
+# -- detection -----------------------------------------------------------------
+
+def detect(scores, windows, thresholds):
+    """dl_detector_step over a whole run of scores (runs x words), for tuning
+    thresholds offline: a list of (run, word, average) in the order the C
+    reports them. windows and thresholds as in model_info(): word i averages
+    its last windows[i] scores (runs before the first count as 0), summed
+    oldest first in float32 and divided by the window; it fires when the
+    average reaches thresholds[2i] and re-arms when it falls below
+    thresholds[2i+1]."""
+    scores = np.asarray(scores, dtype=np.float32)
+    thresholds = np.asarray(thresholds, dtype=np.float32)
+    armed = [True] * scores.shape[1]
+    found = []
+    for run in range(scores.shape[0]):
+        for word, window in enumerate(windows):
+            total = np.float32(0)
+            for r in range(run - window + 1, run + 1):
+                total = np.float32(total + (scores[r, word] if r >= 0 else np.float32(0)))
+            average = np.float32(total / np.float32(window))
+            if not armed[word] and average < thresholds[2 * word + 1]:
+                armed[word] = True
+            if armed[word] and average >= thresholds[2 * word]:
+                armed[word] = False
+                found.append((run, word, float(average)))
+    return found
+
+
 def log2_table():
     """LOG2_TABLE as computed from its definition (the tests compare)."""
     return tuple(int(math.floor(math.log2(1 + i / 64) * 65536 + 0.5)) for i in range(65))

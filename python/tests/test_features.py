@@ -110,6 +110,10 @@ class Features(unittest.TestCase):
         for name, value in outputs.items():
             np.testing.assert_array_equal(fixture(name), np.asarray(value).astype(np.float32), err_msg=name)
 
+    def test_detection_fixture_is_the_twins(self):
+        for name, value in make_audio_fixtures.detection().items():
+            np.testing.assert_array_equal(fixture(name), value, err_msg=name)
+
     def test_tables_are_the_generators(self):
         np.testing.assert_array_equal(self.mel, kf.mel_filterbank())
         np.testing.assert_array_equal(self.dct, kf.dct_matrix(kf.N_MELS, 13))

@@ -5,7 +5,8 @@ tests/stream_test.cpp.
     /usr/bin/python3 tests/data/audio/make_audio_fixtures.py
 
 Needs espeak-ng and sox. speech.npy: the words "hello kelvane, turn on the
-light" from espeak-ng, resampled by sox to 16 kHz 16-bit mono, peak 20000,
+light" from espeak-ng, resampled by sox to 16 kHz 16-bit mono (no dither, so
+that a second run writes the same files), peak 20000,
 plus white noise (standard deviation 300, seed 15), then 0.1 s of a
 full-scale 1 kHz square wave (-32768 / 32767) to reach the largest values;
 1.1 s, stored as float32 integers, shape 1 x n. The expected outputs are
@@ -13,7 +14,9 @@ those of python/kelvane_export/features.py: logmel / ceps (float path),
 logmel_q / ceps_q (fixed-point items, exponents -10 and -7), and one frame's
 spectrum: fft_numpy (numpy.fft.rfft in double precision of frame 10's float
 windowed samples) and fft_q (the fixed-point FFT of the same frame), each
-2 x 257, real parts in row 0.
+2 x 257, real parts in row 0. detect_scores: 400 runs of 3 words' scores
+(sine swings with noise, seed 16) and detect_expected the twin's detections (run,
+word, average) with the windows and thresholds of DETECT_WORDS.
 """
 import os
 import subprocess
@@ -30,6 +33,8 @@ from kelvane_export import features as kf  # noqa: E402
 
 N_SAMPLES = 17600
 FFT_FRAME = 10
+# (window, first threshold, second threshold) of each word
+DETECT_WORDS = ((1, 0.7, 0.4), (3, 0.6, 0.5), (9, 0.55, 0.55))
 
 
 def speech():
@@ -37,7 +42,7 @@ def speech():
         raw = os.path.join(tmp, "raw.wav")
         wav = os.path.join(tmp, "16k.wav")
         subprocess.run(["espeak-ng", "-w", raw, "hello kelvane, turn on the light"], check=True)
-        subprocess.run(["sox", raw, "-r", "16000", "-c", "1", "-b", "16", wav], check=True)
+        subprocess.run(["sox", raw, "-D", "-r", "16000", "-c", "1", "-b", "16", wav], check=True)
         with wave.open(wav) as w:
             s = np.frombuffer(w.readframes(w.getnframes()), dtype="<i2").astype(np.float64)
     s = s[: N_SAMPLES - 1600]
@@ -67,6 +72,19 @@ def outputs(samples, mel, dct):
     }
 
 
+def detection():
+    """Scores that swing around the thresholds, and their detections."""
+    rng = np.random.default_rng(16)
+    runs = np.arange(400)[:, None]
+    periods = np.array([17.0, 29.0, 41.0])
+    swing = 0.5 + 0.3 * np.sin(2 * np.pi * runs / periods) + rng.normal(0.0, 0.12, (400, len(DETECT_WORDS)))
+    scores = np.clip(swing, 0.0, 1.0).astype(np.float32)
+    windows = [w for w, _, _ in DETECT_WORDS]
+    thresholds = [t for _, first, second in DETECT_WORDS for t in (first, second)]
+    found = kf.detect(scores, windows, thresholds)
+    return {"detect_scores": scores, "detect_expected": np.array(found, dtype=np.float32).reshape(-1, 3)}
+
+
 def main():
     samples = speech()
     mel = kf.mel_filterbank()
@@ -74,7 +92,7 @@ def main():
     np.save(os.path.join(HERE, "speech.npy"), samples.astype(np.float32)[None, :])
     np.save(os.path.join(HERE, "mel.npy"), mel)
     np.save(os.path.join(HERE, "dct.npy"), dct)
-    for name, value in outputs(samples, mel, dct).items():
+    for name, value in {**outputs(samples, mel, dct), **detection()}.items():
         np.save(os.path.join(HERE, name + ".npy"), np.asarray(value).astype(np.float32))
 
 
