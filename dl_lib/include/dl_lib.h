@@ -31,6 +31,7 @@
 #include "dl_lib_numpy_input.h"
 #include "dl_lib_tensor.h"
 #include "dl_lib_tensor_ops.h"
+#include "dl_lib_audio.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -46,6 +46,7 @@ cmake --build build/h-arm-linux -j2
 # The unit tests in one process: under emulation, starting one process per
 # test (as CTest does) would cost more than the tests themselves.
 qemu-arm -L /usr/arm-linux-gnueabihf build/h-arm-linux/tests/dl_lib_tests --gtest_brief=1
+qemu-arm -L /usr/arm-linux-gnueabihf build/h-arm-linux/tests/audio_tests --gtest_brief=1
 ctest --test-dir build/h-arm-linux -j2 --output-on-failure -R '^(generated\.|c_api$|examples\.|firmware\.)'
 
 cmake -S . -B build/h-arm-m4 --toolchain cmake/toolchain-cortex-m4f.cmake \

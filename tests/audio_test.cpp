@@ -1,0 +1,242 @@
+// Audio features against the NumPy twin's committed outputs on synthesised
+// speech with noise and a full-scale square wave (tests/data/audio).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "audio_internal.h"
+#include "audio_test_util.h"
+#include "dl_lib.h"
+#include "test_util.h"
+
+using testutil::CaseName;
+using testutil::MatrixPtr;
+using testutil::MatrixqPtr;
+using testutil::own;
+
+namespace {
+
+constexpr int kFftFrame = 10;  // the frame whose spectrum the fixtures hold
+
+class AudioFeatures : public testing::Test {
+  protected:
+    audiotest::Fixtures data;
+};
+
+TEST_F(AudioFeatures, FloatFftMatchesNumpy)
+{
+    FeaturesPtr f = features(data.mel.get(), nullptr);
+    std::vector<fptp_t> x(480), re(257), im(257);
+    for (int n = 0; n < 480; n++)
+        x[n] = (static_cast<fptp_t>(data.samples[kFftFrame * 320 + n]) * (1.0f / 32768)) * f->win_f[n];
+    dl_audio_rfft(x.data(), 480, f.get(), re.data(), im.data());
+    const dl_matrix2d_t *ref = data.fft_numpy.get();
+    float peak = 0;
+    for (int k = 0; k < 257; k++) peak = std::max(peak, std::hypot(ref->item[k], ref->item[257 + k]));
+    // Nine radix-2 stages of float32 rounding: a few units in the last place
+    // of the largest bin, far below 1e-5 of it.
+    for (int k = 0; k < 257; k++) {
+        EXPECT_NEAR(re[k], ref->item[k], 1e-5f * peak) << "bin " << k;
+        EXPECT_NEAR(im[k], ref->item[257 + k], 1e-5f * peak) << "bin " << k;
+    }
+}
+
+TEST_F(AudioFeatures, FixedFftIsTheTwins)
+{
+    FeaturesPtr f = features_q(data.melq.get(), nullptr);
+    std::vector<int32_t> x(480), re(257), im(257);
+    for (int n = 0; n < 480; n++) x[n] = (data.samples[kFftFrame * 320 + n] * f->win_q15[n] + (1 << 14)) >> 15;
+    dl_audio_rfft_q(x.data(), 480, f.get(), re.data(), im.data());
+    for (int k = 0; k < 257; k++) {
+        ASSERT_EQ(re[k], static_cast<int32_t>(data.fft_q->item[k])) << "bin " << k;
+        ASSERT_EQ(im[k], static_cast<int32_t>(data.fft_q->item[257 + k])) << "bin " << k;
+    }
+}
+
+// Hand-checkable spectra: an impulse is flat, a constant is all at bin 0,
+// and a cosine of 8 cycles in 32 points sits at bin 8 with half its sum.
+struct SpectrumCase {
+    const char *name;
+    int32_t (*value)(int n);
+    int32_t re0, re8, others;
+};
+
+void PrintTo(const SpectrumCase &c, std::ostream *os) { *os << c.name; }
+
+class AudioSpectrum : public testing::TestWithParam<SpectrumCase> {};
+
+TEST_P(AudioSpectrum, FixedAndFloat)
+{
+    const SpectrumCase &c = GetParam();
+    const dl_audio_config_t config = {32, 32, 32};
+    MatrixqPtr melq = own(dl_matrixq_alloc(1, 17));
+    MatrixPtr mel = own(dl_matrix_alloc(1, 17));
+    FeaturesPtr fq = own(dl_audio_features_new_q(&config, melq.get(), nullptr));
+    FeaturesPtr ff = own(dl_audio_features_new(&config, mel.get(), nullptr));
+    std::vector<int32_t> x(32), re(17), im(17);
+    std::vector<fptp_t> xf(32), ref(17), imf(17);
+    for (int n = 0; n < 32; n++) xf[n] = static_cast<fptp_t>(x[n] = c.value(n));
+    dl_audio_rfft_q(x.data(), 32, fq.get(), re.data(), im.data());
+    dl_audio_rfft(xf.data(), 32, ff.get(), ref.data(), imf.data());
+    for (int k = 0; k <= 16; k++) {
+        const int32_t want = k == 0 ? c.re0 : k == 8 ? c.re8 : c.others;
+        EXPECT_EQ(re[k], want) << "bin " << k;
+        EXPECT_EQ(im[k], 0) << "bin " << k;
+        // Twiddles are exact to 2^-29 before float rounding.
+        EXPECT_NEAR(ref[k], static_cast<float>(want), 1e-3f) << "bin " << k;
+        EXPECT_NEAR(imf[k], 0.0f, 1e-3f) << "bin " << k;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Goldens, AudioSpectrum,
+    testing::Values(SpectrumCase{"impulse", [](int n) { return n == 0 ? 1000 : 0; }, 1000, 1000, 1000},
+                    SpectrumCase{"constant", [](int) { return -300; }, -9600, 0, 0},
+                    SpectrumCase{"cosine_bin8", [](int n) { return (n % 4 == 0) ? 100 : (n % 4 == 2) ? -100 : 0; },
+                                 0, 1600, 0}),
+    CaseName());
+
+TEST_F(AudioFeatures, FloatFeaturesMatchTheTwin)
+{
+    struct {
+        const dl_matrix2d_t *dct;
+        const dl_matrix2d_t *expected;
+    } cases[] = {{nullptr, data.logmel.get()}, {data.dct.get(), data.ceps.get()}};
+    for (const auto &c : cases) {
+        FeaturesPtr f = features(data.mel.get(), c.dct);
+        MatrixPtr out = own(dl_audio_features(data.samples.data(), data.n(), f.get(), nullptr));
+        ASSERT_EQ(out->w, c.expected->w);
+        ASSERT_EQ(out->h, c.expected->h);
+        // Same operations in the same order; only logf and NumPy's log may
+        // differ in the last place, which the DCT sums carry on.
+        for (int i = 0; i < out->w * out->h; i++) ASSERT_NEAR(out->item[i], c.expected->item[i], 1e-4f) << i;
+    }
+}
+
+TEST_F(AudioFeatures, FixedFeaturesAreTheTwinsBits)
+{
+    struct {
+        const dl_matrix2dq_t *dct;
+        const dl_matrix2d_t *expected;
+        int exponent;
+    } cases[] = {{nullptr, data.logmel_q.get(), -10}, {data.dctq.get(), data.ceps_q.get(), -7}};
+    for (const auto &c : cases) {
+        FeaturesPtr f = features_q(data.melq.get(), c.dct);
+        MatrixqPtr out = own(dl_audio_features_q(data.samples.data(), data.n(), f.get(), nullptr));
+        ASSERT_EQ(out->w, c.expected->w);
+        ASSERT_EQ(out->h, c.expected->h);
+        EXPECT_EQ(out->exponent, c.exponent);
+        for (int y = 0; y < out->h; y++)
+            for (int x = 0; x < out->w; x++)
+                ASSERT_EQ(out->itemq[y + out->stride * x], c.expected->item[x + c.expected->stride * y])
+                    << "frame " << y << " item " << x;
+    }
+}
+
+// The two paths agree where the energy stands well above what the
+// fixed-point window's rounding adds (about half a sample unit per sample):
+// log-mel within 0.02 (ln units) wherever the float value is above -8. Below
+// that the difference grows to 0.6 at -16 on this fixture.
+TEST_F(AudioFeatures, FixedFollowsFloat)
+{
+    FeaturesPtr ff = features(data.mel.get(), nullptr);
+    FeaturesPtr fq = features_q(data.melq.get(), nullptr);
+    MatrixPtr out = own(dl_audio_features(data.samples.data(), data.n(), ff.get(), nullptr));
+    MatrixqPtr outq = own(dl_audio_features_q(data.samples.data(), data.n(), fq.get(), nullptr));
+    for (int y = 0; y < out->h; y++)
+        for (int x = 0; x < out->w; x++)
+            if (out->item[x + out->stride * y] > -8.0f) {
+                ASSERT_NEAR(outq->itemq[y + outq->stride * x] / 1024.0f, out->item[x + out->stride * y], 0.02f)
+                    << "frame " << y << " item " << x;
+            }
+}
+
+TEST(AudioFeaturesSilence, ZeroFrameGivesTheFloor)
+{
+    const dl_audio_config_t config = DL_AUDIO_CONFIG_DEFAULT;
+    MatrixPtr mel = own(dl_matrix_alloc(3, 257));
+    for (int k = 0; k < 257; k++) mel->item[3 * k + k % 3] = 1.0f;
+    MatrixqPtr melq = own(dl_matrixq_from_matrix2d(mel.get(), nullptr));
+    FeaturesPtr ff = own(dl_audio_features_new(&config, mel.get(), nullptr));
+    FeaturesPtr fq = own(dl_audio_features_new_q(&config, melq.get(), nullptr));
+    std::vector<int16_t> zeros(480);
+    fptp_t out[3];
+    qtp_t outq[3];
+    dl_audio_frame(zeros.data(), ff.get(), out);
+    dl_audio_frame_q(zeros.data(), fq.get(), outq, 1);
+    for (int j = 0; j < 3; j++) {
+        EXPECT_EQ(out[j], -20.0f);
+        EXPECT_EQ(outq[j], -20480);
+    }
+}
+
+struct FrameCountCase {
+    int n, win, hop, frames;
+};
+
+TEST(AudioFeaturesFraming, FrameCount)
+{
+    const FrameCountCase cases[] = {{0, 480, 320, 0},   {479, 480, 320, 0},  {480, 480, 320, 1}, {799, 480, 320, 1},
+                                    {800, 480, 320, 2}, {16000, 480, 320, 49}, {100, 10, 30, 4}, {5, 5, 1, 1}};
+    for (const FrameCountCase &c : cases) {
+        const dl_audio_config_t config = {c.win, c.hop, 512};
+        EXPECT_EQ(dl_audio_frame_count(c.n, &config), c.frames) << c.n << " " << c.win << " " << c.hop;
+    }
+}
+
+void death_fft_not_power_of_two()
+{
+    const dl_audio_config_t c = {480, 320, 500};
+    dl_matrix2d_t *mel = dl_matrix_alloc(1, 251);
+    dl_audio_features_new(&c, mel, nullptr);
+}
+void death_mel_rows()
+{
+    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
+    dl_audio_features_new(&c, dl_matrix_alloc(1, 256), nullptr);
+}
+void death_negative_mel_item()
+{
+    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
+    dl_matrix2dq_t *mel = dl_matrixq_alloc(2, 257);
+    mel->itemq[mel->stride + 5] = -1;
+    dl_audio_features_new_q(&c, mel, nullptr);
+}
+void death_dct_exponent()
+{
+    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
+    dl_matrix2dq_t *dct = dl_matrixq_alloc(2, 2);
+    dct->exponent = 3;
+    dl_audio_features_new_q(&c, dl_matrixq_alloc(2, 257), dct);
+}
+void death_float_frame_on_fixed_record()
+{
+    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
+    dl_audio_features_t *f = dl_audio_features_new_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    static const int16_t zeros[480] = {};
+    fptp_t out[2];
+    dl_audio_frame(zeros, f, out);
+}
+
+class AudioFeaturesDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
+
+TEST_P(AudioFeaturesDeathTest, FailsWithConditionText)
+{
+    EXPECT_DEATH(GetParam().call(), GetParam().message);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Conditions, AudioFeaturesDeathTest,
+    testing::Values(
+        testutil::DeathCase{"mel_rows", death_mel_rows, "Assertion `mel->h==config->fft_len/2\\+1' failed"},
+        testutil::DeathCase{"negative_mel_item", death_negative_mel_item, "mel->itemq\\[y\\+mel->stride\\*x\\]>=0"},
+        testutil::DeathCase{"dct_exponent", death_dct_exponent, "3-dct->exponent>=1"},
+        testutil::DeathCase{"fft_not_power_of_two", death_fft_not_power_of_two,
+                            "Assertion `\\(c->fft_len&\\(c->fft_len-1\\)\\)==0' failed"},
+        testutil::DeathCase{"float_frame_on_fixed_record", death_float_frame_on_fixed_record,
+                            "Assertion `f->mel' failed"}),
+    CaseName());
+
+}  // namespace
