@@ -9,7 +9,6 @@ writes into the output directory
   wine_net.h   layer sizes and the calibrated shifts, with their headroom
   inputs.npy   every sample, standardised as in training, one per row
   torch.npy    PyTorch's class for each, one row
-  options.txt  the -bnmatrices argument the conversion needs
   twin_q.npy   the fixed-point scores of every sample as the NumPy twin of
                the library computes them: three items, then the exponent
 
@@ -72,12 +71,12 @@ def main():
     print(f"wine: PyTorch accuracy {100.0 * (predicted == wine.target).mean():.1f} % on all {len(x)} samples")
 
     model = os.path.join(out_dir, "model")
-    out = ModelWriter(model)
-    out.linear("fc1", net.fc1)
-    out.batchnorm("bn1", net.bn1, variance_name="bn1_var")
-    out.linear("fc2", net.fc2)
-    out.batchnorm("bn2", net.bn2, variance_name="bn2_var")
-    out.linear("fc3", net.fc3)
+    with ModelWriter(model) as out:
+        out.linear("fc1", net.fc1)
+        out.batchnorm("bn1", net.bn1, variance_name="bn1_var")
+        out.linear("fc2", net.fc2)
+        out.batchnorm("bn2", net.bn2, variance_name="bn2_var")
+        out.linear("fc3", net.fc3)
     layers = [Quantise(), Linear("fc1"), BatchNorm("bn1", variance="bn1_var"), Relu(),
               Linear("fc2"), BatchNorm("bn2", variance="bn2_var"), Relu(), Linear("fc3")]
     result = calibrate(model, layers, x_train)
@@ -89,8 +88,6 @@ def main():
                      comment="Written by make_model.py: sizes and calibrated shifts")
     np.save(os.path.join(out_dir, "inputs.npy"), x.astype("<f4"))
     np.save(os.path.join(out_dir, "torch.npy"), predicted.astype("<f4").reshape(1, -1))
-    with open(os.path.join(out_dir, "options.txt"), "w") as f:
-        f.write(out.bnmatrices + "\n")
 
 
 if __name__ == "__main__":
