@@ -82,7 +82,7 @@ for image in cost_fc_float cost_fc_fixed cost_all; do
     case $image in
         cost_fc_float) label="fully connected only, float (40-16-3, relu)" ;;
         cost_fc_fixed) label="fully connected only, fixed point" ;;
-        cost_all) label="every layer: both digit networks, all three formats" ;;
+        cost_all) label="every layer: the three digit networks, all three formats" ;;
     esac
     f=$work/$image
     echo "| $label | $(bytes "$f" lib text) | $(bytes "$f" lib rodata) | $(bytes "$f" lib data) | $(bytes "$f" lib bss)" \

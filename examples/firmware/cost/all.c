@@ -1,4 +1,4 @@
-/* Linked to be measured, not run: both digit networks in all three number
+/* Linked to be measured, not run: the three digit networks in all three number
  * formats, one inference each on a blank image, without any printing. */
 #include "network.h"
 
