@@ -300,6 +300,79 @@ static void convolution(void)
     dl_matrix_free(c.out);
 }
 
+/* Tensor convolutions at keyword-spotting shapes: a 3 x 3 depthwise layer
+ * and a 1 x 1 pointwise layer on 25 x 5 positions of 32 channels (the
+ * middle of a small depthwise-separable network), in fixed point and float. */
+struct tensor_conv {
+    dl_matrix3dq_t *in, *dw, *pw, *out;
+    dl_matrix3d_t *fin, *fdw, *fpw, *fout;
+};
+
+static const dl_padding_t same3 = {1, 1, 1, 1};
+
+static void run_depthwise_q(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    dl_matrix3dq_depthwise_conv_layer_q(t->in, t->dw, NULL, 1, 1, &same3, t->out, 0);
+}
+
+static void run_pointwise_q(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    dl_matrix3dq_conv_layer_q(t->in, t->pw, NULL, 1, 1, NULL, t->out, 0);
+}
+
+static void run_depthwise_f(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    dl_matrix3d_depthwise_conv_layer(t->fin, t->fdw, NULL, 1, 1, &same3, t->fout);
+}
+
+static void run_pointwise_f(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    dl_matrix3d_conv_layer(t->fin, t->fpw, NULL, 1, 1, NULL, t->fout);
+}
+
+static void fill_tensor(dl_matrix3dq_t *m, uint32_t seed)
+{
+    const int count = m->n * m->h * m->w * m->c;
+    for (int i = 0; i < count; i++) {
+        seed = seed * 1664525u + 1013904223u;
+        m->item[i] = (qtp_t)(((int32_t)(seed >> 16) - 32768) / 2);
+    }
+}
+
+static void tensor_convolutions(void)
+{
+    enum { W = 5, H = 25, C = 32 };
+    struct tensor_conv t;
+    t.in = dl_matrix3dq_alloc(1, W, H, C, -15);
+    t.dw = dl_matrix3dq_alloc(1, 3, 3, C, -15);
+    t.pw = dl_matrix3dq_alloc(C, 1, 1, C, -15);
+    t.out = dl_matrix3dq_alloc(1, W, H, C, 0);
+    fill_tensor(t.in, 8u);
+    fill_tensor(t.dw, 9u);
+    fill_tensor(t.pw, 10u);
+    t.fin = dl_matrix3d_from_matrixq(t.in);
+    t.fdw = dl_matrix3d_from_matrixq(t.dw);
+    t.fpw = dl_matrix3d_from_matrixq(t.pw);
+    t.fout = dl_matrix3d_alloc(1, W, H, C);
+    report("tensor depthwise 25x5x32 3x3 dl_matrix3dq_depthwise_conv_layer_q", run_depthwise_q, &t,
+           (long)W * H * C * 9);
+    report("tensor depthwise 25x5x32 3x3 dl_matrix3d_depthwise_conv_layer", run_depthwise_f, &t, (long)W * H * C * 9);
+    report("tensor pointwise 25x5x32 1x1x32 dl_matrix3dq_conv_layer_q", run_pointwise_q, &t, (long)W * H * C * C);
+    report("tensor pointwise 25x5x32 1x1x32 dl_matrix3d_conv_layer", run_pointwise_f, &t, (long)W * H * C * C);
+    dl_matrix3dq_free(t.in);
+    dl_matrix3dq_free(t.dw);
+    dl_matrix3dq_free(t.pw);
+    dl_matrix3dq_free(t.out);
+    dl_matrix3d_free(t.fin);
+    dl_matrix3d_free(t.fdw);
+    dl_matrix3d_free(t.fpw);
+    dl_matrix3d_free(t.fout);
+}
+
 /* ---- Whole networks ---------------------------------------------------- */
 
 struct inference {
@@ -344,6 +417,7 @@ int main(void)
     products();
     lstm_step();
     convolution();
+    tensor_convolutions();
     networks();
     return 0;
 }
