@@ -64,14 +64,6 @@ ModelReport analyse(const std::string &dir, const std::vector<const char *> &opt
     return r;
 }
 
-// A test name from a description: '_' for all but letters and digits.
-std::string test_name(std::string what)
-{
-    for (char &c : what)
-        if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-    return what;
-}
-
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 const float kInf = std::numeric_limits<float>::infinity();
 
