@@ -160,15 +160,6 @@ INSTANTIATE_TEST_SUITE_P(
         LoadBound{"input_billions_promised", Loader::input, f4("(2000000000, 1, 1)"), {}}),
     [](const auto &info) { return std::string(info.param.label); });
 
-TEST(TensorAlloc, DimensionsBeyondAnyCountAreRefused)
-{
-    // The same product in the allocator: four dimensions of 2^31 - 1.
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(dl_matrix3d_alloc(INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX), nullptr);
-    EXPECT_EQ(dl_matrix3du_alloc(INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX), nullptr);
-    testing::internal::GetCapturedStdout();
-}
-
 // --- The converter on hostile directories -----------------------------------
 
 class HostileDirectoryTest : public testing::Test {
