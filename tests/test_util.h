@@ -31,7 +31,10 @@ inline MatrixPtr matrix(int w, int h, const std::vector<float> &values)
 }
 
 // The items of a dense float matrix in storage order.
-inline std::vector<float> items_of(const dl_matrix2d_t *m) { return std::vector<float>(m->item, m->item + m->w * m->h); }
+inline std::vector<float> items_of(const dl_matrix2d_t *m)
+{
+    return std::vector<float>(m->item, m->item + m->w * m->h);
+}
 
 // Names a parameterised test by its case's `name` field.
 struct CaseName {
