@@ -4,11 +4,10 @@
 #include <limits>
 
 #include "dl_lib.h"
-#include "layer_test_util.h"
-#include "test_util.h"
+#include "reference.h"
 
 using namespace testutil;
-using namespace layertest;
+using namespace ref;
 
 namespace {
 
@@ -237,23 +236,19 @@ TEST_P(ActivationDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().ca
 dl_matrix2d_t *f(int w, int h) { return dl_matrix_alloc(w, h); }
 dl_matrix2dq_t *q(int w, int h) { return dl_matrixq_alloc(w, h); }
 
-INSTANTIATE_TEST_SUITE_P(Conditions, ActivationDeathTest,
-                         testing::Values(DeathCase{"sigmoid", [] { dl_sigmoid(f(2, 1), f(1, 2)); },
-                                                   "dl_sigmoid: Assertion `dl_matrix_same_shape\\(in, out\\)' failed"},
-                                         DeathCase{"tanh", [] { dl_tanh(f(2, 1), f(1, 2)); },
-                                                   "dl_tanh: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
-                                         DeathCase{"relu", [] { dl_relu(f(2, 1), 1.0f, f(1, 2)); },
-                                                   "dl_relu: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
-                                         DeathCase{"sigmoid_q", [] { dl_sigmoid_q(q(2, 1), q(1, 2)); },
-                                                   "dl_sigmoid_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
-                                         DeathCase{"tanh_q", [] { dl_tanh_q(q(2, 1), q(1, 2)); },
-                                                   "dl_tanh_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
-                                         DeathCase{"relu_q", [] { dl_relu_q(q(2, 1), 1.0f, q(1, 2)); },
-                                                   "dl_relu_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
-                                         DeathCase{"softmax_into_small", [] { dl_softmax(f(2, 1), f(1, 1)); },
-                                                   "dl_softmax: Assertion `out->w>=in->w && out->h>=in->h'"},
-                                         DeathCase{"softmax_q_into_small", [] { dl_softmax_q(q(1, 2), q(1, 1)); },
-                                                   "dl_softmax_q: Assertion `out->w>=in->w && out->h>=in->h'"}),
-                         CaseName());
+const DeathCase kActivationDeathTestCases[] = {
+    {"sigmoid", [] { dl_sigmoid(f(2, 1), f(1, 2)); }, "dl_sigmoid: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
+    {"tanh", [] { dl_tanh(f(2, 1), f(1, 2)); }, "dl_tanh: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
+    {"relu", [] { dl_relu(f(2, 1), 1.0f, f(1, 2)); }, "dl_relu: Assertion `dl_matrix_same_shape\\(in, out\\)'"},
+    {"sigmoid_q", [] { dl_sigmoid_q(q(2, 1), q(1, 2)); },
+     "dl_sigmoid_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
+    {"tanh_q", [] { dl_tanh_q(q(2, 1), q(1, 2)); }, "dl_tanh_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
+    {"relu_q", [] { dl_relu_q(q(2, 1), 1.0f, q(1, 2)); }, "dl_relu_q: Assertion `dl_matrixq_same_shape\\(in, out\\)'"},
+    {"softmax_into_small", [] { dl_softmax(f(2, 1), f(1, 1)); },
+     "dl_softmax: Assertion `out->w>=in->w && out->h>=in->h'"},
+    {"softmax_q_into_small", [] { dl_softmax_q(q(1, 2), q(1, 1)); },
+     "dl_softmax_q: Assertion `out->w>=in->w && out->h>=in->h'"}};
+
+INSTANTIATE_TEST_SUITE_P(Conditions, ActivationDeathTest, testing::ValuesIn(kActivationDeathTestCases), CaseName());
 
 }  // namespace

@@ -6,11 +6,10 @@
 
 #include "conv_internal.h"
 #include "dl_lib.h"
-#include "layer_test_util.h"
-#include "test_util.h"
+#include "reference.h"
 
 using namespace testutil;
-using namespace layertest;
+using namespace ref;
 
 namespace {
 
@@ -30,9 +29,6 @@ dl_matrix2d_t *conv(Layer layer, const dl_matrix2d_t *in, const dl_matrix2d_t *f
     return dl_basic_conv_layer_quantised_weight(in, q.get(), bias, fw, fh, channels, sx, sy, padding, out);
 }
 
-// The items of a dense matrix in storage order.
-std::vector<float> row(const dl_matrix2d_t *m) { return std::vector<float>(m->item, m->item + m->w * m->h); }
-
 class ConvLayerTest : public testing::TestWithParam<Layer> {};
 
 TEST_P(ConvLayerTest, WorkedExample)
@@ -45,15 +41,15 @@ TEST_P(ConvLayerTest, WorkedExample)
     // (1, 1): 1 2 4 5; 2 3 5 6; 3 0 6 0; 4 5 0 0; 5 6 0 0; 6 0 0 0.
     MatrixPtr out = own(conv(GetParam(), in.get(), filter.get(), bias.get(), 2, 2, 2, 1, 1, 1));
     EXPECT_EQ(out->h, 1);
-    EXPECT_EQ(row(out.get()), (std::vector<float>{12.5f, 1, 16.5f, 2, 9.5f, 3, 9.5f, 4, 11.5f, 5, 6.5f, 6}));
+    EXPECT_EQ(items_of(out.get()), (std::vector<float>{12.5f, 1, 16.5f, 2, 9.5f, 3, 9.5f, 4, 11.5f, 5, 6.5f, 6}));
     // Without padding: windows at (0, 0) and (1, 0) only.
     MatrixPtr bare = own(conv(GetParam(), in.get(), filter.get(), bias.get(), 2, 2, 2, 1, 1, 0));
-    EXPECT_EQ(row(bare.get()), (std::vector<float>{12.5f, 1, 16.5f, 2}));
-    EXPECT_EQ(row(in.get()), (std::vector<float>{1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(items_of(bare.get()), (std::vector<float>{12.5f, 1, 16.5f, 2}));
+    EXPECT_EQ(items_of(in.get()), (std::vector<float>{1, 2, 3, 4, 5, 6}));
     // A given output is overwritten.
     MatrixPtr given = matrix(4, 1, {-7, -7, -7, -7});
     EXPECT_EQ(conv(GetParam(), in.get(), filter.get(), bias.get(), 2, 2, 2, 1, 1, 0, given.get()), given.get());
-    EXPECT_EQ(row(given.get()), row(bare.get()));
+    EXPECT_EQ(items_of(given.get()), items_of(bare.get()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Layers, ConvLayerTest, testing::Values(Layer::float_filter, Layer::quantised_filter),
@@ -102,8 +98,8 @@ TEST_P(ConvGeometryTest, AxisAndWindows)
         MatrixPtr across = matrix(c.size, 1, ramp), down = matrix(1, c.size, ramp);
         MatrixPtr x = own(conv(layer, across.get(), filter.get(), bias.get(), c.f, 1, c.f, c.s, 1, c.padding));
         MatrixPtr y = own(conv(layer, down.get(), filter.get(), bias.get(), 1, c.f, c.f, 1, c.s, c.padding));
-        EXPECT_EQ(row(x.get()), want) << testing::PrintToString(layer) << " along x";
-        EXPECT_EQ(row(y.get()), want) << testing::PrintToString(layer) << " along y";
+        EXPECT_EQ(items_of(x.get()), want) << testing::PrintToString(layer) << " along x";
+        EXPECT_EQ(items_of(y.get()), want) << testing::PrintToString(layer) << " along y";
     }
 }
 
@@ -134,36 +130,20 @@ void PrintTo(const RandomCase &c, std::ostream *os)
         << c.padding;
 }
 
-// One axis as plain arithmetic: positions, the padded size, the first start
-// and the input's place.
-dl::ConvAxis reference_axis(int size, int f, int s, int padding)
-{
-    if (padding == 0) return {(size - f) / s + 1, size, 0, 0};
-    const int n = (size + s - 1) / s;
-    const int k = f - (f % 2), half = k / 2;
-    const int rem = size + k * padding - f - (n - 1) * s;
-    const int offset = rem <= 0 ? 0 : rem > half ? half : (rem + 1) / 2;
-    return {n, size + k * padding, offset, k * padding / 2};
-}
-
 class ConvReferenceTest : public testing::TestWithParam<RandomCase> {};
 
-// out[(oy * wo + ox) * channels + oc] = bias[oc] + the sum over the window's
-// places, row by row, of weight * pixel, where the pixel is the input's
-// element if the padded position falls on it and 0 otherwise. `weight(oc, i)`
-// and `pixel(x, y)` give the layer's view of the numbers; `sum` accumulates.
-template <class Sum>
-std::vector<float> reference_conv(const RandomCase &c, Sum sum, const dl_matrix2d_t *bias)
+// Calls out(oc, x0, y0) for every output item in storage order,
+// (oy * wo + ox) * channels + oc, with the window's top left corner in input
+// coordinates (negative or beyond the input where it covers padding).
+template <class Out>
+void reference_conv(const RandomCase &c, Out out)
 {
-    const dl::ConvAxis ax = reference_axis(c.w, c.fw, c.sx, c.padding), ay = reference_axis(c.h, c.fh, c.sy, c.padding);
-    std::vector<float> out;
+    // The axes as the hand-checked table above pins them.
+    const dl::ConvAxis ax = dl::conv_axis(c.w, c.fw, c.sx, c.padding), ay = dl::conv_axis(c.h, c.fh, c.sy, c.padding);
     for (int oy = 0; oy < ay.n; oy++)
         for (int ox = 0; ox < ax.n; ox++)
-            for (int oc = 0; oc < c.channels; oc++) {
-                const int x0 = ox * c.sx + ax.offset - ax.margin, y0 = oy * c.sy + ay.offset - ay.margin;
-                out.push_back(bias->item[oc] + sum(oc, x0, y0));
-            }
-    return out;
+            for (int oc = 0; oc < c.channels; oc++)
+                out(oc, ox * c.sx + ax.offset - ax.margin, oy * c.sy + ay.offset - ay.margin);
 }
 
 TEST_P(ConvReferenceTest, BothLayers)
@@ -175,43 +155,35 @@ TEST_P(ConvReferenceTest, BothLayers)
     MatrixPtr bias = random_matrix(rng, c.channels, 1, -1.0f, 1.0f);
     auto inside = [&](int x, int y) { return x >= 0 && x < c.w && y >= 0 && y < c.h; };
 
-    // Float: one float sum per channel, places in ascending order from 0.0.
-    const std::vector<float> want_float = reference_conv(
-        c,
-        [&](int oc, int x0, int y0) {
-            float acc = 0.0f;
-            for (int dy = 0; dy < c.fh; dy++)
-                for (int dx = 0; dx < c.fw; dx++) {
-                    const float pixel = inside(x0 + dx, y0 + dy) ? in->item[(x0 + dx) + in->stride * (y0 + dy)] : 0.0f;
-                    acc = filter->item[oc + filter->stride * (dy * c.fw + dx)] * pixel + acc;
-                }
-            return acc;
-        },
-        bias.get());
-    MatrixPtr got = own(dl_basic_conv_layer(in.get(), filter.get(), bias.get(), c.fw, c.fh, c.channels, c.sx, c.sy,
-                                            c.padding, nullptr));
-    EXPECT_EQ(row(got.get()), want_float);
-
-    // Quantised weight: the input quantised once as a whole, an exact sum of
-    // items rounded once to float and scaled.
+    // Float: one ordered float sum per channel over the window's places, row
+    // by row; the quantised weight: the input quantised once as a whole, an
+    // exact sum of items rounded once to float and scaled.
     MatrixqPtr qf = own(dl_matrixq_from_matrix2d(filter.get(), nullptr));
     MatrixqPtr qin = own(dl_matrixq_from_matrix2d(in.get(), nullptr));
     const float scale = std::ldexp(1.0f, qin->exponent + qf->exponent);
-    const std::vector<float> want_q = reference_conv(
-        c,
-        [&](int oc, int x0, int y0) {
-            int64_t s = 0;
-            for (int dy = 0; dy < c.fh; dy++)
-                for (int dx = 0; dx < c.fw; dx++)
-                    if (inside(x0 + dx, y0 + dy))
-                        s += static_cast<int64_t>(item(qf.get(), oc, dy * c.fw + dx)) *
-                             item(qin.get(), x0 + dx, y0 + dy);
-            return static_cast<float>(s) * scale;
-        },
-        bias.get());
+    const int places = c.fw * c.fh;
+    std::vector<float> want_float, want_q;
+    reference_conv(c, [&](int oc, int x0, int y0) {
+        auto weight = [&](int i) { return filter->item[oc + filter->stride * i]; };
+        auto pixel = [&](int i) {
+            const int x = x0 + i % c.fw, y = y0 + i / c.fw;
+            return inside(x, y) ? in->item[x + in->stride * y] : 0.0f;
+        };
+        auto pixel_q = [&](int i) {
+            const int x = x0 + i % c.fw, y = y0 + i / c.fw;
+            return inside(x, y) ? item(qin.get(), x, y) : 0;
+        };
+        want_float.push_back(bias->item[oc] + ordered_dot(places, weight, pixel));
+        const int64_t sum = exact_sum(
+            places, [&](int i) { return item(qf.get(), oc, i); }, pixel_q);
+        want_q.push_back(bias->item[oc] + static_cast<float>(sum) * scale);
+    });
+    MatrixPtr got = own(dl_basic_conv_layer(in.get(), filter.get(), bias.get(), c.fw, c.fh, c.channels, c.sx, c.sy,
+                                            c.padding, nullptr));
+    EXPECT_EQ(items_of(got.get()), want_float);
     MatrixPtr got_q = own(dl_basic_conv_layer_quantised_weight(in.get(), qf.get(), bias.get(), c.fw, c.fh, c.channels,
                                                                c.sx, c.sy, c.padding, nullptr));
-    EXPECT_EQ(row(got_q.get()), want_q);
+    EXPECT_EQ(items_of(got_q.get()), want_q);
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, ConvReferenceTest,

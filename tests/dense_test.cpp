@@ -3,11 +3,10 @@
 #include <cmath>
 
 #include "dl_lib.h"
-#include "layer_test_util.h"
-#include "test_util.h"
+#include "reference.h"
 
 using namespace testutil;
-using namespace layertest;
+using namespace ref;
 
 namespace {
 

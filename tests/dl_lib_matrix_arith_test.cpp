@@ -4,13 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "arith_test_util.h"
 #include "dl_lib.h"
-#include "kernels_internal.h"
-#include "test_util.h"
+#include "reference.h"
 
 using namespace testutil;
-using namespace arith;
+using namespace ref;
 
 namespace {
 
@@ -25,14 +23,6 @@ struct ElementCase {
 };
 
 void PrintTo(const ElementCase &c, std::ostream *os) { *os << c.name; }
-
-// Where the result goes: a fresh record, or over one of the operands.
-enum class Into { fresh, a, b };
-
-void PrintTo(Into into, std::ostream *os)
-{
-    *os << (into == Into::a ? "over_a" : into == Into::b ? "over_b" : "fresh");
-}
 
 class FloatElementTest : public testing::TestWithParam<std::tuple<ElementCase, Into>> {};
 
@@ -85,17 +75,14 @@ TEST(FloatElement, AddConstThroughView)
 
 // ---- Product -------------------------------------------------------------
 
-// The product as defined: res cleared, then k outermost, the columns of b,
-// the rows of a, each step res = a * v + res.
+// The product as defined: each item the ordered float sum over k.
 std::vector<float> reference_dot(FloatBox &a, FloatBox &b)
 {
-    const int M = a.m.h, K = a.m.w, N = b.m.w;
-    std::vector<float> res(static_cast<size_t>(M * N), 0.0f);
-    for (int k = 0; k < K; k++)
-        for (int x = 0; x < N; x++) {
-            const float v = b.at(x, k);
-            for (int y = 0; y < M; y++) res[x + N * y] = a.at(k, y) * v + res[x + N * y];
-        }
+    std::vector<float> res;
+    for (int y = 0; y < a.m.h; y++)
+        for (int x = 0; x < b.m.w; x++)
+            res.push_back(ordered_dot(
+                a.m.w, [&](int k) { return a.at(k, y); }, [&](int k) { return b.at(x, k); }));
     return res;
 }
 
@@ -217,57 +204,52 @@ TEST(MatrixMemory, ConcatGivesNullWhenMemoryRunsOut)
     dl_matrix_free(b);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Conditions, MatrixDeathTest,
-    testing::Values(DeathCase{"slice_into_owning", [] { dl_matrix_slice(f(2, 2), 0, 0, 1, 1, f(1, 1)); },
-                              "dl_matrix_slice: Assertion `in->flags&DL_MF_FOREIGNDATA' failed"},
-                    DeathCase{"slice_right", [] { dl_matrix_slice(f(2, 2), 1, 0, 2, 1, nullptr); },
-                              "dl_matrix_slice: Assertion `x\\+w<=src->w' failed"},
-                    DeathCase{"slice_bottom", [] { dl_matrix_slice(f(2, 2), 0, 2, 1, 1, nullptr); },
-                              "dl_matrix_slice: Assertion `y\\+h<=src->h' failed"},
-                    DeathCase{"flatten_right", [] { dl_matrix_flatten(f(2, 2), 1, 0, 2, 1, nullptr); },
-                              "dl_matrix_flatten: Assertion `x \\+ w <= src->w' failed"},
-                    DeathCase{"flatten_bottom", [] { dl_matrix_flatten(f(2, 2), 0, 1, 1, 2, nullptr); },
-                              "dl_matrix_flatten: Assertion `y \\+ h <= src->h' failed"},
-                    DeathCase{"flatten_into_small", [] { dl_matrix_flatten(f(2, 2), 0, 0, 2, 2, f(3, 1)); },
-                              "dl_matrix_flatten: Assertion `in->w\\*in->h>=w\\*h' failed"},
-                    DeathCase{"flip_of_two_rows", [] { dl_matrix_flip(f(1, 2)); },
-                              "dl_matrix_flip: Assertion `a->h==1' failed"},
-                    DeathCase{"mul_operands", [] { dl_matrix_mul(f(2, 2), f(2, 3), f(2, 2)); },
-                              "a: 2 x 2, b: 2 x 3\n.*dl_lib_matrix.cpp:[0-9]+: dl_matrix_mul: "
-                              "Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
-                    DeathCase{"mul_into_small", [] { dl_matrix_mul(f(2, 2), f(2, 2), f(2, 1)); },
-                              "dl_matrix_mul: Assertion `out->w>=a->w && out->h>=a->h' failed"},
-                    DeathCase{"dot_inner", [] { dl_matrix_dot(f(3, 2), f(2, 2), f(2, 2)); },
-                              "dl_matrix_dot: Assertion `a->w==b->h' failed"},
-                    DeathCase{"dot_height", [] { dl_matrix_dot(f(3, 2), f(4, 3), f(4, 1)); },
-                              "dl_matrix_dot: Assertion `a->h==res->h' failed"},
-                    DeathCase{"dot_width", [] { dl_matrix_dot(f(3, 2), f(4, 3), f(3, 2)); },
-                              "dl_matrix_dot: Assertion `b->w==res->w' failed"},
-                    DeathCase{"dot_in_place",
-                              [] {
-                                  dl_matrix2d_t *a = f(2, 2);
-                                  dl_matrix_dot(a, f(2, 2), a);
-                              },
-                              "dl_matrix_dot: Assertion `res!=a && res!=b' failed"},
-                    DeathCase{"add_operands", [] { dl_matrix_add(f(2, 2), f(3, 2), f(2, 2)); },
-                              "dl_matrix_add: Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
-                    DeathCase{"add_out", [] { dl_matrix_add(f(2, 2), f(2, 2), f(2, 1)); },
-                              "dl_matrix_add: Assertion `dl_matrix_same_shape\\(a, out\\)' failed"},
-                    DeathCase{"sub_operands", [] { dl_matrix_sub(f(2, 2), f(3, 2), f(2, 2)); },
-                              "dl_matrix_sub: Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
-                    DeathCase{"sub_out", [] { dl_matrix_sub(f(2, 2), f(2, 2), f(2, 1)); },
-                              "dl_matrix_sub: Assertion `dl_matrix_same_shape\\(a, out\\)' failed"},
-                    DeathCase{"div_operands", [] { dl_matrix_div(f(2, 2), f(3, 2), f(2, 2)); },
-                              "dl_matrix_div: Assertion `dl_matrix_same_shape\\(a, b\\)' failed"},
-                    DeathCase{"div_out", [] { dl_matrix_div(f(2, 2), f(2, 2), f(2, 1)); },
-                              "dl_matrix_div: Assertion `dl_matrix_same_shape\\(a, out\\)' failed"},
-                    DeathCase{"concat_heights", [] { dl_matrix_concat(f(1, 2), f(1, 3)); },
-                              "dl_matrix_concat: Assertion `a->h==b->h' failed"},
-                    DeathCase{"avg_sq_err_heights", [] { dl_matrix_get_avg_sq_err(f(2, 2), f(3, 3)); },
-                              "dl_matrix_get_avg_sq_err: Assertion `a->h==b->h' failed"},
-                    DeathCase{"avg_sq_err_widths", [] { dl_matrix_get_avg_sq_err(f(2, 2), f(3, 2)); },
-                              "dl_matrix_get_avg_sq_err: Assertion `a->w==b->w' failed"}),
-    CaseName());
+const DeathCase kMatrixDeathTestCases[] = {
+    {"slice_into_owning", [] { dl_matrix_slice(f(2, 2), 0, 0, 1, 1, f(1, 1)); },
+     "dl_matrix_slice: Assertion `in->flags&DL_MF_FOREIGNDATA'"},
+    {"slice_right", [] { dl_matrix_slice(f(2, 2), 1, 0, 2, 1, nullptr); },
+     "dl_matrix_slice: Assertion `x\\+w<=src->w'"},
+    {"slice_bottom", [] { dl_matrix_slice(f(2, 2), 0, 2, 1, 1, nullptr); },
+     "dl_matrix_slice: Assertion `y\\+h<=src->h'"},
+    {"flatten_right", [] { dl_matrix_flatten(f(2, 2), 1, 0, 2, 1, nullptr); },
+     "dl_matrix_flatten: Assertion `x \\+ w <= src->w'"},
+    {"flatten_bottom", [] { dl_matrix_flatten(f(2, 2), 0, 1, 1, 2, nullptr); },
+     "dl_matrix_flatten: Assertion `y \\+ h <= src->h'"},
+    {"flatten_into_small", [] { dl_matrix_flatten(f(2, 2), 0, 0, 2, 2, f(3, 1)); },
+     "dl_matrix_flatten: Assertion `in->w\\*in->h>=w\\*h'"},
+    {"flip_of_two_rows", [] { dl_matrix_flip(f(1, 2)); }, "dl_matrix_flip: Assertion `a->h==1'"},
+    {"mul_operands", [] { dl_matrix_mul(f(2, 2), f(2, 3), f(2, 2)); },
+     "a: 2 x 2, b: 2 x 3\n.*dl_lib_matrix.cpp:[0-9]+: dl_matrix_mul: "
+     "Assertion `dl_matrix_same_shape\\(a, b\\)'"},
+    {"mul_into_small", [] { dl_matrix_mul(f(2, 2), f(2, 2), f(2, 1)); },
+     "dl_matrix_mul: Assertion `out->w>=a->w && out->h>=a->h'"},
+    {"dot_inner", [] { dl_matrix_dot(f(3, 2), f(2, 2), f(2, 2)); }, "dl_matrix_dot: Assertion `a->w==b->h'"},
+    {"dot_height", [] { dl_matrix_dot(f(3, 2), f(4, 3), f(4, 1)); }, "dl_matrix_dot: Assertion `a->h==res->h'"},
+    {"dot_width", [] { dl_matrix_dot(f(3, 2), f(4, 3), f(3, 2)); }, "dl_matrix_dot: Assertion `b->w==res->w'"},
+    {"dot_in_place",
+     [] {
+         dl_matrix2d_t *a = f(2, 2);
+         dl_matrix_dot(a, f(2, 2), a);
+     },
+     "dl_matrix_dot: Assertion `res!=a && res!=b'"},
+    {"add_operands", [] { dl_matrix_add(f(2, 2), f(3, 2), f(2, 2)); },
+     "dl_matrix_add: Assertion `dl_matrix_same_shape\\(a, b\\)'"},
+    {"add_out", [] { dl_matrix_add(f(2, 2), f(2, 2), f(2, 1)); },
+     "dl_matrix_add: Assertion `dl_matrix_same_shape\\(a, out\\)'"},
+    {"sub_operands", [] { dl_matrix_sub(f(2, 2), f(3, 2), f(2, 2)); },
+     "dl_matrix_sub: Assertion `dl_matrix_same_shape\\(a, b\\)'"},
+    {"sub_out", [] { dl_matrix_sub(f(2, 2), f(2, 2), f(2, 1)); },
+     "dl_matrix_sub: Assertion `dl_matrix_same_shape\\(a, out\\)'"},
+    {"div_operands", [] { dl_matrix_div(f(2, 2), f(3, 2), f(2, 2)); },
+     "dl_matrix_div: Assertion `dl_matrix_same_shape\\(a, b\\)'"},
+    {"div_out", [] { dl_matrix_div(f(2, 2), f(2, 2), f(2, 1)); },
+     "dl_matrix_div: Assertion `dl_matrix_same_shape\\(a, out\\)'"},
+    {"concat_heights", [] { dl_matrix_concat(f(1, 2), f(1, 3)); }, "dl_matrix_concat: Assertion `a->h==b->h'"},
+    {"avg_sq_err_heights", [] { dl_matrix_get_avg_sq_err(f(2, 2), f(3, 3)); },
+     "dl_matrix_get_avg_sq_err: Assertion `a->h==b->h'"},
+    {"avg_sq_err_widths", [] { dl_matrix_get_avg_sq_err(f(2, 2), f(3, 2)); },
+     "dl_matrix_get_avg_sq_err: Assertion `a->w==b->w'"}};
+
+INSTANTIATE_TEST_SUITE_P(Conditions, MatrixDeathTest, testing::ValuesIn(kMatrixDeathTestCases), CaseName());
 
 }  // namespace

@@ -9,8 +9,6 @@ using namespace testutil;
 
 namespace {
 
-std::vector<float> items_of(const dl_matrix2d_t *m) { return std::vector<float>(m->item, m->item + m->w * m->h); }
-
 TEST(MatrixRecord, AllocIsZeroedAndOwning)
 {
     MatrixPtr m = own(dl_matrix_alloc(3, 2));

@@ -4,32 +4,21 @@
 #include <string>
 #include <vector>
 
-#include "arith_test_util.h"
 #include "dl_lib.h"
-#include "kernels_internal.h"
-#include "test_util.h"
+#include "reference.h"
 
 using namespace testutil;
-using namespace arith;
+using namespace ref;
 
 namespace {
 
 // ---- Literal references ----------------------------------------------------
-
-int32_t clamp(int64_t t) { return t > 32767 ? 32767 : t < -32767 ? -32767 : static_cast<int32_t>(t); }
 
 int default_shift(int w)
 {
     int s = 15;
     for (int n = w; n > 1; n /= 2) s++;
     return s;
-}
-
-int64_t ref_sum(ItemBox &a, ItemBox &b, int x, int y)
-{
-    int64_t sum = 0;
-    for (int k = 0; k < b.m.h; k++) sum += static_cast<int64_t>(a.at(k, y)) * static_cast<int64_t>(b.at(x, k));
-    return sum;
 }
 
 // A 1 x n or n x 1 record with the given items, at exponent e.
@@ -91,7 +80,8 @@ TEST_P(QDotKernelTest, MatchesReferenceBitForBit)
         }
         for (int x = 0; x < N; x++) {
             for (int y = 0; y < M; y++) {
-                const int64_t sum = ref_sum(p.a, p.b, x, y);
+                const int64_t sum = exact_sum(
+                    p.b.m.h, [&](int k) { return p.a.at(k, y); }, [&](int k) { return p.b.at(x, k); });
                 ASSERT_EQ(res.at(x, y), clamp(sum >> s))
                     << dl::isa_name(isa) << " " << M << "x" << p.a.m.w << "x" << N << " at " << x << "," << y;
                 ASSERT_EQ(bits(fres.at(x, y)), bits(static_cast<float>(sum) * to_floats.factor))
@@ -183,8 +173,9 @@ TEST(QDotMatrixOut, FactorFromExponentsAndFloatOperand)
     EXPECT_EQ(res->item[0], std::ldexp(16384.0f - 3 * 16383.0f, -14));
 }
 
-// ---- Element-wise literal references ---------------------------------------
+// ---- Element-wise operations ------------------------------------------------
 
+// The items of a record, column by column, and its exponent.
 struct Snapshot {
     int w, h, exponent;
     std::vector<int32_t> v;  // column by column
@@ -196,103 +187,11 @@ struct Snapshot {
     explicit Snapshot(const ItemBox &b) : Snapshot(b.m) {}
 };
 
-// add and sub as defined: H the larger exponent (a's when equal), L's items
-// shifted right by the difference, the sign of sub following the arguments.
-Snapshot ref_add_sub(const Snapshot &a, const Snapshot &b, int shift, bool sub)
-{
-    Snapshot r = a;
-    const bool h_is_a = a.exponent >= b.exponent;
-    const Snapshot &H = h_is_a ? a : b, &L = h_is_a ? b : a;
-    const int d = H.exponent - L.exponent;
-    if (sub && shift != 0) shift = 1;
-    r.exponent = shift == 0 ? H.exponent + 1 : H.exponent;
-    for (size_t i = 0; i < r.v.size(); i++) {
-        const int32_t p = H.v[i], q = L.v[i] >> d;
-        const int32_t t = !sub ? p + q : h_is_a ? p - q : q - p;
-        r.v[i] = shift == 0 ? t >> 1 : clamp(t);
-    }
-    return r;
-}
-
-Snapshot ref_mul(const Snapshot &a, const Snapshot &b, int)
-{
-    Snapshot r = a;
-    r.exponent = a.exponent + b.exponent + 16;
-    for (size_t i = 0; i < r.v.size(); i++) r.v[i] = (a.v[i] * b.v[i]) >> 16;
-    return r;
-}
-
-Snapshot ref_div(const Snapshot &a, const Snapshot &b, int shift)
-{
-    Snapshot r = a;
-    r.exponent = a.exponent - b.exponent - shift;
-    for (size_t i = 0; i < r.v.size(); i++) r.v[i] = clamp((a.v[i] * (1 << shift)) / b.v[i]);
-    return r;
-}
-
 using QOp = void (*)(const dl_matrix2dq_t *, const dl_matrix2dq_t *, dl_matrix2dq_t *, int);
-
-struct QElementCase {
-    const char *name;
-    QOp op;
-    Snapshot (*ref)(const Snapshot &, const Snapshot &, int);
-    int max_shift;
-};
 
 void mul_op(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *r, int) { dl_matrixq_mul(a, b, r); }
 
-void PrintTo(const QElementCase &c, std::ostream *os) { *os << c.name; }
-
-enum class Into { fresh, a, b };
-
-void PrintTo(Into into, std::ostream *os)
-{
-    *os << (into == Into::a ? "over_a" : into == Into::b ? "over_b" : "fresh");
-}
-
-class QElementTest : public testing::TestWithParam<std::tuple<QElementCase, Into>> {};
-
-TEST_P(QElementTest, MatchesReferenceThroughViews)
-{
-    const auto [c, into] = GetParam();
-    Rng rng(31);
-    for (int round = 0; round < 80; round++) {
-        const int w = uniform(rng, 0, 6), h = uniform(rng, 0, 7);
-        ItemBox a(rng, w, h, uniform(rng, 0, 2), uniform(rng, -20, 10));
-        ItemBox b(rng, w, h, uniform(rng, 0, 2), uniform(rng, -20, 10));
-        if (round % 4 == 0) b.m.exponent = a.m.exponent;
-        if (c.op == dl_matrixq_div) b.each([](int v) { return v == 0 ? 1 : v; });
-        ItemBox fresh(w, h, uniform(rng, 0, 1), 99);
-        const int shift = uniform(rng, 0, c.max_shift);
-        const Snapshot want = c.ref(Snapshot(a), Snapshot(b), shift);
-        ItemBox &out = into == Into::a ? a : into == Into::b ? b : fresh;
-        c.op(&a.m, &b.m, &out.m, shift);
-        const Snapshot got(out);
-        ASSERT_EQ(got.exponent, want.exponent) << "round " << round << " shift " << shift;
-        ASSERT_EQ(got.v, want.v) << "round " << round << " shift " << shift;
-        ASSERT_TRUE(a.margins_intact() && b.margins_intact() && out.margins_intact());
-    }
-}
-
-const QElementCase kQElementCases[] = {
-    {"add", dl_matrixq_add, [](const Snapshot &a, const Snapshot &b, int s) { return ref_add_sub(a, b, s, false); }, 1},
-    {"sub", dl_matrixq_sub, [](const Snapshot &a, const Snapshot &b, int s) { return ref_add_sub(a, b, s, true); }, 3},
-    {"mul", mul_op, ref_mul, 0},
-    {"div", dl_matrixq_div, ref_div, 16},
-};
-
-std::string q_element_name(const testing::TestParamInfo<QElementTest::ParamType> &info)
-{
-    std::string name = std::get<0>(info.param).name;
-    return name + "_" + testing::PrintToString(std::get<1>(info.param));
-}
-
-INSTANTIATE_TEST_SUITE_P(Ops, QElementTest,
-                         testing::Combine(testing::ValuesIn(kQElementCases),
-                                          testing::Values(Into::fresh, Into::a, Into::b)),
-                         q_element_name);
-
-// Hand-checked cases: one element each, a and b with their exponents.
+// Hand-checked cases: one item each for a and b, with their exponents.
 struct QPairCase {
     const char *name;
     QOp op;
@@ -302,92 +201,77 @@ struct QPairCase {
 
 void PrintTo(const QPairCase &c, std::ostream *os) { *os << c.name; }
 
-class QPairTest : public testing::TestWithParam<QPairCase> {};
+class QPairTest : public testing::TestWithParam<std::tuple<QPairCase, Into>> {};
 
-TEST_P(QPairTest, ItemAndExponent)
+// Each operand holds its item twice, in a view of stride 3; the result goes
+// to a fresh record or over either operand, so an exponent read after the
+// result's was written shows in the second item.
+TEST_P(QPairTest, ItemsAndExponentThroughViews)
 {
-    const QPairCase &c = GetParam();
-    ItemBox a = items(1, 1, {c.a}, c.ea), b = items(1, 1, {c.b}, c.eb), res(1, 1, 0);
+    const auto [c, into] = GetParam();
+    ItemBox a = items(2, 1, {c.a, c.a}, c.ea, 2), b = items(2, 1, {c.b, c.b}, c.eb, 2), fresh(2, 1, 2, 99);
+    ItemBox &res = into == Into::a ? a : into == Into::b ? b : fresh;
     c.op(&a.m, &b.m, &res.m, c.shift);
-    EXPECT_EQ(res.at(0, 0), c.want);
+    EXPECT_EQ(Snapshot(res).v, std::vector<int32_t>(2, c.want));
     EXPECT_EQ(res.m.exponent, c.exponent);
+    EXPECT_TRUE(a.margins_intact() && b.margins_intact() && res.margins_intact());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Boundaries, QPairTest,
-    testing::Values(QPairCase{"add_aligns_a", dl_matrixq_add, 8, -5, 3, -3, 1, 5, -3},
-                    QPairCase{"add_halves_down", dl_matrixq_add, -2, 0, 1, 0, 0, -1, 1},
-                    QPairCase{"sub_two_acts_as_one", dl_matrixq_sub, 5, 0, 7, 0, 2, -2, 0},
-                    QPairCase{"alignment_keeps_minus_one", dl_matrixq_add, -1, -31, 0, 0, 1, -1, 0},
-                    QPairCase{"mul_rounds_down_to_minus_one", mul_op, -1, 0, 1, 0, 0, -1, 16},
-                    QPairCase{"mul_largest", mul_op, kMax, 1, -kMax, 2, 0, -16384, 19},
-                    QPairCase{"div_truncates_negative", dl_matrixq_div, -7, 0, 2, 0, 0, -3, 0},
-                    QPairCase{"div_saturates", dl_matrixq_div, kMax, 3, 1, 1, 1, kMax, 1},
-                    // -32768 << 16 is the lowest 32-bit integer: divided by -1
-                    // it must saturate, not overflow.
-                    QPairCase{"div_lowest_by_minus_one", dl_matrixq_div, -32768, 0, -1, 0, 16, kMax, -16},
-                    QPairCase{"div_by_minus_one", dl_matrixq_div, -300, 0, -1, 0, 2, 1200, -2}),
-    CaseName());
+const QPairCase kQPairCases[] = {
+    {"add_aligns_a", dl_matrixq_add, 8, -5, 3, -3, 1, 5, -3},
+    {"add_halves_down", dl_matrixq_add, -2, 0, 1, 0, 0, -1, 1},
+    {"add_saturates", dl_matrixq_add, 30000, 0, 30000, 0, 1, kMax, 0},
+    {"add_saturates_low", dl_matrixq_add, -30000, 2, -30000, 2, 1, -kMax, 2},
+    {"alignment_keeps_minus_one", dl_matrixq_add, -1, -31, 0, 0, 1, -1, 0},
+    {"sub_two_acts_as_one", dl_matrixq_sub, 5, 0, 7, 0, 2, -2, 0},
+    {"sub_keeps_argument_order", dl_matrixq_sub, 8, -5, 3, -3, 1, -1, -3},  // a aligned to 2: 2 - 3
+    {"sub_halves_down", dl_matrixq_sub, 5, 0, 8, 0, 0, -2, 1},
+    {"mul_rounds_down_to_minus_one", mul_op, -1, 0, 1, 0, 0, -1, 16},
+    {"mul_largest", mul_op, kMax, 1, -kMax, 2, 0, -16384, 19},
+    {"div_truncates_negative", dl_matrixq_div, -7, 0, 2, 0, 0, -3, 0},
+    {"div_saturates", dl_matrixq_div, kMax, 3, 1, 1, 1, kMax, 1},
+    // -32768 << 16 is the lowest 32-bit integer: divided by -1 it must
+    // saturate, not overflow.
+    {"div_lowest_by_minus_one", dl_matrixq_div, -32768, 0, -1, 0, 16, kMax, -16},
+    {"div_by_minus_one", dl_matrixq_div, -300, 0, -1, 0, 2, 1200, -2},
+};
+
+INSTANTIATE_TEST_SUITE_P(Boundaries, QPairTest,
+                         testing::Combine(testing::ValuesIn(kQPairCases),
+                                          testing::Values(Into::fresh, Into::a, Into::b)),
+                         [](const auto &info) {
+                             return std::string(std::get<0>(info.param).name) + "_" +
+                                    testing::PrintToString(std::get<1>(info.param));
+                         });
 
 // ---- Constant addition -----------------------------------------------------
 
-Snapshot ref_add_const(const Snapshot &m, float value, int shift)
-{
-    Snapshot r = m;
-    const float units = m.exponent < 0 ? std::ldexp(1.0f, -m.exponent) * value : value / std::ldexp(1.0f, m.exponent);
-    int32_t c = static_cast<int32_t>(units);
-    if (c == 0) return r;
-    int n = 0;
-    while (c > 32766 || c < -32766) {
-        n++;
-        c /= 2;
-    }
-    r.exponent += (shift == 0 ? 1 : 0) + n;
-    for (int32_t &v : r.v) {
-        const int32_t t = (v >> n) + c;
-        v = shift == 0 ? t / 2 : clamp(t);
-    }
-    return r;
-}
-
-TEST(QAddConst, MatchesReferenceThroughViews)
-{
-    Rng rng(37);
-    for (int round = 0; round < 300; round++) {
-        ItemBox m(rng, uniform(rng, 0, 5), uniform(rng, 0, 5), uniform(rng, 0, 2), uniform(rng, -20, 6));
-        const int shift = uniform(rng, 0, 1);
-        // Values from below one unit to a few times the range.
-        const float value =
-            std::ldexp(std::uniform_real_distribution<float>(-1.0f, 1.0f)(rng), m.m.exponent + uniform(rng, -2, 18));
-        const Snapshot want = ref_add_const(Snapshot(m), value, shift);
-        dl_matrixq_add_const(&m.m, value, shift);
-        const Snapshot got(m);
-        ASSERT_EQ(got.exponent, want.exponent) << round;
-        ASSERT_EQ(got.v, want.v) << round;
-        ASSERT_TRUE(m.margins_intact());
-    }
-}
-
+// Items 5, -1, 32767 in a view of stride 2, at the given exponent.
 TEST(QAddConst, Boundaries)
 {
     const struct {
+        int exponent;
         float value;
         int shift;
         std::vector<int> want;
-        int exponent;
+        int want_exponent;
     } cases[] = {
-        {0.9f, 0, {5, -1, kMax}, 0},              // below one unit: nothing at all
-        {32766.0f, 1, {kMax, 32765, kMax}, 0},    // fits: no rescaling
-        {32767.0f, 1, {16385, 16382, 32766}, 1},  // c 16383, items halved down
-        {-32767.0f, 1, {-16381, -16384, 0}, 1},   // c -16383
-        {1.0f, 0, {3, 0, 16384}, 1},              // -1 + 1 = 0; 5 + 1 halves to 3
-        {-2.0f, 0, {1, -1, 16382}, 1},            // t = -3 halves toward zero to -1
+        {0, 0.9f, 0, {5, -1, kMax}, 0},              // below one unit: nothing at all
+        {0, 32766.0f, 1, {kMax, 32765, kMax}, 0},    // fits: no rescaling
+        {0, 32767.0f, 1, {16385, 16382, 32766}, 1},  // c 16383, items halved down
+        {0, -32767.0f, 1, {-16381, -16384, 0}, 1},   // c -16383
+        {0, 100000.0f, 1, {25001, 24999, kMax}, 2},  // c 25000 after two halvings; items >> 2
+        {0, 1.0f, 0, {3, 0, 16384}, 1},              // -1 + 1 = 0; 5 + 1 halves to 3
+        {0, -2.0f, 0, {1, -1, 16382}, 1},            // t = -3 halves toward zero to -1
+        {-3, 1.0f, 1, {13, 7, kMax}, -3},            // 1.0 is 8 units at -3
+        {2, 100.0f, 1, {30, 24, kMax}, 2},           // 100.0 is 25 units at 2
     };
     for (const auto &c : cases) {
-        ItemBox m = items(3, 1, {5, -1, kMax});
+        ItemBox m = items(3, 1, {5, -1, kMax}, c.exponent, 1);
         dl_matrixq_add_const(&m.m, c.value, c.shift);
-        EXPECT_EQ(m.m.exponent, c.exponent) << c.value;
+        EXPECT_EQ(m.m.exponent, c.want_exponent) << c.value;
         for (int x = 0; x < 3; x++) EXPECT_EQ(m.at(x, 0), c.want[x]) << c.value << " item " << x;
+        EXPECT_TRUE(m.margins_intact()) << c.value;
     }
 }
 
@@ -568,86 +452,83 @@ TEST(MatrixqMemory, NewRecordsAreNullWhenMemoryRunsOut)
     dl_matrixq_free(b);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Conditions, MatrixqDeathTest,
-    testing::Values(DeathCase{"quantise_width", [] { dl_matrixq_from_matrix2d(f(2, 1), q(3, 1)); },
-                              "dl_lib_matrixq.cpp:[0-9]+: dl_matrixq_from_matrix2d: Assertion `m->w==out->w'"},
-                    DeathCase{"quantise_height", [] { dl_matrixq_from_matrix2d_by_qmf(f(2, 1), q(2, 2), 4, 4); },
-                              "dl_matrixq_from_matrix2d_by_qmf: Assertion `m->h==out->h'"},
-                    DeathCase{"back_to_float_height", [] { dl_matrix2d_from_matrixq(q(2, 2), f(2, 1)); },
-                              "dl_matrix2d_from_matrixq: Assertion `m->h==out->h'"},
-                    DeathCase{"dot_inner", [] { dl_matrixq_dot(q(3, 2), q(2, 2), q(2, 2), 0); },
-                              "dl_matrixq_dot_c_impl: Assertion `a->w==b->h'"},
-                    DeathCase{"dot_height", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 3), 0); },
-                              "dl_matrixq_dot_c_impl: Assertion `a->h==res->h'"},
-                    DeathCase{"dot_width", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(3, 2), 0); },
-                              "dl_matrixq_dot_c_impl: Assertion `b->w==res->w'"},
-                    DeathCase{"dot_in_place",
-                              [] {
-                                  dl_matrix2dq_t *a = q(2, 2);
-                                  dl_matrixq_dot(a, q(2, 2), a, 0);
-                              },
-                              "dl_matrixq_dot_c_impl: Assertion `res!=a && res!=b'"},
-                    DeathCase{"dot_shift_negative", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), -1); },
-                              "dl_matrixq_dot_c_impl: Assertion `shift>=0'"},
-                    // a->w 2: the default shift is 16.
-                    DeathCase{"dot_shift_above_default", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), 17); },
-                              "dl_matrixq_dot_c_impl: Assertion `shift<=product_shift\\(a->w\\)'"},
-                    DeathCase{"out_inner", [] { dl_matrixq_dot_matrix_out(q(3, 2), q(2, 2), f(2, 2)); },
-                              "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
-                    DeathCase{"out_height", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(2, 3)); },
-                              "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->h==res->h'"},
-                    DeathCase{"out_width", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(3, 2)); },
-                              "dl_matrixq_dot_matrix_out_c_impl: Assertion `b->w==res->w'"},
-                    DeathCase{"float_times_fixed", [] { dl_matrix_matrixq_dot(f(3, 2), q(2, 2), f(2, 2)); },
-                              "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
-                    DeathCase{"float_times_fixed_out_of_memory",
-                              [] {
-                                  dl_matrix2d_t *a = f(1, 1);
-                                  a->w = -5;  // no allocation can hold its quantised copy
-                                  dl_matrix_matrixq_dot(a, q(2, 2), f(2, 1));
-                              },
-                              "dl_matrix_matrixq_dot: Assertion `out of memory: qa'"},
-                    DeathCase{"add_operands", [] { dl_matrixq_add(q(2, 2), q(2, 3), q(2, 2), 0); },
-                              "a: 2 x 2, b: 2 x 3\n.*dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
-                    DeathCase{"add_result", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(3, 2), 0); },
-                              "dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
-                    DeathCase{"add_shift", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(2, 2), 2); },
-                              "dl_matrixq_add: Assertion `shift==0 \\|\\| shift==1'"},
-                    DeathCase{"sub_operands", [] { dl_matrixq_sub(q(2, 2), q(2, 3), q(2, 2), 0); },
-                              "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
-                    DeathCase{"sub_result", [] { dl_matrixq_sub(q(2, 2), q(2, 2), q(3, 2), 0); },
-                              "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
-                    DeathCase{"mul_operands", [] { dl_matrixq_mul(q(2, 2), q(2, 3), q(2, 2)); },
-                              "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
-                    DeathCase{"mul_result", [] { dl_matrixq_mul(q(2, 2), q(2, 2), q(3, 2)); },
-                              "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
-                    DeathCase{"div_operands", [] { dl_matrixq_div(q(2, 2), q(2, 3), q(2, 2), 0); },
-                              "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
-                    DeathCase{"div_result", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(3, 2), 0); },
-                              "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, out\\)'"},
-                    DeathCase{"div_shift", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(2, 2), 17); },
-                              "dl_matrixq_div: Assertion `shift>=0 && shift<=16'"},
-                    DeathCase{"add_const_shift", [] { dl_matrixq_add_const(q(2, 2), 1.0f, -1); },
-                              "dl_matrixq_add_const: Assertion `shift==0 \\|\\| shift==1'"},
-                    DeathCase{"concat_heights", [] { dl_matrixq_concat(q(2, 2), q(2, 3)); },
-                              "dl_matrixq_concat: Assertion `a->h==b->h'"},
-                    DeathCase{"slice_into_owning", [] { dl_matrixq_slice(q(2, 2), 0, 0, 1, 1, q(1, 1)); },
-                              "dl_matrixq_slice: Assertion `in->flags&DL_MF_FOREIGNDATA'"},
-                    DeathCase{"slice_right", [] { dl_matrixq_slice(q(2, 3), 1, 0, 2, 1, nullptr); },
-                              "dl_matrixq_slice: Assertion `x\\+w<=src->w'"},
-                    DeathCase{"slice_bottom", [] { dl_matrixq_slice(q(2, 3), 0, 2, 1, 2, nullptr); },
-                              "dl_matrixq_slice: Assertion `y\\+h<=src->h'"},
-                    DeathCase{"flatten_right", [] { dl_matrixq_flatten(q(2, 3), 1, 0, 2, 1, nullptr); },
-                              "dl_matrixq_flatten: Assertion `x \\+ w <= src->w'"},
-                    DeathCase{"flatten_bottom", [] { dl_matrixq_flatten(q(2, 3), 0, 2, 1, 2, nullptr); },
-                              "dl_matrixq_flatten: Assertion `y \\+ h <= src->h'"},
-                    DeathCase{"flatten_into_small", [] { dl_matrixq_flatten(q(2, 3), 0, 0, 2, 2, q(3, 1)); },
-                              "dl_matrixq_flatten: Assertion `out->w\\*out->h>=w\\*h'"},
-                    DeathCase{"set_column", [] { dl_matrixq_set(q(2, 2), 2, 0, 1.0f); },
-                              "dl_matrixq_set: Assertion `x>=0 && x<m->w'"},
-                    DeathCase{"set_row", [] { dl_matrixq_set(q(2, 2), 0, -1, 1.0f); },
-                              "dl_matrixq_set: Assertion `y>=0 && y<m->h'"}),
-    CaseName());
+const DeathCase kMatrixqDeathTestCases[] = {
+    {"quantise_width", [] { dl_matrixq_from_matrix2d(f(2, 1), q(3, 1)); },
+     "dl_lib_matrixq.cpp:[0-9]+: dl_matrixq_from_matrix2d: Assertion `m->w==out->w'"},
+    {"quantise_height", [] { dl_matrixq_from_matrix2d_by_qmf(f(2, 1), q(2, 2), 4, 4); },
+     "dl_matrixq_from_matrix2d_by_qmf: Assertion `m->h==out->h'"},
+    {"back_to_float_height", [] { dl_matrix2d_from_matrixq(q(2, 2), f(2, 1)); },
+     "dl_matrix2d_from_matrixq: Assertion `m->h==out->h'"},
+    {"dot_inner", [] { dl_matrixq_dot(q(3, 2), q(2, 2), q(2, 2), 0); },
+     "dl_matrixq_dot_c_impl: Assertion `a->w==b->h'"},
+    {"dot_height", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 3), 0); },
+     "dl_matrixq_dot_c_impl: Assertion `a->h==res->h'"},
+    {"dot_width", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(3, 2), 0); },
+     "dl_matrixq_dot_c_impl: Assertion `b->w==res->w'"},
+    {"dot_in_place",
+     [] {
+         dl_matrix2dq_t *a = q(2, 2);
+         dl_matrixq_dot(a, q(2, 2), a, 0);
+     },
+     "dl_matrixq_dot_c_impl: Assertion `res!=a && res!=b'"},
+    {"dot_shift_negative", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), -1); },
+     "dl_matrixq_dot_c_impl: Assertion `shift>=0'"},
+    // a->w 2: the default shift is 16.
+    {"dot_shift_above_default", [] { dl_matrixq_dot(q(2, 2), q(2, 2), q(2, 2), 17); },
+     "dl_matrixq_dot_c_impl: Assertion `shift<=product_shift\\(a->w\\)'"},
+    {"out_inner", [] { dl_matrixq_dot_matrix_out(q(3, 2), q(2, 2), f(2, 2)); },
+     "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
+    {"out_height", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(2, 3)); },
+     "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->h==res->h'"},
+    {"out_width", [] { dl_matrixq_dot_matrix_out(q(2, 2), q(2, 2), f(3, 2)); },
+     "dl_matrixq_dot_matrix_out_c_impl: Assertion `b->w==res->w'"},
+    {"float_times_fixed", [] { dl_matrix_matrixq_dot(f(3, 2), q(2, 2), f(2, 2)); },
+     "dl_matrixq_dot_matrix_out_c_impl: Assertion `a->w==b->h'"},
+    {"float_times_fixed_out_of_memory",
+     [] {
+         dl_matrix2d_t *a = f(1, 1);
+         a->w = -5;  // no allocation can hold its quantised copy
+         dl_matrix_matrixq_dot(a, q(2, 2), f(2, 1));
+     },
+     "dl_matrix_matrixq_dot: Assertion `out of memory: qa'"},
+    {"add_operands", [] { dl_matrixq_add(q(2, 2), q(2, 3), q(2, 2), 0); },
+     "a: 2 x 2, b: 2 x 3\n.*dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
+    {"add_result", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(3, 2), 0); },
+     "dl_matrixq_add: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
+    {"add_shift", [] { dl_matrixq_add(q(2, 2), q(2, 2), q(2, 2), 2); },
+     "dl_matrixq_add: Assertion `shift==0 \\|\\| shift==1'"},
+    {"sub_operands", [] { dl_matrixq_sub(q(2, 2), q(2, 3), q(2, 2), 0); },
+     "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
+    {"sub_result", [] { dl_matrixq_sub(q(2, 2), q(2, 2), q(3, 2), 0); },
+     "dl_matrixq_sub: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
+    {"mul_operands", [] { dl_matrixq_mul(q(2, 2), q(2, 3), q(2, 2)); },
+     "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
+    {"mul_result", [] { dl_matrixq_mul(q(2, 2), q(2, 2), q(3, 2)); },
+     "dl_matrixq_mul: Assertion `dl_matrixq_same_shape\\(a, res\\)'"},
+    {"div_operands", [] { dl_matrixq_div(q(2, 2), q(2, 3), q(2, 2), 0); },
+     "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, b\\)'"},
+    {"div_result", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(3, 2), 0); },
+     "dl_matrixq_div: Assertion `dl_matrixq_same_shape\\(a, out\\)'"},
+    {"div_shift", [] { dl_matrixq_div(q(2, 2), q(2, 2), q(2, 2), 17); },
+     "dl_matrixq_div: Assertion `shift>=0 && shift<=16'"},
+    {"add_const_shift", [] { dl_matrixq_add_const(q(2, 2), 1.0f, -1); },
+     "dl_matrixq_add_const: Assertion `shift==0 \\|\\| shift==1'"},
+    {"concat_heights", [] { dl_matrixq_concat(q(2, 2), q(2, 3)); }, "dl_matrixq_concat: Assertion `a->h==b->h'"},
+    {"slice_into_owning", [] { dl_matrixq_slice(q(2, 2), 0, 0, 1, 1, q(1, 1)); },
+     "dl_matrixq_slice: Assertion `in->flags&DL_MF_FOREIGNDATA'"},
+    {"slice_right", [] { dl_matrixq_slice(q(2, 3), 1, 0, 2, 1, nullptr); },
+     "dl_matrixq_slice: Assertion `x\\+w<=src->w'"},
+    {"slice_bottom", [] { dl_matrixq_slice(q(2, 3), 0, 2, 1, 2, nullptr); },
+     "dl_matrixq_slice: Assertion `y\\+h<=src->h'"},
+    {"flatten_right", [] { dl_matrixq_flatten(q(2, 3), 1, 0, 2, 1, nullptr); },
+     "dl_matrixq_flatten: Assertion `x \\+ w <= src->w'"},
+    {"flatten_bottom", [] { dl_matrixq_flatten(q(2, 3), 0, 2, 1, 2, nullptr); },
+     "dl_matrixq_flatten: Assertion `y \\+ h <= src->h'"},
+    {"flatten_into_small", [] { dl_matrixq_flatten(q(2, 3), 0, 0, 2, 2, q(3, 1)); },
+     "dl_matrixq_flatten: Assertion `out->w\\*out->h>=w\\*h'"},
+    {"set_column", [] { dl_matrixq_set(q(2, 2), 2, 0, 1.0f); }, "dl_matrixq_set: Assertion `x>=0 && x<m->w'"},
+    {"set_row", [] { dl_matrixq_set(q(2, 2), 0, -1, 1.0f); }, "dl_matrixq_set: Assertion `y>=0 && y<m->h'"}};
+
+INSTANTIATE_TEST_SUITE_P(Conditions, MatrixqDeathTest, testing::ValuesIn(kMatrixqDeathTestCases), CaseName());
 
 }  // namespace

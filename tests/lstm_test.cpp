@@ -7,11 +7,10 @@
 #include <vector>
 
 #include "dl_lib.h"
-#include "layer_test_util.h"
-#include "test_util.h"
+#include "reference.h"
 
 using namespace testutil;
-using namespace layertest;
+using namespace ref;
 
 namespace {
 
@@ -28,9 +27,8 @@ Product float_product(const dl_matrix2d_t *w)
         std::vector<float> z(static_cast<size_t>(rows * columns));
         for (int y = 0; y < rows; y++)
             for (int x = 0; x < columns; x++) {
-                float acc = 0.0f;
-                for (int j = 0; j < k; j++) acc = joined[j + k * y] * w->item[x + w->stride * j] + acc;
-                z[x + columns * y] = acc;
+                z[x + columns * y] = ordered_dot(
+                    k, [&](int j) { return joined[j + k * y]; }, [&](int j) { return w->item[x + w->stride * j]; });
             }
         return z;
     };
@@ -48,8 +46,8 @@ Product quantised_product(const dl_matrix2dq_t *w)
         std::vector<float> z(static_cast<size_t>(rows * columns));
         for (int y = 0; y < rows; y++)
             for (int x = 0; x < columns; x++) {
-                int64_t sum = 0;
-                for (int j = 0; j < k; j++) sum += static_cast<int64_t>(item(q.get(), j, y)) * item(w, x, j);
+                const int64_t sum = exact_sum(
+                    k, [&](int j) { return item(q.get(), j, y); }, [&](int j) { return item(w, x, j); });
                 z[x + columns * y] = static_cast<float>(sum) * scale;
             }
         return z;
@@ -86,8 +84,6 @@ void reference_cell(const dl_matrix2d_t *in, std::vector<float> &c, std::vector<
         }
     }
 }
-
-std::vector<float> items_of(const dl_matrix2d_t *m) { return std::vector<float>(m->item, m->item + m->w * m->h); }
 
 struct LstmCase {
     int rows, inputs, units, extra_columns;

@@ -21,19 +21,20 @@ std::vector<float> counting(int count)
     return v;
 }
 
-std::string counting_f4(int count) { return raw(counting(count)); }
-
 std::string f4_file(const std::string &shape, const std::string &data)
 {
     return npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': " + shape + ", }", data);
 }
 
+// A '<f4' file of the shape holding the elements 1 to count.
+std::string f4(const std::string &shape, int count) { return f4_file(shape, raw(counting(count))); }
+
 struct TensorCase {
     const char *name;
     std::string file;
-    std::string err;           // "@" stands for the path
-    std::vector<int> nwhc;     // empty: the load must fail
-    std::vector<float> items;  // the whole storage, flat
+    std::string err;             // "@" stands for the path
+    std::vector<int> nwhc{};     // empty: the load must fail
+    std::vector<float> items{};  // the whole storage, flat
 };
 
 void PrintTo(const TensorCase &c, std::ostream *os) { *os << c.name; }
@@ -55,111 +56,77 @@ void expect_tensor(const TensorCase &c, const Tensor *t)
 // Runs a loader on the case's bytes: stderr must match and stdout stay empty
 // (no allocator message for a refused shape).
 template <class Tensor>
-Tensor *load(const TensorCase &c, Tensor *(*loader)(const char *), std::string *err)
+Tensor *load(const TensorCase &c, Tensor *(*loader)(const char *))
 {
     TempFile file(c.file);
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     Tensor *t = loader(file.path());
-    *err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), with_path(c.err, file.path()));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(*err, with_path(c.err, file.path()));
     return t;
 }
 
-const char *const kFilterLine = "filter @: matrix shape:";
+// The line a filter bank's load begins with, for its (n, w, h, c).
+std::string filter(const std::string &nwhc) { return "filter @: matrix shape:" + nwhc + ".\n"; }
 
 std::vector<TensorCase> weight_cases()
 {
-    const std::string f = kFilterLine;
     return {
         // (h, w, c, n), filters fastest in the file: one read per position,
         // spread over the filters.
         {"run_path_permutes_filters",
-         f4_file("(2, 1, 2, 3)", counting_f4(12)),
-         f + "(3, 1, 2, 2).\n",
+         f4("(2, 1, 2, 3)", 12),
+         filter("(3, 1, 2, 2)"),
          {3, 1, 2, 2},
          {1, 4, 7, 10, 2, 5, 8, 11, 3, 6, 9, 12}},
         {"run_path_columns_and_channels",
-         f4_file("(1, 2, 2, 2)", counting_f4(8)),
-         f + "(2, 2, 1, 2).\n",
+         f4("(1, 2, 2, 2)", 8),
+         filter("(2, 2, 1, 2)"),
          {2, 2, 1, 2},
          {1, 3, 5, 7, 2, 4, 6, 8}},
-        {"one_entry_is_channels", f4_file("(4,)", counting_f4(4)), f + "(1, 1, 1, 4).\n", {1, 1, 1, 4}, {1, 2, 3, 4}},
+        {"one_entry_is_channels", f4("(4,)", 4), filter("(1, 1, 1, 4)"), {1, 1, 1, 4}, {1, 2, 3, 4}},
         // (w, h) transposed: file row r, column s is row s, column r.
-        {"row_path_transposes",
-         f4_file("(2, 3)", counting_f4(6)),
-         f + "(1, 2, 3, 1).\n",
-         {1, 2, 3, 1},
-         {1, 4, 2, 5, 3, 6}},
-        {"five_entries_read_by_four",
-         f4_file("(1, 1, 2, 2, 9)", counting_f4(36)),
-         f + "(2, 1, 1, 2).\n",
-         {2, 1, 1, 2},
-         {1, 3, 2, 4}},
-        {"extra_data_ignored", f4_file("(2,)", counting_f4(5)), f + "(1, 1, 1, 2).\n", {1, 1, 1, 2}, {1, 2}},
+        {"row_path_transposes", f4("(2, 3)", 6), filter("(1, 2, 3, 1)"), {1, 2, 3, 1}, {1, 4, 2, 5, 3, 6}},
+        {"five_entries_read_by_four", f4("(1, 1, 2, 2, 9)", 36), filter("(2, 1, 1, 2)"), {2, 1, 1, 2}, {1, 3, 2, 4}},
+        {"extra_data_ignored", f4("(2,)", 5), filter("(1, 1, 1, 2)"), {1, 1, 1, 2}, {1, 2}},
         {"first_descriptor_wins",
          npy_bytes("{'descr': '<i8', 'x': '<f4', 'shape': (2,)}", raw<float>({1.5f, -2})),
-         f + "(1, 1, 1, 2).\n",
+         filter("(1, 1, 1, 2)"),
          {1, 1, 1, 2},
          {1.5f, -2}},
-        {"zero_filters", f4_file("(2, 1, 2, 0)", ""), f + "(0, 1, 2, 2).\n", {0, 1, 2, 2}, {}},
-        {"zero_rows_in_row_path", f4_file("(3, 0)", ""), f + "(1, 3, 0, 1).\n", {1, 3, 0, 1}, {}},
+        {"zero_filters", f4("(2, 1, 2, 0)", 0), filter("(0, 1, 2, 2)"), {0, 1, 2, 2}, {}},
+        {"zero_rows_in_row_path", f4("(3, 0)", 0), filter("(1, 3, 0, 1)"), {1, 3, 0, 1}, {}},
         // A short row in the row path is reported and stays 0, also the part
         // of it that arrived; the load goes on and returns the tensor.
         {"row_path_goes_on_after_short_row",
-         f4_file("(3, 2)", counting_f4(3)),
-         f + "(1, 3, 2, 1).\n@: short file! (ends at row 1/3), num: 1\n@: short file! (ends at row 2/3), num: 0\n",
+         f4("(3, 2)", 3),
+         filter("(1, 3, 2, 1)") +
+             "@: short file! (ends at row 1/3), num: 1\n@: short file! (ends at row 2/3), num: 0\n",
          {1, 3, 2, 1},
          {1, 0, 0, 2, 0, 0}},
         // Failures.
-        {"too_short", "\x93NUMPY", "@: too short\n", {}, {}},
-        {"empty_shape", f4_file("()", counting_f4(4)), "@: error parsing shape\n", {}, {}},
-        {"marker_value_first", f4_file("(-1, 2)", counting_f4(4)), "@: error parsing shape\n", {}, {}},
-        {"u1_unknown_here",
-         npy_bytes("{'descr': '|u1', 'shape': (2,)}", "ab"),
-         f + "(1, 1, 1, 2).\n@: Unknown var format\n",
-         {},
-         {}},
-        {"three_entries_refused",
-         f4_file("(2, 3, 4)", counting_f4(24)),
-         f + "(-1, 3, 2, 4).\n@: unsupported shape (2, 3, 4): a filter bank has 1, 2 or 4 entries\n",
-         {},
-         {}},
-        {"run_path_short_last_read",
-         f4_file("(2, 1, 2, 3)", counting_f4(11)),
-         f + "(3, 1, 2, 2).\n@: short file! (ends at row 1/2)\n",
-         {},
-         {}},
-        {"one_entry_short",
-         f4_file("(4,)", counting_f4(3)),
-         f + "(1, 1, 1, 4).\n@: short file! (ends at row 0/1)\n",
-         {},
-         {}},
-        {"negative_entry",
-         f4_file("(2, -3, 4, 5)", ""),
-         f + "(5, -3, 2, 4).\n@: unsupported shape (2, -3, 4, 5)\n",
-         {},
-         {}},
-        {"negative_row_path", f4_file("(-2, 3)", ""), f + "(1, -2, 3, 1).\n@: unsupported shape (-2, 3)\n", {}, {}},
-        {"count_overflows_32_bits",
-         f4_file("(65536, 65536, 1, 1)", ""),
-         f + "(1, 65536, 65536, 1).\n@: unsupported shape (65536, 65536, 1, 1): more than 2147483647 elements\n",
-         {},
-         {}},
+        {"too_short", "\x93NUMPY", "@: too short\n"},
+        {"empty_shape", f4("()", 4), "@: error parsing shape\n"},
+        {"marker_value_first", f4("(-1, 2)", 4), "@: error parsing shape\n"},
+        {"u1_unknown_here", npy_bytes("{'descr': '|u1', 'shape': (2,)}", "ab"),
+         filter("(1, 1, 1, 2)") + "@: Unknown var format\n"},
+        {"three_entries_refused", f4("(2, 3, 4)", 24),
+         filter("(-1, 3, 2, 4)") + "@: unsupported shape (2, 3, 4): a filter bank has 1, 2 or 4 entries\n"},
+        {"run_path_short_last_read", f4("(2, 1, 2, 3)", 11),
+         filter("(3, 1, 2, 2)") + "@: short file! (ends at row 1/2)\n"},
+        {"one_entry_short", f4("(4,)", 3), filter("(1, 1, 1, 4)") + "@: short file! (ends at row 0/1)\n"},
+        {"negative_entry", f4("(2, -3, 4, 5)", 0), filter("(5, -3, 2, 4)") + "@: unsupported shape (2, -3, 4, 5)\n"},
+        {"negative_row_path", f4("(-2, 3)", 0), filter("(1, -2, 3, 1)") + "@: unsupported shape (-2, 3)\n"},
+        {"count_overflows_32_bits", f4("(65536, 65536, 1, 1)", 0),
+         filter("(1, 65536, 65536, 1)") + "@: unsupported shape (65536, 65536, 1, 1): more than 2147483647 elements\n"},
         // Shapes no file of this size can hold are refused before any
         // allocation, with the message the reads would give.
-        {"billions_promised_run_path",
-         f4_file("(2000000000, 1, 1, 1)", counting_f4(6)),
-         f + "(1, 1, 2000000000, 1).\n@: short file! (ends at row 6/2000000000)\n",
-         {},
-         {}},
-        {"millions_promised_row_path",
-         f4_file("(2000000, 3)", counting_f4(4)),
-         f + "(1, 2000000, 3, 1).\n@: short file! (ends at row 1/2000000), num: 1\n"
-             "@: 5999996 of 6000000 elements missing, not loading\n",
-         {},
-         {}},
+        {"billions_promised_run_path", f4("(2000000000, 1, 1, 1)", 6),
+         filter("(1, 1, 2000000000, 1)") + "@: short file! (ends at row 6/2000000000)\n"},
+        {"millions_promised_row_path", f4("(2000000, 3)", 4),
+         filter("(1, 2000000, 3, 1)") +
+             "@: short file! (ends at row 1/2000000), num: 1\n@: 5999996 of 6000000 elements missing, not loading\n"},
     };
 }
 
@@ -169,10 +136,9 @@ class WeightLoadTest : public testing::TestWithParam<TensorCase> {};
 // quantised with one exponent.
 TEST_P(WeightLoadTest, FloatAndQuantisedLoaders)
 {
-    std::string err;
-    dl_matrix3d_t *t = load(GetParam(), dl_matrix3d_weight_from_numpy_file, &err);
+    dl_matrix3d_t *t = load(GetParam(), dl_matrix3d_weight_from_numpy_file);
     expect_tensor(GetParam(), t);
-    dl_matrix3dq_t *q = load(GetParam(), dl_matrix3dq_weight_from_numpy_file, &err);
+    dl_matrix3dq_t *q = load(GetParam(), dl_matrix3dq_weight_from_numpy_file);
     ASSERT_EQ(q == nullptr, t == nullptr);
     if (t) {
         dl_matrix3dq_t *want = dl_matrixq_from_matrix3d(t);
@@ -186,8 +152,6 @@ TEST_P(WeightLoadTest, FloatAndQuantisedLoaders)
 
 INSTANTIATE_TEST_SUITE_P(Bytes, WeightLoadTest, testing::ValuesIn(weight_cases()), CaseName());
 
-const char *const kInputLine = "input @: matrix shape:";
-
 std::string bytes(int count)
 {
     std::string b;
@@ -195,69 +159,45 @@ std::string bytes(int count)
     return b;
 }
 
+// A '|u1' file of the shape holding the bytes 1 to count.
+std::string u1(const std::string &shape, int count)
+{
+    return npy_bytes("{'descr': '|u1', 'fortran_order': False, 'shape': " + shape + ", }", bytes(count));
+}
+
+// The line an input's load begins with, for its (w, h, c).
+std::string input(const std::string &whc) { return "input @: matrix shape:" + whc + ".\n"; }
+
 std::vector<TensorCase> input_cases()
 {
-    const std::string in = kInputLine;
-    const std::string u1 = "{'descr': '|u1', 'fortran_order': False, 'shape': ";
     return {
-        {"file_order_is_tensor_order",
-         npy_bytes(u1 + "(2, 3, 4), }", bytes(24)),
-         in + "(3, 2, 4).\n",
-         {1, 3, 2, 4},
-         counting(24)},
-        {"four_entries_read_by_three",
-         npy_bytes(u1 + "(1, 2, 3, 4), }", bytes(24)),
-         in + "(2, 1, 3).\n",
-         {1, 2, 1, 3},
-         counting(6)},
+        {"file_order_is_tensor_order", u1("(2, 3, 4)", 24), input("(3, 2, 4)"), {1, 3, 2, 4}, counting(24)},
+        {"four_entries_read_by_three", u1("(1, 2, 3, 4)", 24), input("(2, 1, 3)"), {1, 2, 1, 3}, counting(6)},
         {"u1_before_i4",
          npy_bytes("{'descr': '<i4', 'x': '|u1', 'shape': (1, 1, 2)}", "\x07\x09"),
-         in + "(1, 1, 2).\n",
+         input("(1, 1, 2)"),
          {1, 1, 1, 2},
          {7, 9}},
         {"f8_before_u1",
          npy_bytes("{'descr': '|u1', 'x': '<f8', 'shape': (1, 1, 1)}", raw<double>({3.9})),
-         in + "(1, 1, 1).\n",
+         input("(1, 1, 1)"),
          {1, 1, 1, 1},
          {3}},
-        {"zero_width", npy_bytes(u1 + "(2, 0, 3), }", ""), in + "(0, 2, 3).\n", {1, 0, 2, 3}, {}},
+        {"zero_width", u1("(2, 0, 3)", 0), input("(0, 2, 3)"), {1, 0, 2, 3}, {}},
         // Failures.
-        {"empty_shape", npy_bytes(u1 + "(), }", bytes(4)), "@: error parsing shape\n", {}, {}},
-        {"f2_unknown",
-         npy_bytes("{'descr': '<f2', 'shape': (1, 1, 1)}", "ab"),
-         in + "(1, 1, 1).\n@: Unknown var format\n",
-         {},
-         {}},
-        {"short_last_read",
-         npy_bytes(u1 + "(2, 3, 4), }", bytes(20)),
-         in + "(3, 2, 4).\n@: short file! (ends at row 1/2)\n",
-         {},
-         {}},
-        {"two_entries_refused",
-         npy_bytes(u1 + "(2, 3), }", bytes(6)),
-         in + "(3, 2, -1).\n@: unsupported shape (2, 3): an input has 3 entries (height, width, channels)\n",
-         {},
-         {}},
-        {"one_entry_refused",
-         npy_bytes(u1 + "(6,), }", bytes(6)),
-         in + "(-1, 6, -1).\n@: unsupported shape (6,): an input has 3 entries (height, width, channels)\n",
-         {},
-         {}},
-        {"negative_entry",
-         npy_bytes(u1 + "(2, -3, 4), }", ""),
-         in + "(-3, 2, 4).\n@: unsupported shape (2, -3, 4)\n",
-         {},
-         {}},
-        {"count_overflows_32_bits",
-         npy_bytes(u1 + "(65536, 65536, 2), }", ""),
-         in + "(65536, 65536, 2).\n@: unsupported shape (65536, 65536, 2): more than 2147483647 elements\n",
-         {},
-         {}},
-        {"billions_promised",
-         npy_bytes(u1 + "(40000, 40000, 1), }", bytes(80005)),
-         in + "(40000, 40000, 1).\n@: short file! (ends at row 2/40000)\n",
-         {},
-         {}},
+        {"empty_shape", u1("()", 4), "@: error parsing shape\n"},
+        {"f2_unknown", npy_bytes("{'descr': '<f2', 'shape': (1, 1, 1)}", "ab"),
+         input("(1, 1, 1)") + "@: Unknown var format\n"},
+        {"short_last_read", u1("(2, 3, 4)", 20), input("(3, 2, 4)") + "@: short file! (ends at row 1/2)\n"},
+        {"two_entries_refused", u1("(2, 3)", 6),
+         input("(3, 2, -1)") + "@: unsupported shape (2, 3): an input has 3 entries (height, width, channels)\n"},
+        {"one_entry_refused", u1("(6,)", 6),
+         input("(-1, 6, -1)") + "@: unsupported shape (6,): an input has 3 entries (height, width, channels)\n"},
+        {"negative_entry", u1("(2, -3, 4)", 0), input("(-3, 2, 4)") + "@: unsupported shape (2, -3, 4)\n"},
+        {"count_overflows_32_bits", u1("(65536, 65536, 2)", 0),
+         input("(65536, 65536, 2)") + "@: unsupported shape (65536, 65536, 2): more than 2147483647 elements\n"},
+        {"billions_promised", u1("(40000, 40000, 1)", 80005),
+         input("(40000, 40000, 1)") + "@: short file! (ends at row 2/40000)\n"},
     };
 }
 
@@ -265,8 +205,7 @@ class InputLoadTest : public testing::TestWithParam<TensorCase> {};
 
 TEST_P(InputLoadTest, ByteLoader)
 {
-    std::string err;
-    dl_matrix3du_t *t = load(GetParam(), dl_matrix3du_input_from_numpy_file, &err);
+    dl_matrix3du_t *t = load(GetParam(), dl_matrix3du_input_from_numpy_file);
     expect_tensor(GetParam(), t);
     dl_matrix3du_free(t);
 }
@@ -326,10 +265,7 @@ INSTANTIATE_TEST_SUITE_P(
                              raw<int64_t>({-1, 257, (int64_t{1} << 40) + 7, -(int64_t{1} << 40) - 1, INT64_MIN}),
                              {255, 1, 7, 255, 0}},
                     ByteCase{"|u1", std::string("\x00\xff\x07", 3), {0, 255, 7}}),
-    [](const auto &info) {
-        std::string name = info.param.descr + 1;
-        return name;
-    });
+    [](const auto &info) { return std::string(info.param.descr + 1); });
 
 // Files written by numpy.save (tests/data/make_tensor_fixtures.py). A
 // filter file's element holds its own index in C order; an image's element
@@ -359,20 +295,10 @@ TEST(TensorFixtures, NumpyWrittenFiles)
             EXPECT_TRUE(f == nullptr && u == nullptr);
             continue;
         }
-        const int nwhc[] = {c.n, c.w, c.h, c.c};
-        const int got[] = {f   ? f->n
-                           : u ? u->n
-                               : -1,
-                           f   ? f->w
-                           : u ? u->w
-                               : -1,
-                           f   ? f->h
-                           : u ? u->h
-                               : -1,
-                           f   ? f->c
-                           : u ? u->c
-                               : -1};
-        ASSERT_TRUE(std::equal(nwhc, nwhc + 4, got)) << err;
+        ASSERT_TRUE(f || u) << err;
+        const std::vector<int> got =
+            f ? std::vector<int>{f->n, f->w, f->h, f->c} : std::vector<int>{u->n, u->w, u->h, u->c};
+        ASSERT_EQ(got, (std::vector<int>{c.n, c.w, c.h, c.c})) << err;
         // Filter i, row y, column x, channel ch came from the file's
         // [y][x][ch][i]; a 2-D file's [r][s] is row s, column r.
         for (int i = 0; i < c.n; i++)

@@ -65,10 +65,14 @@ TEST(TensorRecord, FieldsAndIndexOfTheLayout)
 
 TEST(TensorRecord, UnholdableShapesFailWithTheMessage)
 {
+    // Negative dimensions, counts beyond 32 bits, a row stride beyond 32
+    // bits without elements, and a product beyond even 64 bits.
     const struct {
         int n, w, h, c;
-    } cases[] = {{-1, 2, 2, 2},        {1, -3, 2, 2},         {-1, -1, 1, 1},
-                 {65536, 65536, 1, 1}, {2, 1024, 1024, 1024}, {0, 4, 2, INT32_MAX}};
+    } cases[] = {{-1, 2, 2, 2},        {1, -3, 2, 2},
+                 {1, 1, 1, -1},        {-1, -1, 1, 1},
+                 {65536, 65536, 1, 1}, {2, 1024, 1024, 1024},
+                 {0, 4, 2, INT32_MAX}, {INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX}};
     for (const auto &c : cases) {
         testing::internal::CaptureStdout();
         EXPECT_EQ(dl_matrix3d_alloc(c.n, c.w, c.h, c.c), nullptr);

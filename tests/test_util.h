@@ -2,6 +2,7 @@
 #ifndef DL_LIB_TEST_UTIL_H
 #define DL_LIB_TEST_UTIL_H
 
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -29,6 +30,12 @@ inline MatrixPtr matrix(int w, int h, const std::vector<float> &values)
     return m;
 }
 
+// The items of a dense float matrix in storage order.
+inline std::vector<float> items_of(const dl_matrix2d_t *m)
+{
+    return std::vector<float>(m->item, m->item + m->w * m->h);
+}
+
 // Names a parameterised test by its case's `name` field.
 struct CaseName {
     template <class Info>
@@ -37,6 +44,14 @@ struct CaseName {
         return info.param.name;
     }
 };
+
+// A test name from a description: '_' for all but letters and digits.
+inline std::string test_name(std::string what)
+{
+    for (char &c : what)
+        if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+    return what;
+}
 
 // One asserted condition of a contract: a call that must end the process,
 // and a regular expression its message must match. The records such calls

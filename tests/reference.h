@@ -1,8 +1,9 @@
-// Random operands for the arithmetic tests: matrices that sit inside larger
-// buffers (views with a wider stride, odd fixed-point heights), filled with
-// values that reach the awkward corners, with sentinels around them.
-#ifndef DL_LIB_ARITH_TEST_UTIL_H
-#define DL_LIB_ARITH_TEST_UTIL_H
+// Reference arithmetic and operands for the tests of the library's numbers:
+// the ordered float product and the exact fixed-point sum as the library
+// defines them, and records that reach the awkward corners (views with a
+// wider stride, odd fixed-point heights, sentinels around them).
+#ifndef DL_LIB_TEST_REFERENCE_H
+#define DL_LIB_TEST_REFERENCE_H
 
 #include <cmath>
 #include <cstdint>
@@ -13,15 +14,38 @@
 
 #include "dl_lib.h"
 #include "kernels_internal.h"
+#include "test_util.h"
 
 namespace dl {
 // Names the product path in the messages of parameterised tests.
 inline void PrintTo(Isa isa, std::ostream *os) { *os << isa_name(isa); }
 }  // namespace dl
 
-namespace arith {
+namespace ref {
 
 using Rng = std::mt19937;
+
+// The float product of k terms: a float accumulator from 0.0, ascending
+// index, each step rounded as acc = a(j) * b(j) + acc.
+template <class A, class B>
+float ordered_dot(int k, A a, B b)
+{
+    float acc = 0.0f;
+    for (int j = 0; j < k; j++) acc = a(j) * b(j) + acc;
+    return acc;
+}
+
+// The fixed-point product of k terms, summed exactly in 64 bits.
+template <class A, class B>
+int64_t exact_sum(int k, A a, B b)
+{
+    int64_t sum = 0;
+    for (int j = 0; j < k; j++) sum += static_cast<int64_t>(a(j)) * static_cast<int64_t>(b(j));
+    return sum;
+}
+
+// Symmetric saturation to a 16-bit item.
+inline int32_t clamp(int64_t t) { return t > 32767 ? 32767 : t < -32767 ? -32767 : static_cast<int32_t>(t); }
 
 inline int uniform(Rng &rng, int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); }
 
@@ -59,6 +83,14 @@ inline qtp_t any_item(Rng &rng)
     case 1: return static_cast<qtp_t>(uniform(rng, -64, 64));
     default: return static_cast<qtp_t>(uniform(rng, -32768, 32767));
     }
+}
+
+// Where an element-wise result goes: a fresh record, or over an operand.
+enum class Into { fresh, a, b };
+
+inline void PrintTo(Into into, std::ostream *os)
+{
+    *os << (into == Into::a ? "over_a" : into == Into::b ? "over_b" : "fresh");
 }
 
 constexpr float kFloatSentinel = -12345.5f;
@@ -129,6 +161,28 @@ struct ItemBox {
     }
 };
 
-}  // namespace arith
+// A fixed-point matrix at exponent e from its items given row by row (as a
+// reader writes them), stored column-major by dl_matrixq_alloc.
+inline testutil::MatrixqPtr qmatrix(int w, int h, int e, const std::vector<int> &rows)
+{
+    testutil::MatrixqPtr m = testutil::own(dl_matrixq_alloc(w, h));
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++) m->itemq[y + m->stride * x] = static_cast<qtp_t>(rows[x + w * y]);
+    m->exponent = e;
+    return m;
+}
+
+inline int item(const dl_matrix2dq_t *m, int x, int y) { return m->itemq[y + m->stride * x]; }
+
+// A w x h matrix of values uniform in [lo, hi).
+inline testutil::MatrixPtr random_matrix(Rng &rng, int w, int h, float lo, float hi)
+{
+    std::uniform_real_distribution<float> d(lo, hi);
+    testutil::MatrixPtr m = testutil::own(dl_matrix_alloc(w, h));
+    for (int i = 0; i < w * h; i++) m->item[i] = d(rng);
+    return m;
+}
+
+}  // namespace ref
 
 #endif
