@@ -273,3 +273,48 @@ INSTANTIATE_TEST_SUITE_P(
     testutil::CaseName());
 
 }  // namespace
+
+namespace {
+
+// A recurrent network one frame per run: the library's fixed-point LSTM,
+// given the stream's one-frame view (stride 2, not h), carries its state in
+// the user record and ends where the same cell run over copies of the
+// one-shot frames ends, bit for bit.
+struct Cell {
+    const dl_matrix2dq_t *weight;
+    MatrixqPtr c = own(dl_matrixq_alloc(8, 1)), h = own(dl_matrixq_alloc(8, 1));
+};
+
+TEST(StreamRecurrent, LibraryLstmCarriesItsState)
+{
+    audiotest::Fixtures data;
+    FeaturesPtr f = features_q(data.melq.get(), data.dctq.get());
+    MatrixPtr w = own(dl_matrix_alloc(32, 13 + 8));
+    for (int i = 0; i < 32 * 21; i++) w->item[i] = static_cast<float>(i * 37 % 19 - 9) / 40.0f;
+    MatrixqPtr wq = own(dl_matrixq_from_matrix2d(w.get(), nullptr));
+    auto step = [](void *user, const dl_matrix2dq_t *frame, fptp_t *scores) {
+        auto *cell = static_cast<Cell *>(user);
+        dl_basic_lstm_layer_q(frame, cell->c.get(), cell->h.get(), cell->weight, nullptr, 0);
+        scores[0] = cell->h->itemq[0];
+    };
+    Cell streamed{wq.get()}, direct{wq.get()};
+    StreamPtr s(dl_audio_stream_new_q(f.get(), 1, 1, step, &streamed), dl_audio_stream_free);
+    for (int at = 0; at < data.n(); at += 160)
+        dl_audio_stream_push(data.samples.data() + at, std::min(160, data.n() - at), s.get(), nullptr, nullptr, 0);
+
+    MatrixqPtr once = own(dl_audio_features_q(data.samples.data(), data.n(), f.get(), nullptr));
+    MatrixqPtr frame = own(dl_matrixq_alloc(13, 1));
+    frame->exponent = once->exponent;
+    for (int t = 0; t < once->h; t++) {
+        for (int x = 0; x < 13; x++) frame->itemq[frame->stride * x] = once->itemq[t + once->stride * x];
+        dl_basic_lstm_layer_q(frame.get(), direct.c.get(), direct.h.get(), wq.get(), nullptr, 0);
+    }
+    ASSERT_EQ(dl_audio_stream_runs(s.get()), once->h);
+    EXPECT_NE(direct.h->itemq[0], 0);  // the state moved
+    for (const auto &[a, b] : {std::pair{streamed.c.get(), direct.c.get()}, std::pair{streamed.h.get(), direct.h.get()}}) {
+        EXPECT_EQ(a->exponent, b->exponent);
+        for (int x = 0; x < 8; x++) EXPECT_EQ(a->itemq[a->stride * x], b->itemq[b->stride * x]) << x;
+    }
+}
+
+}  // namespace
