@@ -181,10 +181,10 @@ void fft_q(const dl_audio_features_t *f, int32_t *zr, int32_t *zi)
     }
 }
 
-/* Natural log of a positive 64-bit energy, in Q16 units of log2: the
- * leading one's position plus the table's log2 of the mantissa, chosen by
- * the 6 bits after the leading one and interpolated by the next 16
- * (rounded, halves up). */
+/* log2 of a positive 64-bit energy in Q16: the leading one's position plus
+ * the table's log2 of the mantissa, the entry chosen by the 6 bits after the
+ * leading one and interpolated by the next 16 (rounded, halves up). Within
+ * 6e-5 of the exact value. */
 int64_t log2_q16(uint64_t e)
 {
     int msb = 63;
