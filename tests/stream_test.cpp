@@ -163,38 +163,6 @@ TEST(StreamHop, LongerThanWindowSkipsSamples)
     EXPECT_EQ(e.mismatches, 0);
 }
 
-// The network's score 0 is the newest frame's first log-mel item; the
-// detector fires when its average over 2 runs reaches -8 (speech) and
-// re-arms below -10. Positions count whole frames: run r ends at r*320+480.
-TEST(StreamDetect, PositionsAreRunEnds)
-{
-    audiotest::Fixtures data;
-    FeaturesPtr f = features_q(data.melq.get(), nullptr);
-    MatrixqPtr once = own(dl_audio_features_q(data.samples.data(), data.n(), f.get(), nullptr));
-    auto first_item = [](void *, const dl_matrix2dq_t *w, fptp_t *scores) {
-        scores[0] = w->itemq[w->h - 1] / 1024.0f;
-    };
-    const int win = 2;
-    const fptp_t thresh[2] = {-8.0f, -10.0f};
-    DetectorPtr d(dl_detector_new(1, &win, thresh), dl_detector_free);
-    DetectorPtr reference(dl_detector_new(1, &win, thresh), dl_detector_free);
-    StreamPtr s(dl_audio_stream_new_q(f.get(), 1, 1, first_item, nullptr), dl_audio_stream_free);
-    std::vector<int64_t> got, want;
-    for (int at = 0; at < data.n(); at += 160) {
-        dl_detection_t found[4];
-        const int n = dl_audio_stream_push(data.samples.data() + at, std::min(160, data.n() - at), s.get(), d.get(),
-                                           found, 4);
-        for (int i = 0; i < n; i++) got.push_back(found[i].sample);
-    }
-    for (int r = 0; r < once->h; r++) {
-        const fptp_t score = once->itemq[r] / 1024.0f;
-        dl_detection_t found;
-        if (dl_detector_step(&score, 320 * r + 480, reference.get(), &found, 1)) want.push_back(found.sample);
-    }
-    EXPECT_FALSE(want.empty());
-    EXPECT_EQ(got, want);
-}
-
 // Ten minutes of silence in blocks of 1000: no allocation, the same window
 // on every run, no detection; then a word still fires at the right place.
 TEST(StreamSilence, LongRunNeitherAllocatesNorDrifts)
