@@ -98,6 +98,35 @@ INSTANTIATE_TEST_SUITE_P(
                                  0, 1600, 0}),
     CaseName());
 
+// Full-scale input at every size, up to the largest: the integer FFT's
+// 32- and 64-bit sums must not overflow (UBSan would stop the test) and it
+// follows the float FFT to within what float32 rounding allows, 1e-5 of the
+// largest possible bin.
+TEST(AudioFftSizes, FixedFollowsFloatAtFullScale)
+{
+    for (int len : {4, 64, 512, 4096}) {
+        const dl_audio_config_t config = {len, len, len};
+        MatrixqPtr melq = own(dl_matrixq_alloc(1, len / 2 + 1));
+        MatrixPtr mel = own(dl_matrix_alloc(1, len / 2 + 1));
+        FeaturesPtr fq = own(dl_audio_features_new_q(&config, melq.get(), nullptr));
+        FeaturesPtr ff = own(dl_audio_features_new(&config, mel.get(), nullptr));
+        std::vector<int32_t> x(len), re(len / 2 + 1), im(len / 2 + 1);
+        std::vector<fptp_t> xf(len), ref(len / 2 + 1), imf(len / 2 + 1);
+        uint32_t lcg = 1;
+        for (int n = 0; n < len; n++) {
+            lcg = lcg * 1664525u + 1013904223u;
+            xf[n] = static_cast<fptp_t>(x[n] = (lcg >> 31) ? 32767 : -32768);
+        }
+        dl_audio_rfft_q(x.data(), len, fq.get(), re.data(), im.data());
+        dl_audio_rfft(xf.data(), len, ff.get(), ref.data(), imf.data());
+        const float bound = 1e-5f * 32768.0f * static_cast<float>(len);
+        for (int k = 0; k <= len / 2; k++) {
+            ASSERT_NEAR(static_cast<float>(re[k]), ref[k], bound) << len << " bin " << k;
+            ASSERT_NEAR(static_cast<float>(im[k]), imf[k], bound) << len << " bin " << k;
+        }
+    }
+}
+
 TEST_F(AudioFeatures, FloatFeaturesMatchTheTwin)
 {
     struct {
