@@ -40,14 +40,14 @@ int main(void)
     int16_t samples[17600];
     for (int i = 0; i < speech->w && i < 17600; i++) samples[i] = (int16_t)speech->item[i];
     const dl_audio_config_t config = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_new_q(&config, mel, dct);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&config, mel, dct);
     dl_matrix2dq_t *once = dl_audio_features_q(samples, speech->w, f, NULL);
     CHECK(once->h == ceps->h && once->w == ceps->w && once->exponent == DL_AUDIO_CEPS_EXPONENT);
     for (int y = 0; y < once->h; y++)
         for (int x = 0; x < once->w; x++) CHECK(once->itemq[y + once->stride * x] == ceps->item[x + ceps->stride * y]);
 
-    dl_detector_t *streamed = dl_detector_new_from_info(info), *direct = dl_detector_new_from_info(info);
-    dl_audio_stream_t *s = dl_audio_stream_new_q(f, 1, info->word_num, c0_net, NULL);
+    dl_detector_t *streamed = dl_detector_alloc_from_info(info), *direct = dl_detector_alloc_from_info(info);
+    dl_audio_stream_t *s = dl_audio_stream_alloc_q(f, 1, info->word_num, c0_net, NULL);
     int64_t got[16], want[16];
     int n_got = 0, n_want = 0;
     for (int at = 0; at < speech->w; at += 500) {

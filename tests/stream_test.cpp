@@ -115,8 +115,8 @@ TEST_P(Stream, AnyBlockSizeGivesTheOneShotFrames)
             dl_audio_frame(zeros.data(), f.get(), silent.data());
             e.silent = silent;
         }
-        StreamPtr s(c.fixed ? dl_audio_stream_new_q(f.get(), c.n_frames, 2, check_window<dl_matrix2dq_t>, &e)
-                            : dl_audio_stream_new(f.get(), c.n_frames, 2, check_window<dl_matrix2d_t>, &e),
+        StreamPtr s(c.fixed ? dl_audio_stream_alloc_q(f.get(), c.n_frames, 2, check_window<dl_matrix2dq_t>, &e)
+                            : dl_audio_stream_alloc(f.get(), c.n_frames, 2, check_window<dl_matrix2d_t>, &e),
                     dl_audio_stream_free);
         const int step = block ? block : 333;
         for (int at = 0; at < data.n(); at += step) {
@@ -145,14 +145,14 @@ TEST(StreamHop, LongerThanWindowSkipsSamples)
     const dl_audio_config_t config = {100, 250, 128};
     MatrixqPtr mel = own(dl_matrixq_alloc(1, 65));
     for (int k = 0; k < 65; k++) mel->itemq[k] = 100;
-    FeaturesPtr f = own(dl_audio_features_new_q(&config, mel.get(), nullptr));
+    FeaturesPtr f = own(dl_audio_features_alloc_q(&config, mel.get(), nullptr));
     std::vector<int16_t> signal(2000);
     for (int i = 0; i < 2000; i++) signal[i] = static_cast<int16_t>((i * 7919) % 20000 - 10000);
     MatrixqPtr once = own(dl_audio_features_q(signal.data(), 2000, f.get(), nullptr));
     Expectation e;
     e.frames_q = once.get();
     e.exponent = once->exponent;
-    StreamPtr s(dl_audio_stream_new_q(f.get(), 2, 2, check_window<dl_matrix2dq_t>, &e), dl_audio_stream_free);
+    StreamPtr s(dl_audio_stream_alloc_q(f.get(), 2, 2, check_window<dl_matrix2dq_t>, &e), dl_audio_stream_free);
     qtp_t silent;
     std::vector<int16_t> zeros(100);
     dl_audio_frame_q(zeros.data(), f.get(), &silent, 1);
@@ -188,9 +188,9 @@ TEST(StreamSilence, LongRunNeitherAllocatesNorDrifts)
     };
     const int win = 3;
     const fptp_t thresh[2] = {0.8f, 0.5f};
-    DetectorPtr d(dl_detector_new(1, &win, thresh), dl_detector_free);
+    DetectorPtr d(dl_detector_alloc(1, &win, thresh), dl_detector_free);
     const long at_creation = g_allocations;
-    StreamPtr s(dl_audio_stream_new_q(f.get(), 30, 1, net, &state), dl_audio_stream_free);
+    StreamPtr s(dl_audio_stream_alloc_q(f.get(), 30, 1, net, &state), dl_audio_stream_free);
     ASSERT_GT(g_allocations, at_creation);  // the counters see the library's allocations
     std::vector<int16_t> zeros(1000);
     dl_detection_t found[2];
@@ -212,33 +212,32 @@ TEST(StreamSilence, LongRunNeitherAllocatesNorDrifts)
 void death_stream_float_on_fixed_features()
 {
     const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_new_q(&c, dl_matrixq_alloc(2, 257), nullptr);
-    dl_audio_stream_new(f, 4, 1, [](void *, const dl_matrix2d_t *, fptp_t *) {}, nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_stream_alloc(
+        f, 4, 1, [](void *, const dl_matrix2d_t *, fptp_t *) {}, nullptr);
 }
 void death_detector_words()
 {
     const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_new_q(&c, dl_matrixq_alloc(2, 257), nullptr);
-    dl_audio_stream_t *s = dl_audio_stream_new_q(f, 4, 2, [](void *, const dl_matrix2dq_t *, fptp_t *) {}, nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_stream_t *s = dl_audio_stream_alloc_q(
+        f, 4, 2, [](void *, const dl_matrix2dq_t *, fptp_t *) {}, nullptr);
     const int win = 1;
     const fptp_t thresh[2] = {0.5f, 0.4f};
-    dl_audio_stream_push(nullptr, 0, s, dl_detector_new(1, &win, thresh), nullptr, 0);
+    dl_audio_stream_push(nullptr, 0, s, dl_detector_alloc(1, &win, thresh), nullptr, 0);
 }
 
 class StreamDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
 
-TEST_P(StreamDeathTest, FailsWithConditionText)
-{
-    EXPECT_DEATH(GetParam().call(), GetParam().message);
-}
+TEST_P(StreamDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
 
-INSTANTIATE_TEST_SUITE_P(
-    Conditions, StreamDeathTest,
-    testing::Values(testutil::DeathCase{"float_on_fixed_features", death_stream_float_on_fixed_features,
-                                        "Assertion `features->mel' failed"},
-                    testutil::DeathCase{"detector_words", death_detector_words,
-                                        "Assertion `detector->words==s->n_scores' failed"}),
-    testutil::CaseName());
+INSTANTIATE_TEST_SUITE_P(Conditions, StreamDeathTest,
+                         testing::Values(testutil::DeathCase{"float_on_fixed_features",
+                                                             death_stream_float_on_fixed_features,
+                                                             "Assertion `features->mel' failed"},
+                                         testutil::DeathCase{"detector_words", death_detector_words,
+                                                             "Assertion `detector->words==s->n_scores' failed"}),
+                         testutil::CaseName());
 
 }  // namespace
 
@@ -266,7 +265,7 @@ TEST(StreamRecurrent, LibraryLstmCarriesItsState)
         scores[0] = cell->h->itemq[0];
     };
     Cell streamed{wq.get()}, direct{wq.get()};
-    StreamPtr s(dl_audio_stream_new_q(f.get(), 1, 1, step, &streamed), dl_audio_stream_free);
+    StreamPtr s(dl_audio_stream_alloc_q(f.get(), 1, 1, step, &streamed), dl_audio_stream_free);
     for (int at = 0; at < data.n(); at += 160)
         dl_audio_stream_push(data.samples.data() + at, std::min(160, data.n() - at), s.get(), nullptr, nullptr, 0);
 
@@ -279,7 +278,8 @@ TEST(StreamRecurrent, LibraryLstmCarriesItsState)
     }
     ASSERT_EQ(dl_audio_stream_runs(s.get()), once->h);
     EXPECT_NE(direct.h->itemq[0], 0);  // the state moved
-    for (const auto &[a, b] : {std::pair{streamed.c.get(), direct.c.get()}, std::pair{streamed.h.get(), direct.h.get()}}) {
+    for (const auto &[a, b] :
+         {std::pair{streamed.c.get(), direct.c.get()}, std::pair{streamed.h.get(), direct.h.get()}}) {
         EXPECT_EQ(a->exponent, b->exponent);
         for (int x = 0; x < 8; x++) EXPECT_EQ(a->itemq[a->stride * x], b->itemq[b->stride * x]) << x;
     }

@@ -22,12 +22,12 @@ constexpr int64_t kLn2Q16 = 45426;         // round(ln 2 * 2^16)
 constexpr int32_t kLogFloorQ = -20480;     // -20 at exponent -10
 
 // round(log2(1 + i / 64) * 2^16), i = 0..64
-constexpr int32_t kLog2Table[65] = {
-    0,     1466,  2909,  4331,  5732,  7112,  8473,  9814,  11136, 12440, 13727, 14996, 16248,
-    17484, 18704, 19909, 21098, 22272, 23433, 24579, 25711, 26830, 27936, 29029, 30109, 31178,
-    32234, 33279, 34312, 35334, 36346, 37346, 38336, 39316, 40286, 41246, 42196, 43137, 44068,
-    44990, 45904, 46809, 47705, 48593, 49472, 50344, 51207, 52063, 52911, 53751, 54584, 55410,
-    56229, 57040, 57845, 58643, 59434, 60219, 60997, 61769, 62534, 63294, 64047, 64794, 65536};
+constexpr int32_t kLog2Table[65] = {0,     1466,  2909,  4331,  5732,  7112,  8473,  9814,  11136, 12440, 13727,
+                                    14996, 16248, 17484, 18704, 19909, 21098, 22272, 23433, 24579, 25711, 26830,
+                                    27936, 29029, 30109, 31178, 32234, 33279, 34312, 35334, 36346, 37346, 38336,
+                                    39316, 40286, 41246, 42196, 43137, 44068, 44990, 45904, 46809, 47705, 48593,
+                                    49472, 50344, 51207, 52063, 52911, 53751, 54584, 55410, 56229, 57040, 57845,
+                                    58643, 59434, 60219, 60997, 61769, 62534, 63294, 64047, 64794, 65536};
 
 /* Every value is non-negative until the final sign, so truncating division
  * and the right shifts agree with Python's floor operations. */
@@ -66,10 +66,7 @@ int bit_reverse(int i, int bits)
 
 /* Rounded right shift, halves up. The FFT's sums reach at most about 2^57,
  * so adding the half cannot overflow. */
-int32_t round_shift(int64_t v, int shift)
-{
-    return static_cast<int32_t>((v + (INT64_C(1) << (shift - 1))) >> shift);
-}
+int32_t round_shift(int64_t v, int shift) { return static_cast<int32_t>((v + (INT64_C(1) << (shift - 1))) >> shift); }
 
 void *alloc_array(size_t count, size_t size) { return calloc(count ? count : 1, size); }
 
@@ -107,8 +104,8 @@ dl_audio_features_t *features_alloc(const dl_audio_config_t *config, int n_mels,
     f->logmel_q = static_cast<int32_t *>(alloc_array(n_mels, sizeof(int32_t)));
     f->band_first = static_cast<int32_t *>(alloc_array(n_mels, sizeof(int32_t)));
     f->band_end = static_cast<int32_t *>(alloc_array(n_mels, sizeof(int32_t)));
-    if (!f->band_first || !f->band_end || !f->win_q15 || !f->win_f || !f->stage_q || !f->stage_f || !f->split_q || !f->split_f || !f->rev ||
-        !f->work_q || !f->work_f || !f->power_q || !f->logmel_q) {
+    if (!f->band_first || !f->band_end || !f->win_q15 || !f->win_f || !f->stage_q || !f->stage_f || !f->split_q ||
+        !f->split_f || !f->rev || !f->work_q || !f->work_f || !f->power_q || !f->logmel_q) {
         dl_audio_features_free(f);
         return nullptr;
     }
@@ -217,8 +214,8 @@ void dl_audio_features_free(dl_audio_features_t *f)
     free(f);
 }
 
-dl_audio_features_t *dl_audio_features_new(const dl_audio_config_t *config, const dl_matrix2d_t *mel,
-                                           const dl_matrix2d_t *dct)
+dl_audio_features_t *dl_audio_features_alloc(const dl_audio_config_t *config, const dl_matrix2d_t *mel,
+                                             const dl_matrix2d_t *dct)
 {
     DL_ASSERT(mel->h==config->fft_len/2+1);
     if (dct) DL_ASSERT(dct->h==mel->w);
@@ -236,8 +233,8 @@ dl_audio_features_t *dl_audio_features_new(const dl_audio_config_t *config, cons
     return f;
 }
 
-dl_audio_features_t *dl_audio_features_new_q(const dl_audio_config_t *config, const dl_matrix2dq_t *mel,
-                                             const dl_matrix2dq_t *dct)
+dl_audio_features_t *dl_audio_features_alloc_q(const dl_audio_config_t *config, const dl_matrix2dq_t *mel,
+                                               const dl_matrix2dq_t *dct)
 {
     DL_ASSERT(mel->h==config->fft_len/2+1);
     for (int x = 0; x < mel->w; x++)
@@ -399,7 +396,8 @@ dl_matrix2d_t *dl_audio_features(const int16_t *samples, int n, dl_audio_feature
     DL_ASSERT(out->w==f->width);
     DL_ASSERT(out->h==frames);
     for (int t = 0; t < frames; t++)
-        dl_audio_frame(samples + static_cast<int64_t>(t) * f->hop, f, out->item + static_cast<int64_t>(t) * out->stride);
+        dl_audio_frame(samples + static_cast<int64_t>(t) * f->hop, f,
+                       out->item + static_cast<int64_t>(t) * out->stride);
     return out;
 }
 

@@ -19,12 +19,12 @@ struct dl_audio_stream {
     void *user;
     int16_t *pending;  // the next frame's first `fill` samples
     int fill;
-    int skip;          // samples still to drop when the hop exceeds the window
+    int skip;  // samples still to drop when the hop exceeds the window
     int64_t runs;
-    int slot;          // the ring row the next frame goes to
+    int slot;  // the ring row the next frame goes to
     fptp_t *scores;
-    fptp_t *ring_f;    // 2 n_frames rows of width items, row-major
-    qtp_t *ring_q;     // width columns of 2 n_frames items, column-major
+    fptp_t *ring_f;  // 2 n_frames rows of width items, row-major
+    qtp_t *ring_q;   // width columns of 2 n_frames items, column-major
     dl_matrix2d_t window_f;
     dl_matrix2dq_t window_q;
 };
@@ -63,7 +63,8 @@ void run_frame(dl_audio_stream_t *s)
     } else {
         qtp_t *first = s->ring_q + slot;
         dl_audio_frame_q(s->pending, s->features, first, 2 * n);
-        for (int i = 0; i < s->width; i++) first[static_cast<int64_t>(2 * n) * i + n] = first[static_cast<int64_t>(2 * n) * i];
+        for (int i = 0; i < s->width; i++)
+            first[static_cast<int64_t>(2 * n) * i + n] = first[static_cast<int64_t>(2 * n) * i];
         s->window_q.itemq = s->ring_q + slot + 1;
         s->net_q(s->user, &s->window_q, s->scores);
     }
@@ -73,8 +74,8 @@ void run_frame(dl_audio_stream_t *s)
 
 }  // namespace
 
-dl_audio_stream_t *dl_audio_stream_new(dl_audio_features_t *features, int n_frames, int n_scores,
-                                       dl_audio_net_fn net, void *user)
+dl_audio_stream_t *dl_audio_stream_alloc(dl_audio_features_t *features, int n_frames, int n_scores, dl_audio_net_fn net,
+                                         void *user)
 {
     DL_ASSERT(features->mel);
     dl_audio_stream_t *s = stream_alloc(features, n_frames, n_scores, user);
@@ -93,8 +94,8 @@ dl_audio_stream_t *dl_audio_stream_new(dl_audio_features_t *features, int n_fram
     return s;
 }
 
-dl_audio_stream_t *dl_audio_stream_new_q(dl_audio_features_t *features, int n_frames, int n_scores,
-                                         dl_audio_net_q_fn net, void *user)
+dl_audio_stream_t *dl_audio_stream_alloc_q(dl_audio_features_t *features, int n_frames, int n_scores,
+                                           dl_audio_net_q_fn net, void *user)
 {
     DL_ASSERT(features->melq);
     dl_audio_stream_t *s = stream_alloc(features, n_frames, n_scores, user);
