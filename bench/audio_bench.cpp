@@ -49,7 +49,8 @@ dl_matrix2d_t *dct_table()
 
 void count_audio(benchmark::State &state)
 {
-    state.counters["audio_s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["audio_s"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 void bench_features(benchmark::State &state, bool fixed, bool cepstra)
@@ -58,8 +59,8 @@ void bench_features(benchmark::State &state, bool fixed, bool cepstra)
     const std::vector<int16_t> s = one_second();
     dl_matrix2d_t *mel = filter_bank(), *dct = dct_table();
     dl_matrix2dq_t *melq = dl_matrixq_from_matrix2d(mel, nullptr), *dctq = dl_matrixq_from_matrix2d(dct, nullptr);
-    dl_audio_features_t *f = fixed ? dl_audio_features_new_q(&config, melq, cepstra ? dctq : nullptr)
-                                   : dl_audio_features_new(&config, mel, cepstra ? dct : nullptr);
+    dl_audio_features_t *f = fixed ? dl_audio_features_alloc_q(&config, melq, cepstra ? dctq : nullptr)
+                                   : dl_audio_features_alloc(&config, mel, cepstra ? dct : nullptr);
     const int frames = dl_audio_frame_count(kRate, &config), width = dl_audio_features_width(f);
     dl_matrix2d_t *out = dl_matrix_alloc(width, frames);
     dl_matrix2dq_t *outq = dl_matrixq_alloc(width, frames);
@@ -84,9 +85,9 @@ void bench_stream(benchmark::State &state)
     const std::vector<int16_t> s = one_second();
     dl_matrix2d_t *mel = filter_bank();
     dl_matrix2dq_t *melq = dl_matrixq_from_matrix2d(mel, nullptr);
-    dl_audio_features_t *f = dl_audio_features_new_q(&config, melq, nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&config, melq, nullptr);
     auto net = [](void *, const dl_matrix2dq_t *w, fptp_t *scores) { scores[0] = w->itemq[w->h - 1]; };
-    dl_audio_stream_t *stream = dl_audio_stream_new_q(f, 49, 1, net, nullptr);
+    dl_audio_stream_t *stream = dl_audio_stream_alloc_q(f, 49, 1, net, nullptr);
     for (auto _ : state)
         for (int at = 0; at < kRate; at += 160) dl_audio_stream_push(s.data() + at, 160, stream, nullptr, nullptr, 0);
     count_audio(state);

@@ -73,8 +73,8 @@ TEST_P(AudioSpectrum, FixedAndFloat)
     const dl_audio_config_t config = {32, 32, 32};
     MatrixqPtr melq = own(dl_matrixq_alloc(1, 17));
     MatrixPtr mel = own(dl_matrix_alloc(1, 17));
-    FeaturesPtr fq = own(dl_audio_features_new_q(&config, melq.get(), nullptr));
-    FeaturesPtr ff = own(dl_audio_features_new(&config, mel.get(), nullptr));
+    FeaturesPtr fq = own(dl_audio_features_alloc_q(&config, melq.get(), nullptr));
+    FeaturesPtr ff = own(dl_audio_features_alloc(&config, mel.get(), nullptr));
     std::vector<int32_t> x(32), re(17), im(17);
     std::vector<fptp_t> xf(32), ref(17), imf(17);
     for (int n = 0; n < 32; n++) xf[n] = static_cast<fptp_t>(x[n] = c.value(n));
@@ -94,9 +94,40 @@ INSTANTIATE_TEST_SUITE_P(
     Goldens, AudioSpectrum,
     testing::Values(SpectrumCase{"impulse", [](int n) { return n == 0 ? 1000 : 0; }, 1000, 1000, 1000},
                     SpectrumCase{"constant", [](int) { return -300; }, -9600, 0, 0},
-                    SpectrumCase{"cosine_bin8", [](int n) { return (n % 4 == 0) ? 100 : (n % 4 == 2) ? -100 : 0; },
-                                 0, 1600, 0}),
+                    SpectrumCase{"cosine_bin8", [](int n) { return (n % 4 == 0)   ? 100
+                                                                   : (n % 4 == 2) ? -100
+                                                                                  : 0; }, 0,
+                                 1600, 0}),
     CaseName());
+
+// Full-scale input at every size, up to the largest: the integer FFT's
+// 32- and 64-bit sums must not overflow (UBSan would stop the test) and it
+// follows the float FFT to within what float32 rounding allows, 1e-5 of the
+// largest possible bin.
+TEST(AudioFftSizes, FixedFollowsFloatAtFullScale)
+{
+    for (int len : {4, 64, 512, 4096}) {
+        const dl_audio_config_t config = {len, len, len};
+        MatrixqPtr melq = own(dl_matrixq_alloc(1, len / 2 + 1));
+        MatrixPtr mel = own(dl_matrix_alloc(1, len / 2 + 1));
+        FeaturesPtr fq = own(dl_audio_features_alloc_q(&config, melq.get(), nullptr));
+        FeaturesPtr ff = own(dl_audio_features_alloc(&config, mel.get(), nullptr));
+        std::vector<int32_t> x(len), re(len / 2 + 1), im(len / 2 + 1);
+        std::vector<fptp_t> xf(len), ref(len / 2 + 1), imf(len / 2 + 1);
+        uint32_t lcg = 1;
+        for (int n = 0; n < len; n++) {
+            lcg = lcg * 1664525u + 1013904223u;
+            xf[n] = static_cast<fptp_t>(x[n] = (lcg >> 31) ? 32767 : -32768);
+        }
+        dl_audio_rfft_q(x.data(), len, fq.get(), re.data(), im.data());
+        dl_audio_rfft(xf.data(), len, ff.get(), ref.data(), imf.data());
+        const float bound = 1e-5f * 32768.0f * static_cast<float>(len);
+        for (int k = 0; k <= len / 2; k++) {
+            ASSERT_NEAR(static_cast<float>(re[k]), ref[k], bound) << len << " bin " << k;
+            ASSERT_NEAR(static_cast<float>(im[k]), imf[k], bound) << len << " bin " << k;
+        }
+    }
+}
 
 TEST_F(AudioFeatures, FloatFeaturesMatchTheTwin)
 {
@@ -159,8 +190,8 @@ TEST(AudioFeaturesSilence, ZeroFrameGivesTheFloor)
     MatrixPtr mel = own(dl_matrix_alloc(3, 257));
     for (int k = 0; k < 257; k++) mel->item[3 * k + k % 3] = 1.0f;
     MatrixqPtr melq = own(dl_matrixq_from_matrix2d(mel.get(), nullptr));
-    FeaturesPtr ff = own(dl_audio_features_new(&config, mel.get(), nullptr));
-    FeaturesPtr fq = own(dl_audio_features_new_q(&config, melq.get(), nullptr));
+    FeaturesPtr ff = own(dl_audio_features_alloc(&config, mel.get(), nullptr));
+    FeaturesPtr fq = own(dl_audio_features_alloc_q(&config, melq.get(), nullptr));
     std::vector<int16_t> zeros(480);
     fptp_t out[3];
     qtp_t outq[3];
@@ -178,8 +209,8 @@ struct FrameCountCase {
 
 TEST(AudioFeaturesFraming, FrameCount)
 {
-    const FrameCountCase cases[] = {{0, 480, 320, 0},   {479, 480, 320, 0},  {480, 480, 320, 1}, {799, 480, 320, 1},
-                                    {800, 480, 320, 2}, {16000, 480, 320, 49}, {100, 10, 30, 4}, {5, 5, 1, 1}};
+    const FrameCountCase cases[] = {{0, 480, 320, 0},   {479, 480, 320, 0},    {480, 480, 320, 1}, {799, 480, 320, 1},
+                                    {800, 480, 320, 2}, {16000, 480, 320, 49}, {100, 10, 30, 4},   {5, 5, 1, 1}};
     for (const FrameCountCase &c : cases) {
         const dl_audio_config_t config = {c.win, c.hop, 512};
         EXPECT_EQ(dl_audio_frame_count(c.n, &config), c.frames) << c.n << " " << c.win << " " << c.hop;
@@ -190,31 +221,31 @@ void death_fft_not_power_of_two()
 {
     const dl_audio_config_t c = {480, 320, 500};
     dl_matrix2d_t *mel = dl_matrix_alloc(1, 251);
-    dl_audio_features_new(&c, mel, nullptr);
+    dl_audio_features_alloc(&c, mel, nullptr);
 }
 void death_mel_rows()
 {
     const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_new(&c, dl_matrix_alloc(1, 256), nullptr);
+    dl_audio_features_alloc(&c, dl_matrix_alloc(1, 256), nullptr);
 }
 void death_negative_mel_item()
 {
     const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
     dl_matrix2dq_t *mel = dl_matrixq_alloc(2, 257);
     mel->itemq[mel->stride + 5] = -1;
-    dl_audio_features_new_q(&c, mel, nullptr);
+    dl_audio_features_alloc_q(&c, mel, nullptr);
 }
 void death_dct_exponent()
 {
     const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
     dl_matrix2dq_t *dct = dl_matrixq_alloc(2, 2);
     dct->exponent = 3;
-    dl_audio_features_new_q(&c, dl_matrixq_alloc(2, 257), dct);
+    dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), dct);
 }
 void death_float_frame_on_fixed_record()
 {
     const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_new_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
     static const int16_t zeros[480] = {};
     fptp_t out[2];
     dl_audio_frame(zeros, f, out);
@@ -222,21 +253,18 @@ void death_float_frame_on_fixed_record()
 
 class AudioFeaturesDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
 
-TEST_P(AudioFeaturesDeathTest, FailsWithConditionText)
-{
-    EXPECT_DEATH(GetParam().call(), GetParam().message);
-}
+TEST_P(AudioFeaturesDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
 
 INSTANTIATE_TEST_SUITE_P(
     Conditions, AudioFeaturesDeathTest,
-    testing::Values(
-        testutil::DeathCase{"mel_rows", death_mel_rows, "Assertion `mel->h==config->fft_len/2\\+1' failed"},
-        testutil::DeathCase{"negative_mel_item", death_negative_mel_item, "mel->itemq\\[y\\+mel->stride\\*x\\]>=0"},
-        testutil::DeathCase{"dct_exponent", death_dct_exponent, "3-dct->exponent>=1"},
-        testutil::DeathCase{"fft_not_power_of_two", death_fft_not_power_of_two,
-                            "Assertion `\\(c->fft_len&\\(c->fft_len-1\\)\\)==0' failed"},
-        testutil::DeathCase{"float_frame_on_fixed_record", death_float_frame_on_fixed_record,
-                            "Assertion `f->mel' failed"}),
+    testing::Values(testutil::DeathCase{"mel_rows", death_mel_rows, "Assertion `mel->h==config->fft_len/2\\+1' failed"},
+                    testutil::DeathCase{"negative_mel_item", death_negative_mel_item,
+                                        "mel->itemq\\[y\\+mel->stride\\*x\\]>=0"},
+                    testutil::DeathCase{"dct_exponent", death_dct_exponent, "3-dct->exponent>=1"},
+                    testutil::DeathCase{"fft_not_power_of_two", death_fft_not_power_of_two,
+                                        "Assertion `\\(c->fft_len&\\(c->fft_len-1\\)\\)==0' failed"},
+                    testutil::DeathCase{"float_frame_on_fixed_record", death_float_frame_on_fixed_record,
+                                        "Assertion `f->mel' failed"}),
     CaseName());
 
 }  // namespace

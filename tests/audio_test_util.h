@@ -20,13 +20,13 @@ inline FeaturesPtr own(dl_audio_features_t *f) { return FeaturesPtr(f, dl_audio_
 inline FeaturesPtr features(const dl_matrix2d_t *mel, const dl_matrix2d_t *dct)
 {
     const dl_audio_config_t config = DL_AUDIO_CONFIG_DEFAULT;
-    return FeaturesPtr(dl_audio_features_new(&config, mel, dct), dl_audio_features_free);
+    return FeaturesPtr(dl_audio_features_alloc(&config, mel, dct), dl_audio_features_free);
 }
 
 inline FeaturesPtr features_q(const dl_matrix2dq_t *mel, const dl_matrix2dq_t *dct)
 {
     const dl_audio_config_t config = DL_AUDIO_CONFIG_DEFAULT;
-    return FeaturesPtr(dl_audio_features_new_q(&config, mel, dct), dl_audio_features_free);
+    return FeaturesPtr(dl_audio_features_alloc_q(&config, mel, dct), dl_audio_features_free);
 }
 
 namespace audiotest {

@@ -26,7 +26,7 @@ TEST_P(Detector, FiresOnTheRunsExpected)
 {
     const DetectCase &c = GetParam();
     const fptp_t thresh[2] = {c.fire, c.rearm};
-    DetectorPtr d(dl_detector_new(1, &c.win, thresh), dl_detector_free);
+    DetectorPtr d(dl_detector_alloc(1, &c.win, thresh), dl_detector_free);
     std::vector<int> fired;
     for (size_t r = 0; r < c.scores.size(); r++) {
         dl_detection_t found[1];
@@ -68,7 +68,7 @@ TEST(DetectorWords, WordOrderPositionsAndTruncation)
     int win[] = {1, 2, 1};
     fptp_t thresh[] = {0.5f, 0.4f, 0.5f, 0.4f, 0.5f, 0.4f};
     const model_info_t info = {3, words, win, thresh, "kws_v1_yes_1_0.5_0.4_no_2_0.5_0.4_stop_1_0.5_0.4"};
-    DetectorPtr d(dl_detector_new_from_info(&info), dl_detector_free);
+    DetectorPtr d(dl_detector_alloc_from_info(&info), dl_detector_free);
     const fptp_t run0[] = {0.9f, 0.9f, 0.9f};  // yes and stop fire; no averages 0.45
     dl_detection_t found[3];
     ASSERT_EQ(dl_detector_step(run0, 480, d.get(), found, 3), 2);
@@ -100,7 +100,7 @@ TEST(DetectorTwin, SameDetectionsAsTheTwin)
     testutil::MatrixPtr scores = audiotest::load("detect_scores"), want = audiotest::load("detect_expected");
     const int win[3] = {1, 3, 9};
     const fptp_t thresh[6] = {0.7f, 0.4f, 0.6f, 0.5f, 0.55f, 0.55f};
-    DetectorPtr d(dl_detector_new(3, win, thresh), dl_detector_free);
+    DetectorPtr d(dl_detector_alloc(3, win, thresh), dl_detector_free);
     std::vector<dl_detection_t> got;
     for (int r = 0; r < scores->h; r++) {
         dl_detection_t found[3];
@@ -119,26 +119,23 @@ void death_no_words()
 {
     const int win[1] = {3};
     const fptp_t thresh[2] = {0.5f, 0.4f};
-    dl_detector_new(0, win, thresh);
+    dl_detector_alloc(0, win, thresh);
 }
 void death_window_zero()
 {
     const int win[2] = {3, 0};
     const fptp_t thresh[4] = {0.5f, 0.4f, 0.5f, 0.4f};
-    dl_detector_new(2, win, thresh);
+    dl_detector_alloc(2, win, thresh);
 }
 
 class DetectorDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
 
-TEST_P(DetectorDeathTest, FailsWithConditionText)
-{
-    EXPECT_DEATH(GetParam().call(), GetParam().message);
-}
+TEST_P(DetectorDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
 
-INSTANTIATE_TEST_SUITE_P(Conditions, DetectorDeathTest,
-                         testing::Values(testutil::DeathCase{"no_words", death_no_words, "Assertion `word_num>=1' failed"},
-                                         testutil::DeathCase{"window_zero", death_window_zero,
-                                                             "Assertion `win_list\\[i\\]>=1' failed"}),
-                         testutil::CaseName());
+INSTANTIATE_TEST_SUITE_P(
+    Conditions, DetectorDeathTest,
+    testing::Values(testutil::DeathCase{"no_words", death_no_words, "Assertion `word_num>=1' failed"},
+                    testutil::DeathCase{"window_zero", death_window_zero, "Assertion `win_list\\[i\\]>=1' failed"}),
+    testutil::CaseName());
 
 }  // namespace

@@ -115,8 +115,8 @@ TEST_P(Stream, AnyBlockSizeGivesTheOneShotFrames)
             dl_audio_frame(zeros.data(), f.get(), silent.data());
             e.silent = silent;
         }
-        StreamPtr s(c.fixed ? dl_audio_stream_new_q(f.get(), c.n_frames, 2, check_window<dl_matrix2dq_t>, &e)
-                            : dl_audio_stream_new(f.get(), c.n_frames, 2, check_window<dl_matrix2d_t>, &e),
+        StreamPtr s(c.fixed ? dl_audio_stream_alloc_q(f.get(), c.n_frames, 2, check_window<dl_matrix2dq_t>, &e)
+                            : dl_audio_stream_alloc(f.get(), c.n_frames, 2, check_window<dl_matrix2d_t>, &e),
                     dl_audio_stream_free);
         const int step = block ? block : 333;
         for (int at = 0; at < data.n(); at += step) {
@@ -145,14 +145,14 @@ TEST(StreamHop, LongerThanWindowSkipsSamples)
     const dl_audio_config_t config = {100, 250, 128};
     MatrixqPtr mel = own(dl_matrixq_alloc(1, 65));
     for (int k = 0; k < 65; k++) mel->itemq[k] = 100;
-    FeaturesPtr f = own(dl_audio_features_new_q(&config, mel.get(), nullptr));
+    FeaturesPtr f = own(dl_audio_features_alloc_q(&config, mel.get(), nullptr));
     std::vector<int16_t> signal(2000);
     for (int i = 0; i < 2000; i++) signal[i] = static_cast<int16_t>((i * 7919) % 20000 - 10000);
     MatrixqPtr once = own(dl_audio_features_q(signal.data(), 2000, f.get(), nullptr));
     Expectation e;
     e.frames_q = once.get();
     e.exponent = once->exponent;
-    StreamPtr s(dl_audio_stream_new_q(f.get(), 2, 2, check_window<dl_matrix2dq_t>, &e), dl_audio_stream_free);
+    StreamPtr s(dl_audio_stream_alloc_q(f.get(), 2, 2, check_window<dl_matrix2dq_t>, &e), dl_audio_stream_free);
     qtp_t silent;
     std::vector<int16_t> zeros(100);
     dl_audio_frame_q(zeros.data(), f.get(), &silent, 1);
@@ -161,38 +161,6 @@ TEST(StreamHop, LongerThanWindowSkipsSamples)
         dl_audio_stream_push(signal.data() + at, std::min(7, 2000 - at), s.get(), nullptr, nullptr, 0);
     EXPECT_EQ(e.runs, 8);
     EXPECT_EQ(e.mismatches, 0);
-}
-
-// The network's score 0 is the newest frame's first log-mel item; the
-// detector fires when its average over 2 runs reaches -8 (speech) and
-// re-arms below -10. Positions count whole frames: run r ends at r*320+480.
-TEST(StreamDetect, PositionsAreRunEnds)
-{
-    audiotest::Fixtures data;
-    FeaturesPtr f = features_q(data.melq.get(), nullptr);
-    MatrixqPtr once = own(dl_audio_features_q(data.samples.data(), data.n(), f.get(), nullptr));
-    auto first_item = [](void *, const dl_matrix2dq_t *w, fptp_t *scores) {
-        scores[0] = w->itemq[w->h - 1] / 1024.0f;
-    };
-    const int win = 2;
-    const fptp_t thresh[2] = {-8.0f, -10.0f};
-    DetectorPtr d(dl_detector_new(1, &win, thresh), dl_detector_free);
-    DetectorPtr reference(dl_detector_new(1, &win, thresh), dl_detector_free);
-    StreamPtr s(dl_audio_stream_new_q(f.get(), 1, 1, first_item, nullptr), dl_audio_stream_free);
-    std::vector<int64_t> got, want;
-    for (int at = 0; at < data.n(); at += 160) {
-        dl_detection_t found[4];
-        const int n = dl_audio_stream_push(data.samples.data() + at, std::min(160, data.n() - at), s.get(), d.get(),
-                                           found, 4);
-        for (int i = 0; i < n; i++) got.push_back(found[i].sample);
-    }
-    for (int r = 0; r < once->h; r++) {
-        const fptp_t score = once->itemq[r] / 1024.0f;
-        dl_detection_t found;
-        if (dl_detector_step(&score, 320 * r + 480, reference.get(), &found, 1)) want.push_back(found.sample);
-    }
-    EXPECT_FALSE(want.empty());
-    EXPECT_EQ(got, want);
 }
 
 // Ten minutes of silence in blocks of 1000: no allocation, the same window
@@ -220,9 +188,9 @@ TEST(StreamSilence, LongRunNeitherAllocatesNorDrifts)
     };
     const int win = 3;
     const fptp_t thresh[2] = {0.8f, 0.5f};
-    DetectorPtr d(dl_detector_new(1, &win, thresh), dl_detector_free);
+    DetectorPtr d(dl_detector_alloc(1, &win, thresh), dl_detector_free);
     const long at_creation = g_allocations;
-    StreamPtr s(dl_audio_stream_new_q(f.get(), 30, 1, net, &state), dl_audio_stream_free);
+    StreamPtr s(dl_audio_stream_alloc_q(f.get(), 30, 1, net, &state), dl_audio_stream_free);
     ASSERT_GT(g_allocations, at_creation);  // the counters see the library's allocations
     std::vector<int16_t> zeros(1000);
     dl_detection_t found[2];
@@ -244,32 +212,77 @@ TEST(StreamSilence, LongRunNeitherAllocatesNorDrifts)
 void death_stream_float_on_fixed_features()
 {
     const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_new_q(&c, dl_matrixq_alloc(2, 257), nullptr);
-    dl_audio_stream_new(f, 4, 1, [](void *, const dl_matrix2d_t *, fptp_t *) {}, nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_stream_alloc(
+        f, 4, 1, [](void *, const dl_matrix2d_t *, fptp_t *) {}, nullptr);
 }
 void death_detector_words()
 {
     const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_new_q(&c, dl_matrixq_alloc(2, 257), nullptr);
-    dl_audio_stream_t *s = dl_audio_stream_new_q(f, 4, 2, [](void *, const dl_matrix2dq_t *, fptp_t *) {}, nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_stream_t *s = dl_audio_stream_alloc_q(
+        f, 4, 2, [](void *, const dl_matrix2dq_t *, fptp_t *) {}, nullptr);
     const int win = 1;
     const fptp_t thresh[2] = {0.5f, 0.4f};
-    dl_audio_stream_push(nullptr, 0, s, dl_detector_new(1, &win, thresh), nullptr, 0);
+    dl_audio_stream_push(nullptr, 0, s, dl_detector_alloc(1, &win, thresh), nullptr, 0);
 }
 
 class StreamDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
 
-TEST_P(StreamDeathTest, FailsWithConditionText)
-{
-    EXPECT_DEATH(GetParam().call(), GetParam().message);
-}
+TEST_P(StreamDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
 
-INSTANTIATE_TEST_SUITE_P(
-    Conditions, StreamDeathTest,
-    testing::Values(testutil::DeathCase{"float_on_fixed_features", death_stream_float_on_fixed_features,
-                                        "Assertion `features->mel' failed"},
-                    testutil::DeathCase{"detector_words", death_detector_words,
-                                        "Assertion `detector->words==s->n_scores' failed"}),
-    testutil::CaseName());
+INSTANTIATE_TEST_SUITE_P(Conditions, StreamDeathTest,
+                         testing::Values(testutil::DeathCase{"float_on_fixed_features",
+                                                             death_stream_float_on_fixed_features,
+                                                             "Assertion `features->mel' failed"},
+                                         testutil::DeathCase{"detector_words", death_detector_words,
+                                                             "Assertion `detector->words==s->n_scores' failed"}),
+                         testutil::CaseName());
+
+}  // namespace
+
+namespace {
+
+// A recurrent network one frame per run: the library's fixed-point LSTM,
+// given the stream's one-frame view (stride 2, not h), carries its state in
+// the user record and ends where the same cell run over copies of the
+// one-shot frames ends, bit for bit.
+struct Cell {
+    const dl_matrix2dq_t *weight;
+    MatrixqPtr c = own(dl_matrixq_alloc(8, 1)), h = own(dl_matrixq_alloc(8, 1));
+};
+
+TEST(StreamRecurrent, LibraryLstmCarriesItsState)
+{
+    audiotest::Fixtures data;
+    FeaturesPtr f = features_q(data.melq.get(), data.dctq.get());
+    MatrixPtr w = own(dl_matrix_alloc(32, 13 + 8));
+    for (int i = 0; i < 32 * 21; i++) w->item[i] = static_cast<float>(i * 37 % 19 - 9) / 40.0f;
+    MatrixqPtr wq = own(dl_matrixq_from_matrix2d(w.get(), nullptr));
+    auto step = [](void *user, const dl_matrix2dq_t *frame, fptp_t *scores) {
+        auto *cell = static_cast<Cell *>(user);
+        dl_basic_lstm_layer_q(frame, cell->c.get(), cell->h.get(), cell->weight, nullptr, 0);
+        scores[0] = cell->h->itemq[0];
+    };
+    Cell streamed{wq.get()}, direct{wq.get()};
+    StreamPtr s(dl_audio_stream_alloc_q(f.get(), 1, 1, step, &streamed), dl_audio_stream_free);
+    for (int at = 0; at < data.n(); at += 160)
+        dl_audio_stream_push(data.samples.data() + at, std::min(160, data.n() - at), s.get(), nullptr, nullptr, 0);
+
+    MatrixqPtr once = own(dl_audio_features_q(data.samples.data(), data.n(), f.get(), nullptr));
+    MatrixqPtr frame = own(dl_matrixq_alloc(13, 1));
+    frame->exponent = once->exponent;
+    for (int t = 0; t < once->h; t++) {
+        for (int x = 0; x < 13; x++) frame->itemq[frame->stride * x] = once->itemq[t + once->stride * x];
+        dl_basic_lstm_layer_q(frame.get(), direct.c.get(), direct.h.get(), wq.get(), nullptr, 0);
+    }
+    ASSERT_EQ(dl_audio_stream_runs(s.get()), once->h);
+    EXPECT_NE(direct.h->itemq[0], 0);  // the state moved
+    for (const auto &[a, b] :
+         {std::pair{streamed.c.get(), direct.c.get()}, std::pair{streamed.h.get(), direct.h.get()}}) {
+        EXPECT_EQ(a->exponent, b->exponent);
+        for (int x = 0; x < 8; x++) EXPECT_EQ(a->itemq[a->stride * x], b->itemq[b->stride * x]) << x;
+    }
+}
 
 }  // namespace

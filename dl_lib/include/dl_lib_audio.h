@@ -45,10 +45,9 @@ typedef struct {
     int fft_len;
 } dl_audio_config_t;
 
-#define DL_AUDIO_CONFIG_DEFAULT \
-    {                           \
-        480, 320, 512           \
-    }
+/* clang-format off */
+#define DL_AUDIO_CONFIG_DEFAULT {480, 320, 512}
+/* clang-format on */
 
 #define DL_AUDIO_LOG_FLOOR     (-20.0f)
 #define DL_AUDIO_LOG_EXPONENT  (-10)
@@ -60,14 +59,14 @@ typedef struct dl_audio_features dl_audio_features_t;
 /* Float pipeline: mel is (fft_len/2 + 1) x n_mels, dct n_mels x n_ceps or
  * NULL (log-mel output). Shapes and config are asserted; NULL when memory
  * ran out. Free with dl_audio_features_free. */
-dl_audio_features_t *dl_audio_features_new(const dl_audio_config_t *config, const dl_matrix2d_t *mel,
-                                           const dl_matrix2d_t *dct);
+dl_audio_features_t *dl_audio_features_alloc(const dl_audio_config_t *config, const dl_matrix2d_t *mel,
+                                             const dl_matrix2d_t *dct);
 
 /* Fixed-point pipeline from quantised tables (kelvane's default mode or
  * dl_matrixq_from_matrix2d). Asserted besides the shapes: no negative item
  * in mel, and 3 - dct->exponent from 1 to 62. */
-dl_audio_features_t *dl_audio_features_new_q(const dl_audio_config_t *config, const dl_matrix2dq_t *mel,
-                                             const dl_matrix2dq_t *dct);
+dl_audio_features_t *dl_audio_features_alloc_q(const dl_audio_config_t *config, const dl_matrix2dq_t *mel,
+                                               const dl_matrix2dq_t *dct);
 
 void dl_audio_features_free(dl_audio_features_t *f);
 
@@ -133,13 +132,13 @@ typedef struct {
 
 typedef struct dl_detector dl_detector_t;
 
-/* Streams on a float (dl_audio_features_new) or fixed-point
- * (dl_audio_features_new_q) pipeline, which the stream uses and does not
+/* Streams on a float (dl_audio_features_alloc) or fixed-point
+ * (dl_audio_features_alloc_q) pipeline, which the stream uses and does not
  * own. n_frames and n_scores >= 1. NULL when memory ran out. */
-dl_audio_stream_t *dl_audio_stream_new(dl_audio_features_t *features, int n_frames, int n_scores, dl_audio_net_fn net,
-                                       void *user);
-dl_audio_stream_t *dl_audio_stream_new_q(dl_audio_features_t *features, int n_frames, int n_scores,
-                                         dl_audio_net_q_fn net, void *user);
+dl_audio_stream_t *dl_audio_stream_alloc(dl_audio_features_t *features, int n_frames, int n_scores, dl_audio_net_fn net,
+                                         void *user);
+dl_audio_stream_t *dl_audio_stream_alloc_q(dl_audio_features_t *features, int n_frames, int n_scores,
+                                           dl_audio_net_q_fn net, void *user);
 void dl_audio_stream_free(dl_audio_stream_t *s);
 
 /* Feeds n samples. With a detector (NULL for none; its word count must be
@@ -163,11 +162,11 @@ const fptp_t *dl_audio_stream_scores(const dl_audio_stream_t *s);
  * reaches it (>=); the word then stays quiet until the average falls below
  * the second threshold (thresh_list[2i+1], <), which re-arms it. A second
  * threshold above the first lets a word fire on consecutive runs. */
-dl_detector_t *dl_detector_new(int word_num, const int *win_list, const fptp_t *thresh_list);
+dl_detector_t *dl_detector_alloc(int word_num, const int *win_list, const fptp_t *thresh_list);
 
 /* The same from a model_info_t pointer. word_num >= 1 and windows >= 1 are
  * asserted; the thresholds are copied. NULL when memory ran out. */
-#define dl_detector_new_from_info(info) dl_detector_new((info)->word_num, (info)->win_list, (info)->thresh_list)
+#define dl_detector_alloc_from_info(info) dl_detector_alloc((info)->word_num, (info)->win_list, (info)->thresh_list)
 void dl_detector_free(dl_detector_t *d);
 
 /* One run's scores (word_num values) at stream position sample; writes up

@@ -178,10 +178,10 @@ void fft_q(const dl_audio_features_t *f, int32_t *zr, int32_t *zi)
     }
 }
 
-/* Natural log of a positive 64-bit energy, in Q16 units of log2: the
- * leading one's position plus the table's log2 of the mantissa, chosen by
- * the 6 bits after the leading one and interpolated by the next 16
- * (rounded, halves up). */
+/* log2 of a positive 64-bit energy in Q16: the leading one's position plus
+ * the table's log2 of the mantissa, the entry chosen by the 6 bits after the
+ * leading one and interpolated by the next 16 (rounded, halves up). Within
+ * 6e-5 of the exact value. */
 int64_t log2_q16(uint64_t e)
 {
     int msb = 63;
@@ -214,8 +214,8 @@ void dl_audio_features_free(dl_audio_features_t *f)
     dl::mem_free(f);
 }
 
-dl_audio_features_t *dl_audio_features_new(const dl_audio_config_t *config, const dl_matrix2d_t *mel,
-                                           const dl_matrix2d_t *dct)
+dl_audio_features_t *dl_audio_features_alloc(const dl_audio_config_t *config, const dl_matrix2d_t *mel,
+                                             const dl_matrix2d_t *dct)
 {
     DL_ASSERT(mel->h==config->fft_len/2+1);
     if (dct) DL_ASSERT(dct->h==mel->w);
@@ -233,8 +233,8 @@ dl_audio_features_t *dl_audio_features_new(const dl_audio_config_t *config, cons
     return f;
 }
 
-dl_audio_features_t *dl_audio_features_new_q(const dl_audio_config_t *config, const dl_matrix2dq_t *mel,
-                                             const dl_matrix2dq_t *dct)
+dl_audio_features_t *dl_audio_features_alloc_q(const dl_audio_config_t *config, const dl_matrix2dq_t *mel,
+                                               const dl_matrix2dq_t *dct)
 {
     DL_ASSERT(mel->h==config->fft_len/2+1);
     for (int x = 0; x < mel->w; x++)

@@ -11,10 +11,10 @@
 
 struct dl_audio_features {
     int win_len, hop, fft_len;
-    int half;    // points of the complex FFT, fft_len / 2
-    int bins;    // half + 1
+    int half;  // points of the complex FFT, fft_len / 2
+    int bins;  // half + 1
     int n_mels;
-    int width;   // items per frame: n_ceps with a DCT, else n_mels
+    int width;  // items per frame: n_ceps with a DCT, else n_mels
     int power_shift;
     int energy_log2_offset;  // log2 of the fixed-point energy's unit, negated
     int dct_shift;
@@ -27,9 +27,9 @@ struct dl_audio_features {
     fptp_t *stage_f;
     int32_t *split_q;  // (cos, sin) of 2 pi k / fft_len, Q29, k <= half
     fptp_t *split_f;
-    int32_t *rev;      // bit reversal of the complex FFT's indices
-    int32_t *work_q;   // zr, zi (half each), re, im (bins each), windowed frame
-    fptp_t *work_f;    // zr, zi, re, im, power, windowed frame, log-mel
+    int32_t *rev;                    // bit reversal of the complex FFT's indices
+    int32_t *work_q;                 // zr, zi (half each), re, im (bins each), windowed frame
+    fptp_t *work_f;                  // zr, zi, re, im, power, windowed frame, log-mel
     int32_t *band_first, *band_end;  // each filter's non-zero bins lie in [first, end)
     uint64_t *power_q;
     int32_t *logmel_q;

@@ -24,7 +24,7 @@ fptp_t window_average(const dl_detector_t *d, int word)
 
 }  // namespace
 
-dl_detector_t *dl_detector_new(int word_num, const int *win_list, const fptp_t *thresh_list)
+dl_detector_t *dl_detector_alloc(int word_num, const int *win_list, const fptp_t *thresh_list)
 {
     DL_ASSERT(word_num>=1);
     int total = 0;

@@ -74,8 +74,8 @@ void run_frame(dl_audio_stream_t *s)
 
 }  // namespace
 
-dl_audio_stream_t *dl_audio_stream_new(dl_audio_features_t *features, int n_frames, int n_scores, dl_audio_net_fn net,
-                                       void *user)
+dl_audio_stream_t *dl_audio_stream_alloc(dl_audio_features_t *features, int n_frames, int n_scores, dl_audio_net_fn net,
+                                         void *user)
 {
     DL_ASSERT(features->mel);
     dl_audio_stream_t *s = stream_alloc(features, n_frames, n_scores, user);
@@ -94,8 +94,8 @@ dl_audio_stream_t *dl_audio_stream_new(dl_audio_features_t *features, int n_fram
     return s;
 }
 
-dl_audio_stream_t *dl_audio_stream_new_q(dl_audio_features_t *features, int n_frames, int n_scores,
-                                         dl_audio_net_q_fn net, void *user)
+dl_audio_stream_t *dl_audio_stream_alloc_q(dl_audio_features_t *features, int n_frames, int n_scores,
+                                           dl_audio_net_q_fn net, void *user)
 {
     DL_ASSERT(features->melq);
     dl_audio_stream_t *s = stream_alloc(features, n_frames, n_scores, user);
