@@ -5,12 +5,12 @@
 #include <random>
 #include <vector>
 
-#include "arith_test_util.h"
+#include "reference.h"
 #include "dl_lib.h"
 #include "tensor_ops_internal.h"
 #include "test_util.h"
 
-using namespace arith;
+using namespace ref;
 
 namespace {
 
