@@ -66,7 +66,7 @@ def main():
     images = torch.from_numpy(x_test)
     inputs = {
         "lstm": [x[None] for x in images],          # 8 steps of 8 pixels
-        "conv": [x[None, None] for x in images],    # one channel, 8 x 8
+        "conv": [x[None] for x in images],          # the network adds the channel
         "cnn": [x[None, None] for x in images],
     }
     nets = {"lstm": LstmNet(), "conv": ConvNet(), "cnn": cnn()}
