@@ -4,10 +4,11 @@
 // So each instruction does two of the exact multiply-accumulates that the
 // plain loop does one at a time, and the sums, being exact, are the same.
 //
-// The kernel needs no memory of its own: the items of b's columns lie next to
-// each other, so a word load reads a pair; a row of a does too when a has one
-// row of its own (the layers' case), and is packed pair by pair otherwise. Two columns
-// of b share each pair of a, and the loop takes four pairs a step.
+// The kernel needs no heap: the items of b's columns lie next to each other,
+// so a word load reads a pair; a row of a does too when a has one row of its
+// own (the layers' case), and is otherwise copied to the stack once per row
+// (or, when too long for that, packed pair by pair). Two columns of b share
+// each pair of a, and the loop takes four pairs a step.
 #include "kernels_internal.h"
 
 #if defined(__ARM_FEATURE_DSP) && defined(__arm__)
@@ -40,13 +41,12 @@ inline int64_t smlald(uint32_t x, uint32_t y, int64_t sum)
     return sum;
 }
 
-// The sums of row y of a with columns x0 and x1 of b (x1 may equal x0, when
-// one column is left: its second sum is then dropped).
+// The sums of one row of a (K items, `step` apart) with columns x0 and x1 of
+// b (x1 may equal x0, when one column is left: its second sum is then
+// dropped), stored as item (x, y).
 template <bool kRowContiguous>
-void two_columns(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, int y, int x0, int x1, const QDotOut &out)
+void two_columns(const qtp_t *ar, int step, int K, const dl_matrix2dq_t *b, int y, int x0, int x1, const QDotOut &out)
 {
-    const int K = a->w, step = a->stride;
-    const qtp_t *ar = a->itemq + y;
     const qtp_t *b0 = b->itemq + b->stride * x0, *b1 = b->itemq + b->stride * x1;
     int64_t s0 = 0, s1 = 0;
     auto pair_a = [&](int k) { return kRowContiguous ? load_pair(ar + k) : pack_pair(ar + step * k, step); };
@@ -76,18 +76,33 @@ void two_columns(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, int y, int x0
     if (x1 != x0) qdot_store(out, x1, y, s1);
 }
 
+template <bool kRowContiguous>
+void row_by_columns(const qtp_t *ar, int step, const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, int y,
+                    const QDotOut &out)
+{
+    for (int x = 0; x < b->w; x += 2)
+        two_columns<kRowContiguous>(ar, step, a->w, b, y, x, x + 1 < b->w ? x + 1 : x, out);
+}
+
+// A row of a whose items stand apart (a record of several rows, or a view)
+// is laid out once in this many items of stack, when it fits, rather than
+// packed anew for every pair of columns.
+constexpr int kRowBuffer = 256;
+
 }  // namespace
 
 bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out)
 {
-    // A record of one row has stride 1; a one-row view of a taller record
-    // keeps its parent's stride and is packed.
-    const bool contiguous = a->stride == 1;
+    qtp_t row[kRowBuffer];
     for (int y = 0; y < a->h; y++) {
-        for (int x = 0; x < b->w; x += 2) {
-            const int x1 = x + 1 < b->w ? x + 1 : x;
-            if (contiguous) two_columns<true>(a, b, y, x, x1, out);
-            else two_columns<false>(a, b, y, x, x1, out);
+        const qtp_t *ar = a->itemq + y;
+        if (a->stride == 1) {
+            row_by_columns<true>(ar, 1, a, b, y, out);
+        } else if (a->w <= kRowBuffer) {
+            for (int k = 0; k < a->w; k++) row[k] = ar[a->stride * k];
+            row_by_columns<true>(row, 1, a, b, y, out);
+        } else {
+            row_by_columns<false>(ar, a->stride, a, b, y, out);
         }
     }
     return true;
