@@ -237,6 +237,15 @@ std::vector<float> ref_qweight(const ConvCase &k, const Geometry &g, bool dw, co
 
 // ---- Every convolution path against the reference ---------------------------
 
+// Names a case by the kernel it checks and its shape.
+struct PathName {
+    template <class Info>
+    std::string operator()(const Info &info) const
+    {
+        return std::string(dl::isa_name(std::get<0>(info.param))) + "_" + std::get<1>(info.param).name;
+    }
+};
+
 class ConvPathTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};
 
 TEST_P(ConvPathTest, SameBitsAsReference)
@@ -286,16 +295,14 @@ TEST_P(ConvPathTest, SameBitsAsReference)
 INSTANTIATE_TEST_SUITE_P(Paths, ConvPathTest,
                          testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512),
                                           testing::ValuesIn(kCases)),
-                         [](const auto &info) {
-                             return std::string(dl::isa_name(std::get<0>(info.param))) + "_" +
-                                    std::get<1>(info.param).name;
-                         });
+                         PathName());
 
-class DepthwiseTest : public testing::TestWithParam<ConvCase> {};
+class DepthwiseTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};
 
 TEST_P(DepthwiseTest, SameBitsAsReference)
 {
-    const ConvCase &k = GetParam();
+    const auto [isa, k] = GetParam();
+    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     const Geometry g = geometry(k.w, k.h, k.kw, k.kh, k.sx, k.sy, k.pad);
     const auto fv = [](float v) { return v; };
     const auto iv = [](qtp_t v) { return static_cast<int32_t>(v); };
@@ -304,7 +311,8 @@ TEST_P(DepthwiseTest, SameBitsAsReference)
         Operands o(rng, k, true);
         T3 f = own(
             dl_matrix3d_depthwise_conv_layer(o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, &k.pad, nullptr));
-        expect_floats(ref_float(k, g, true, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(), "float");
+        expect_floats(ref_float(k, g, true, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(),
+                      dl::isa_name(isa));
         T3q qin = own(dl_matrixq_from_matrix3d(o.fin.get()));
         T3 fq = own(dl_matrix3d_depthwise_conv_layer_quantised_weight(o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx,
                                                                       k.sy, &k.pad, nullptr));
@@ -318,7 +326,10 @@ TEST_P(DepthwiseTest, SameBitsAsReference)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, DepthwiseTest, testing::ValuesIn(kCases), testutil::CaseName());
+INSTANTIATE_TEST_SUITE_P(Paths, DepthwiseTest,
+                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512),
+                                          testing::ValuesIn(kCases)),
+                         PathName());
 
 // ---- Hand-checked goldens -------------------------------------------------------
 

@@ -5,20 +5,25 @@
 #include "matrix_internal.h"
 #include "tensor_ops_internal.h"
 
+// The instruction-set kernels are built on x86-64 only, each in its own file
+// with its own target flags; every other target runs the portable loops.
+#if defined(DL_LIB_X86_KERNELS) && defined(__x86_64__)
+#define DL_X86_KERNELS 1
+namespace dl::avx2 {
+// The depthwise convolution, bias (NULL for none) included.
+void depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
+}  // namespace dl::avx2
+#else
+#define DL_X86_KERNELS 0
+#endif
+
 namespace {
 
 using dl::Isa;
 
 // ---- Geometry ------------------------------------------------------------
 
-// Where the windows of one call stand: output size, strides, and the padding
-// before the input on each axis (the padding after only limits the count).
-struct Geo {
-    int wo, ho;
-    int sx, sy;
-    int left, top;
-    int kw, kh;
-};
+using Geo = dl::Windows;
 
 Geo window_geometry(int in_w, int in_h, int kw, int kh, int stride_x, int stride_y, const dl_padding_t *padding)
 {
@@ -657,9 +662,11 @@ dl_matrix3dq_t *dl_matrix3du_conv_layer_q(const dl_matrix3du_t *in, const dl_mat
     return dl::conv_layer_q(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out, shift);
 }
 
-dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
-                                                const dl_matrix3d_t *bias, int stride_x, int stride_y,
-                                                const dl_padding_t *padding, dl_matrix3d_t *out)
+namespace dl {
+
+dl_matrix3d_t *depthwise_conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
+                                    const dl_matrix3d_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
+                                    dl_matrix3d_t *out)
 {
     DL_ASSERT(out!=in);
     const Plane<fptp_t> p = plane_of(in);
@@ -667,9 +674,26 @@ dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const d
     check_bias(bias, in->c);
     out = output(out, g.wo, g.ho, in->c, dl_matrix3d_alloc);
     if (!out) return nullptr;
+#if DL_X86_KERNELS
+    if (isa == Isa::avx2 || isa == Isa::avx512) {
+        avx2::depthwise_float(in, g, filter->item, bias ? bias->item : nullptr, out->item);
+        return out;
+    }
+#else
+    (void)isa;
+#endif
     depthwise_float(p, g, filter->item, out->item);
     add_bias(out->item, g.wo * g.ho, bias);
     return out;
+}
+
+}  // namespace dl
+
+dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
+                                                const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return dl::depthwise_conv_layer(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out);
 }
 
 dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
