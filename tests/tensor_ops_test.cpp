@@ -94,6 +94,8 @@ const ConvCase kCases[] = {
     {"filter_beyond_input", 3, 3, 2, 5, 5, 2, 1, 1, {2, 2, 2, 2}, true},
     {"single", 1, 1, 1, 1, 1, 1, 1, 1, {0, 0, 0, 0}, false},
     {"odd_channels", 13, 11, 7, 3, 3, 33, 1, 1, {1, 1, 1, 1}, true},
+    {"rgb_wide_rows", 17, 6, 3, 3, 3, 20, 1, 1, {1, 1, 1, 1}, true},
+    {"wide_rows_strided", 19, 5, 2, 3, 2, 8, 2, 1, {0, 1, 1, 0}, false},
     {"many_blocks", 20, 20, 40, 3, 3, 9, 1, 1, {1, 1, 1, 1}, true},
     {"long_sums", 4, 4, 300, 3, 3, 3, 1, 1, {1, 1, 1, 1}, true},
 };

@@ -12,6 +12,13 @@
 namespace dl::avx2 {
 // The depthwise convolution, bias (NULL for none) included.
 void depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
+// The convolution of an input of few channels straight from the input, bias
+// (NULL for none) included; wt is the filter bank transposed, places x
+// channels.
+void conv_float_few_channels(const dl_matrix3d_t *in, const Windows &g, const fptp_t *wt, int out_c, const fptp_t *bias,
+                             fptp_t *out);
+void conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const fptp_t *wt, int out_c,
+                             const fptp_t *bias, fptp_t *out);
 }  // namespace dl::avx2
 #else
 #define DL_X86_KERNELS 0
@@ -253,13 +260,21 @@ bool one_by_one(const Geo &g, const dl_padding_t *padding)
     return g.kw == 1 && g.kh == 1 && g.sx == 1 && g.sy == 1 && unpadded;
 }
 
-// The float convolution's sums by the float product kernel: each window is
-// a row, the filter bank transposed to places x channels is the right-hand
-// side, and the result rows are out's positions. False (nothing useful
-// written) when a kernel cannot run; the caller then runs the direct loop.
-template <class T>
-bool conv_float_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
-                       const dl_padding_t *padding, fptp_t *out)
+// Below this many input channels a window row is too short for gathering
+// to pay, and rows of at least kWideRow positions are wide enough for the
+// AVX2 kernel that reads the input in place (it takes four positions at a
+// time, the first and last ones slowly, near the padding).
+constexpr int kFewChannels = 8, kWideRow = 8;
+
+// The float convolution by a kernel, bias included. With many input
+// channels, the windows gathered as rows make the float product kernel's
+// left-hand side, the filter bank transposed to places x channels its
+// right-hand side, and the result rows are out's positions. False (nothing
+// useful written) when no kernel can run; the caller then runs the direct
+// loop.
+template <class T, class Tensor>
+bool conv_float_kernel(Isa isa, const Tensor *input, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
+                       const dl_matrix3d_t *bias, const dl_padding_t *padding, fptp_t *out)
 {
     if (isa == Isa::none) return false;
     const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
@@ -268,30 +283,37 @@ bool conv_float_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matri
     for (int oc = 0; oc < out_c; oc++)
         for (int k = 0; k < K; k++)
             wt[static_cast<size_t>(k) * out_c + oc] = filter->item[static_cast<size_t>(oc) * K + k];
+#if DL_X86_KERNELS
+    if (in.c < kFewChannels && g.wo >= kWideRow && (isa == Isa::avx2 || isa == Isa::avx512)) {
+        dl::avx2::conv_float_few_channels(input, g, wt, out_c, bias ? bias->item : nullptr, out);
+        free(wt);
+        return true;
+    }
+#else
+    (void)input;
+#endif
     const dl_matrix2d_t weights = fview(wt, out_c, K, out_c);
     bool ok = true;
-    {
-        fptp_t *rows = positions_as_is(in);
-        if (rows && one_by_one(g, padding)) {
-            const dl_matrix2d_t a = fview(rows, K, P, K);
-            dl_matrix2d_t r = fview(out, out_c, P, out_c);
-            ok = dl::matrix_dot_kernel(isa, &a, &weights, &r);
-            free(wt);
-            return ok;
-        }
-    }
-    const int B = block_positions(K, P);
-    fptp_t *win = static_cast<fptp_t *>(malloc(sizeof(fptp_t) * static_cast<size_t>(K) * B + 1));
-    for (int p0 = 0; ok && win && p0 < P; p0 += B) {
-        const int n = B < P - p0 ? B : P - p0;
-        gather(in, g, p0, p0 + n, win, K, 1, [](T v) { return value(v); });
-        const dl_matrix2d_t a = fview(win, K, n, K);
-        dl_matrix2d_t r = fview(out + static_cast<size_t>(p0) * out_c, out_c, n, out_c);
+    fptp_t *rows = positions_as_is(in);
+    if (rows && one_by_one(g, padding)) {
+        const dl_matrix2d_t a = fview(rows, K, P, K);
+        dl_matrix2d_t r = fview(out, out_c, P, out_c);
         ok = dl::matrix_dot_kernel(isa, &a, &weights, &r);
+    } else {
+        const int B = block_positions(K, P);
+        fptp_t *win = static_cast<fptp_t *>(malloc(sizeof(fptp_t) * static_cast<size_t>(K) * B + 1));
+        for (int p0 = 0; ok && win && p0 < P; p0 += B) {
+            const int n = B < P - p0 ? B : P - p0;
+            gather(in, g, p0, p0 + n, win, K, 1, [](T v) { return value(v); });
+            const dl_matrix2d_t a = fview(win, K, n, K);
+            dl_matrix2d_t r = fview(out + static_cast<size_t>(p0) * out_c, out_c, n, out_c);
+            ok = dl::matrix_dot_kernel(isa, &a, &weights, &r);
+        }
+        ok = ok && win;
+        free(win);
     }
-    ok = ok && win;
-    free(win);
     free(wt);
+    if (ok) add_bias(out, P, bias);
     return ok;
 }
 
@@ -369,17 +391,18 @@ void check_bias(const Bias *bias, int channels)
     DL_ASSERT(bias->n==1 && bias->w==1 && bias->h==1);
 }
 
-template <class T>
-dl_matrix3d_t *conv_float(Isa isa, const Plane<T> &in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+template <class T, class Tensor>
+dl_matrix3d_t *conv_float(Isa isa, const Tensor *input, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
                           int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
 {
+    const Plane<T> in = plane_of(input);
     const Geo g = conv_geometry(in, filter, stride_x, stride_y, padding);
     check_bias(bias, filter->n);
     out = output(out, g.wo, g.ho, filter->n, dl_matrix3d_alloc);
     if (!out) return nullptr;
+    if (conv_float_kernel(isa, input, in, g, filter, bias, padding, out->item)) return out;
     const int P = g.wo * g.ho;
-    if (!conv_float_kernel(isa, in, g, filter, padding, out->item))
-        conv_direct_float(in, g, filter->item, filter->n, out->item, 0, P);
+    conv_direct_float(in, g, filter->item, filter->n, out->item, 0, P);
     add_bias(out->item, P, bias);
     return out;
 }
@@ -575,13 +598,13 @@ dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_matrix3d_t 
                           int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
 {
     DL_ASSERT(out!=in);
-    return conv_float(isa, plane_of(in), filter, bias, stride_x, stride_y, padding, out);
+    return conv_float<fptp_t>(isa, in, filter, bias, stride_x, stride_y, padding, out);
 }
 
 dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3du_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
                           int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
 {
-    return conv_float(isa, plane_of(in), filter, bias, stride_x, stride_y, padding, out);
+    return conv_float<uc_t>(isa, in, filter, bias, stride_x, stride_y, padding, out);
 }
 
 dl_matrix3d_t *conv_layer_quantised_weight(Isa isa, const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
