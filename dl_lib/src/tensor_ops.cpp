@@ -12,12 +12,12 @@
 namespace dl::avx2 {
 // The depthwise convolution, bias (NULL for none) included.
 void depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
-// The convolution of an input of few channels straight from the input, bias
+// The convolution of an input of few channels from its padded rows, bias
 // (NULL for none) included; wt is the filter bank transposed, places x
-// channels.
-void conv_float_few_channels(const dl_matrix3d_t *in, const Windows &g, const fptp_t *wt, int out_c, const fptp_t *bias,
+// channels. False, with nothing written, without memory for the rows.
+bool conv_float_few_channels(const dl_matrix3d_t *in, const Windows &g, const fptp_t *wt, int out_c, const fptp_t *bias,
                              fptp_t *out);
-void conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const fptp_t *wt, int out_c,
+bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const fptp_t *wt, int out_c,
                              const fptp_t *bias, fptp_t *out);
 }  // namespace dl::avx2
 #else
@@ -261,10 +261,8 @@ bool one_by_one(const Geo &g, const dl_padding_t *padding)
 }
 
 // Below this many input channels a window row is too short for gathering
-// to pay, and rows of at least kWideRow positions are wide enough for the
-// AVX2 kernel that reads the input in place (it takes four positions at a
-// time, the first and last ones slowly, near the padding).
-constexpr int kFewChannels = 8, kWideRow = 8;
+// to pay: the AVX2 kernel works on padded input rows instead.
+constexpr int kFewChannels = 8;
 
 // The float convolution by a kernel, bias included. With many input
 // channels, the windows gathered as rows make the float product kernel's
@@ -284,10 +282,10 @@ bool conv_float_kernel(Isa isa, const Tensor *input, const Plane<T> &in, const G
         for (int k = 0; k < K; k++)
             wt[static_cast<size_t>(k) * out_c + oc] = filter->item[static_cast<size_t>(oc) * K + k];
 #if DL_X86_KERNELS
-    if (in.c < kFewChannels && g.wo >= kWideRow && (isa == Isa::avx2 || isa == Isa::avx512)) {
-        dl::avx2::conv_float_few_channels(input, g, wt, out_c, bias ? bias->item : nullptr, out);
+    if (in.c < kFewChannels && (isa == Isa::avx2 || isa == Isa::avx512)) {
+        const bool done = dl::avx2::conv_float_few_channels(input, g, wt, out_c, bias ? bias->item : nullptr, out);
         free(wt);
-        return true;
+        return done;
     }
 #else
     (void)input;

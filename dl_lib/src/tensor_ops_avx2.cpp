@@ -31,7 +31,9 @@ void positions(const float *in, int w, int h, int c, const Windows &g, const flo
         return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
     };
     __m256 acc[NP][NV];
+#pragma GCC unroll 8
     for (int i = 0; i < NP; i++)
+#pragma GCC unroll 8
         for (int j = 0; j < NV; j++) acc[i][j] = _mm256_setzero_ps();
     for (int dy = 0; dy < g.kh; dy++) {
         const int y = y0 + dy;
@@ -39,19 +41,24 @@ void positions(const float *in, int w, int h, int c, const Windows &g, const flo
         for (int dx = 0; dx < g.kw; dx++) {
             const float *fw = filter + (dy * g.kw + dx) * c + c0;
             __m256 wv[NV];
+#pragma GCC unroll 8
             for (int j = 0; j < NV; j++) wv[j] = load(fw, j);
+#pragma GCC unroll 8
             for (int i = 0; i < NP; i++) {
                 const int x = x0 + i * g.sx + dx;
                 const bool inside = row_inside && x >= 0 && x < w;
                 const float *v = in + (static_cast<size_t>(inside ? y : 0) * w + (inside ? x : 0)) * c + c0;
+#pragma GCC unroll 8
                 for (int j = 0; j < NV; j++)
                     acc[i][j] =
                         _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], inside ? load(v, j) : _mm256_setzero_ps()));
             }
         }
     }
+#pragma GCC unroll 8
     for (int i = 0; i < NP; i++) {
         float *o = out + static_cast<size_t>(i) * c + c0;
+#pragma GCC unroll 8
         for (int j = 0; j < NV; j++) {
             __m256 r = acc[i][j];
             if (bias) r = _mm256_add_ps(r, load(bias + c0, j));
@@ -75,122 +82,141 @@ void channels(const float *in, int w, int h, int c, const Windows &g, const floa
 
 // ---- Float convolution on few input channels --------------------------------
 //
-// Without gathering the windows: kPositions neighbouring positions of one
-// output row by two vectors of output channels, each output's sum taken over
-// the window's places in ascending order from +0.0, one rounding per product
-// and per sum, as the gathered product computes it. The weights come
-// transposed, places x channels (row k at wt + k * out_c). A padded place
-// adds 0.0 times the weight.
+// Without gathering the windows: the kh input rows under one output row are
+// first laid out as floats with their zero padding (a row outside the input
+// is all zeros), so that every window row is a run of kw * c floats. Then
+// kPositions neighbouring positions by two vectors of output channels at a
+// time, each output's sum taken over the window's places in ascending order
+// from +0.0, one rounding per product and per sum, as the gathered product
+// computes it; a padded place adds 0.0 times the weight there too. The
+// weights come transposed, places x channels (row k at wt + k * out_c).
 
 constexpr int kPositions = 4;
 
-inline float value_of(const float *in, size_t i, const float *) { return in[i]; }
-inline float value_of(const uc_t *in, size_t i, const float *lut) { return lut[in[i]]; }
+inline float value_of(float v) { return v; }
+inline float value_of(uc_t b) { return static_cast<float>(b) * 0.00390625f; }  // b * 2^-8, exactly
 
-template <int NV, class T>
-void conv_tile(const T *in, int w, int h, int c, const Windows &g, const float *lut, const float *wt, int out_c,
-               const float *bias, float *out, int oy, int ox0, int np, int oc0, int part)
+// The positions ox0 .. ox0+np-1 of one output row; rows[dy] is the padded
+// input row under window row dy. Positions past np repeat the last one and
+// are not stored.
+template <int NV, bool Part>
+void conv_tile(const float *const *rows, int c, const Windows &g, const float *wt, int out_c, const float *bias,
+               float *out, int ox0, int np, int oc0, int part)
 {
     const __m256i mask = first8(part);
+    auto load = [&](const float *p, int j) {
+        return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
+    };
     __m256 acc[kPositions][NV];
+#pragma GCC unroll 8
     for (int i = 0; i < kPositions; i++)
+#pragma GCC unroll 8
         for (int j = 0; j < NV; j++) acc[i][j] = _mm256_setzero_ps();
-    // Columns of the window inside the input, per position; none for the
-    // positions past the row's end.
-    int lo[kPositions], hi[kPositions], x0[kPositions];
-    for (int i = 0; i < kPositions; i++) {
-        x0[i] = (ox0 + i) * g.sx - g.left;
-        lo[i] = i < np ? (x0[i] < 0 ? -x0[i] : 0) : 0;
-        hi[i] = i < np ? (x0[i] + g.kw > w ? w - x0[i] : g.kw) : 0;
-    }
-    bool interior = np == kPositions;
-    for (int i = 0; i < kPositions; i++) interior = interior && lo[i] == 0 && hi[i] == g.kw;
-    const int y0 = oy * g.sy - g.top, span = g.kw * c;
+    const int span = g.kw * c;
     for (int dy = 0; dy < g.kh; dy++) {
-        const int y = y0 + dy;
-        const bool row_inside = y >= 0 && y < h;
+        const float *r[kPositions];
+#pragma GCC unroll 8
+        for (int i = 0; i < kPositions; i++)
+            r[i] = rows[dy] + static_cast<size_t>(ox0 + (i < np ? i : np - 1)) * g.sx * c;
         const float *wrow = wt + static_cast<size_t>(dy * span) * out_c + oc0;
-        if (row_inside && interior) {
-            // Every window row is a run of span items: no place is padding.
-            const T *r[kPositions];
-            for (int i = 0; i < kPositions; i++) r[i] = in + (static_cast<size_t>(y) * w + x0[i]) * c;
-            for (int j = 0; j < span; j++) {
-                const float *wk = wrow + static_cast<size_t>(j) * out_c;
-                __m256 wv[NV];
-                for (int v = 0; v < NV; v++)
-                    wv[v] = part > 0 && v == NV - 1 ? _mm256_maskload_ps(wk + kLanes * v, mask)
-                                                    : _mm256_loadu_ps(wk + kLanes * v);
-                for (int i = 0; i < kPositions; i++) {
-                    const __m256 xv = _mm256_set1_ps(value_of(r[i], j, lut));
-                    for (int v = 0; v < NV; v++) acc[i][v] = _mm256_add_ps(acc[i][v], _mm256_mul_ps(wv[v], xv));
-                }
-            }
-            continue;
-        }
-        for (int dx = 0; dx < g.kw; dx++) {
-            for (int ic = 0; ic < c; ic++) {
-                const float *wk = wrow + static_cast<size_t>(dx * c + ic) * out_c;
-                __m256 wv[NV];
-                for (int j = 0; j < NV; j++)
-                    wv[j] = part > 0 && j == NV - 1 ? _mm256_maskload_ps(wk + kLanes * j, mask)
-                                                    : _mm256_loadu_ps(wk + kLanes * j);
-                for (int i = 0; i < kPositions; i++) {
-                    __m256 xv = _mm256_setzero_ps();
-                    if (row_inside && dx >= lo[i] && dx < hi[i])
-                        xv = _mm256_set1_ps(value_of(in, (static_cast<size_t>(y) * w + x0[i] + dx) * c + ic, lut));
-                    for (int j = 0; j < NV; j++) acc[i][j] = _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], xv));
-                }
+        for (int k = 0; k < span; k++) {
+            const float *wk = wrow + static_cast<size_t>(k) * out_c;
+            __m256 wv[NV];
+#pragma GCC unroll 8
+            for (int j = 0; j < NV; j++) wv[j] = load(wk, j);
+#pragma GCC unroll 8
+            for (int i = 0; i < kPositions; i++) {
+                const __m256 xv = _mm256_broadcast_ss(r[i] + k);
+#pragma GCC unroll 8
+                for (int j = 0; j < NV; j++) acc[i][j] = _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], xv));
             }
         }
     }
-    for (int i = 0; i < np; i++) {
-        float *o = out + (static_cast<size_t>(oy) * g.wo + ox0 + i) * out_c + oc0;
+    // Every index of acc is known at compile time, so that it stays in
+    // registers: the test against np is made inside the unrolled loop.
+#pragma GCC unroll 8
+    for (int i = 0; i < kPositions; i++) {
+        if (i >= np) break;
+        float *o = out + static_cast<size_t>(ox0 + i) * out_c + oc0;
+#pragma GCC unroll 8
         for (int j = 0; j < NV; j++) {
-            const bool last_part = part > 0 && j == NV - 1;
             __m256 v = acc[i][j];
-            if (bias) {
-                const float *b = bias + oc0 + kLanes * j;
-                v = _mm256_add_ps(v, last_part ? _mm256_maskload_ps(b, mask) : _mm256_loadu_ps(b));
-            }
-            if (last_part) _mm256_maskstore_ps(o + kLanes * j, mask, v);
+            if (bias) v = _mm256_add_ps(v, load(bias + oc0, j));
+            if (Part && j == NV - 1) _mm256_maskstore_ps(o + kLanes * j, mask, v);
             else _mm256_storeu_ps(o + kLanes * j, v);
         }
     }
 }
 
 template <class T>
-void conv_few_channels(const T *in, int w, int h, int c, const Windows &g, const float *wt, int out_c,
+bool conv_few_channels(const T *in, int w, int h, int c, const Windows &g, const float *wt, int out_c,
                        const float *bias, float *out)
 {
-    // A byte b stands for b * 2^-8, exactly.
-    float lut[256];
-    for (int b = 0; b < 256; b++) lut[b] = static_cast<float>(b) * 0.00390625f;
-    for (int oy = 0; oy < g.ho; oy++)
+    // Columns of a padded row: enough for the last window, at least the input's.
+    int pw = (g.wo - 1) * g.sx + g.kw;
+    if (pw < g.left + w) pw = g.left + w;
+    const size_t row_floats = static_cast<size_t>(pw) * c;
+    // kh padded rows, reused as the windows move down: input row y sits in
+    // slot y mod kh (kh neighbouring rows never share a slot), and is laid
+    // out once however many output rows read it.
+    float *buf = static_cast<float *>(malloc(sizeof(float) * row_floats * g.kh + 1));
+    const float **row_ptrs = static_cast<const float **>(malloc(sizeof(float *) * g.kh));
+    int *slot_row = static_cast<int *>(malloc(sizeof(int) * g.kh));
+    if (!buf || !row_ptrs || !slot_row) {
+        free(buf);
+        free(row_ptrs);
+        free(slot_row);
+        return false;
+    }
+    for (int dy = 0; dy < g.kh; dy++) slot_row[dy] = INT32_MIN;
+    const size_t before = static_cast<size_t>(g.left) * c;
+    const size_t end = before + static_cast<size_t>(pw - g.left < w ? pw - g.left : w) * c;
+    for (int oy = 0; oy < g.ho; oy++) {
+        for (int dy = 0; dy < g.kh; dy++) {
+            const int y = oy * g.sy - g.top + dy;
+            const int slot = ((y % g.kh) + g.kh) % g.kh;
+            float *r = buf + row_floats * slot;
+            row_ptrs[dy] = r;
+            if (slot_row[slot] == y) continue;
+            slot_row[slot] = y;
+            // Zeros before the input's columns, the row (or zeros for a row
+            // outside the input), zeros after.
+            const bool inside = y >= 0 && y < h;
+            const T *src = in + static_cast<size_t>(inside ? y : 0) * w * c;
+            for (size_t k = 0; k < before; k++) r[k] = 0.0f;
+            for (size_t k = before; k < end; k++) r[k] = inside ? value_of(src[k - before]) : 0.0f;
+            for (size_t k = end; k < row_floats; k++) r[k] = 0.0f;
+        }
+        float *o = out + static_cast<size_t>(oy) * g.wo * out_c;
         for (int ox0 = 0; ox0 < g.wo; ox0 += kPositions) {
             const int np = g.wo - ox0 < kPositions ? g.wo - ox0 : kPositions;
             int oc0 = 0;
             for (; oc0 + 2 * kLanes <= out_c; oc0 += 2 * kLanes)
-                conv_tile<2>(in, w, h, c, g, lut, wt, out_c, bias, out, oy, ox0, np, oc0, 0);
+                conv_tile<2, false>(row_ptrs, c, g, wt, out_c, bias, o, ox0, np, oc0, 0);
             if (out_c - oc0 > kLanes)
-                conv_tile<2>(in, w, h, c, g, lut, wt, out_c, bias, out, oy, ox0, np, oc0, out_c - oc0 - kLanes);
-            else if (out_c > oc0)
-                conv_tile<1>(in, w, h, c, g, lut, wt, out_c, bias, out, oy, ox0, np, oc0,
-                             out_c - oc0 == kLanes ? 0 : out_c - oc0);
+                conv_tile<2, true>(row_ptrs, c, g, wt, out_c, bias, o, ox0, np, oc0, out_c - oc0 - kLanes);
+            else if (out_c - oc0 == kLanes) conv_tile<1, false>(row_ptrs, c, g, wt, out_c, bias, o, ox0, np, oc0, 0);
+            else if (out_c > oc0) conv_tile<1, true>(row_ptrs, c, g, wt, out_c, bias, o, ox0, np, oc0, out_c - oc0);
         }
+    }
+    free(slot_row);
+    free(row_ptrs);
+    free(buf);
+    return true;
 }
 
 }  // namespace
 
-void conv_float_few_channels(const dl_matrix3d_t *in, const Windows &g, const fptp_t *wt, int out_c, const fptp_t *bias,
+bool conv_float_few_channels(const dl_matrix3d_t *in, const Windows &g, const fptp_t *wt, int out_c, const fptp_t *bias,
                              fptp_t *out)
 {
-    conv_few_channels(in->item, in->w, in->h, in->c, g, wt, out_c, bias, out);
+    return conv_few_channels(in->item, in->w, in->h, in->c, g, wt, out_c, bias, out);
 }
 
-void conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const fptp_t *wt, int out_c,
+bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const fptp_t *wt, int out_c,
                              const fptp_t *bias, fptp_t *out)
 {
-    conv_few_channels(in->item, in->w, in->h, in->c, g, wt, out_c, bias, out);
+    return conv_few_channels(in->item, in->w, in->h, in->c, g, wt, out_c, bias, out);
 }
 
 void depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out)
