@@ -10,8 +10,9 @@
 #if defined(DL_LIB_X86_KERNELS) && defined(__x86_64__)
 #define DL_X86_KERNELS 1
 namespace dl::avx2 {
-// The depthwise convolution, bias (NULL for none) included.
-void depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
+// The depthwise convolution, bias (NULL for none) included. False, with
+// nothing written, without memory for its padded rows.
+bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
 // The convolution of an input of few channels from its padded rows, bias
 // (NULL for none) included; wt is the filter bank transposed, places x
 // channels. False, with nothing written, without memory for the rows.
@@ -696,10 +697,9 @@ dl_matrix3d_t *depthwise_conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_m
     out = output(out, g.wo, g.ho, in->c, dl_matrix3d_alloc);
     if (!out) return nullptr;
 #if DL_X86_KERNELS
-    if (isa == Isa::avx2 || isa == Isa::avx512) {
-        avx2::depthwise_float(in, g, filter->item, bias ? bias->item : nullptr, out->item);
+    if ((isa == Isa::avx2 || isa == Isa::avx512) &&
+        avx2::depthwise_float(in, g, filter->item, bias ? bias->item : nullptr, out->item))
         return out;
-    }
 #else
     (void)isa;
 #endif

@@ -1,4 +1,6 @@
 // The tensor operators' kernels for processors with AVX2: 8 float lanes.
+// Each returns false, with nothing written, when it cannot get its scratch
+// memory; the caller then runs the portable loop.
 // Built with -mavx2 for this file alone (no -mfma: products and sums must
 // round apart), and run only after the run-time check in kernels.cpp.
 #if defined(__x86_64__)
@@ -11,74 +13,9 @@ namespace dl::avx2 {
 namespace {
 
 constexpr int kLanes = 8;
-constexpr int kGroup = 4;  // vectors of channels summed at once by the depthwise kernel
 
 // Lanes 0 to n-1 selected, for the masked loads and stores.
 __m256i first8(int n) { return _mm256_cmpgt_epi32(_mm256_set1_epi32(n), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7)); }
-
-// NP neighbouring positions of one output row (the first's window at row
-// y0, column x0) by NV vectors of channels from c0, bias (if any) added
-// last; with Part, only `part` lanes of the last vector. Each channel's sum
-// runs over the window's places in order from +0.0, one rounding per product
-// and per sum, as the portable loop's: the lanes only take several channels
-// at once. A padded place is 0.0 times the weight.
-template <int NP, int NV, bool Part>
-void positions(const float *in, int w, int h, int c, const Windows &g, const float *filter, const float *bias,
-               float *out, int y0, int x0, int c0, int part)
-{
-    const __m256i mask = first8(part);
-    auto load = [&](const float *p, int j) {
-        return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
-    };
-    __m256 acc[NP][NV];
-#pragma GCC unroll 8
-    for (int i = 0; i < NP; i++)
-#pragma GCC unroll 8
-        for (int j = 0; j < NV; j++) acc[i][j] = _mm256_setzero_ps();
-    for (int dy = 0; dy < g.kh; dy++) {
-        const int y = y0 + dy;
-        const bool row_inside = y >= 0 && y < h;
-        for (int dx = 0; dx < g.kw; dx++) {
-            const float *fw = filter + (dy * g.kw + dx) * c + c0;
-            __m256 wv[NV];
-#pragma GCC unroll 8
-            for (int j = 0; j < NV; j++) wv[j] = load(fw, j);
-#pragma GCC unroll 8
-            for (int i = 0; i < NP; i++) {
-                const int x = x0 + i * g.sx + dx;
-                const bool inside = row_inside && x >= 0 && x < w;
-                const float *v = in + (static_cast<size_t>(inside ? y : 0) * w + (inside ? x : 0)) * c + c0;
-#pragma GCC unroll 8
-                for (int j = 0; j < NV; j++)
-                    acc[i][j] =
-                        _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], inside ? load(v, j) : _mm256_setzero_ps()));
-            }
-        }
-    }
-#pragma GCC unroll 8
-    for (int i = 0; i < NP; i++) {
-        float *o = out + static_cast<size_t>(i) * c + c0;
-#pragma GCC unroll 8
-        for (int j = 0; j < NV; j++) {
-            __m256 r = acc[i][j];
-            if (bias) r = _mm256_add_ps(r, load(bias + c0, j));
-            if (Part && j == NV - 1) _mm256_maskstore_ps(o + kLanes * j, mask, r);
-            else _mm256_storeu_ps(o + kLanes * j, r);
-        }
-    }
-}
-
-// All channels of NP positions.
-template <int NP>
-void channels(const float *in, int w, int h, int c, const Windows &g, const float *filter, const float *bias,
-              float *out, int y0, int x0)
-{
-    int c0 = 0;
-    for (; c0 + kGroup * kLanes <= c; c0 += kGroup * kLanes)
-        positions<NP, kGroup, false>(in, w, h, c, g, filter, bias, out, y0, x0, c0, 0);
-    for (; c0 + kLanes <= c; c0 += kLanes) positions<NP, 1, false>(in, w, h, c, g, filter, bias, out, y0, x0, c0, 0);
-    if (c0 < c) positions<NP, 1, true>(in, w, h, c, g, filter, bias, out, y0, x0, c0, c - c0);
-}
 
 // ---- Float convolution on few input channels --------------------------------
 //
@@ -95,6 +32,72 @@ constexpr int kPositions = 4;
 
 inline float value_of(float v) { return v; }
 inline float value_of(uc_t b) { return static_cast<float>(b) * 0.00390625f; }  // b * 2^-8, exactly
+
+// The kh input rows under one output row as floats with their zero padding,
+// so that every window row is a run of kw * c floats (a row outside the
+// input is all zeros). They are reused as the windows move down: input row
+// y sits in slot y mod kh (kh neighbouring rows never share a slot) and is
+// laid out once however many output rows read it.
+template <class T>
+class PaddedRows {
+  public:
+    PaddedRows(const T *in, int w, int h, int c, const Windows &g) : in_(in), w_(w), h_(h), c_(c), g_(g)
+    {
+        // Columns: enough for the last window, at least the input's.
+        int pw = (g.wo - 1) * g.sx + g.kw;
+        if (pw < g.left + w) pw = g.left + w;
+        row_floats_ = static_cast<size_t>(pw) * c;
+        before_ = static_cast<size_t>(g.left) * c;
+        end_ = before_ + static_cast<size_t>(pw - g.left < w ? pw - g.left : w) * c;
+        buf_ = static_cast<float *>(malloc(sizeof(float) * row_floats_ * g.kh + 1));
+        rows_ = static_cast<const float **>(malloc(sizeof(float *) * g.kh));
+        slot_row_ = static_cast<int *>(malloc(sizeof(int) * g.kh));
+        if (slot_row_)
+            for (int dy = 0; dy < g.kh; dy++) slot_row_[dy] = INT32_MIN;
+    }
+    ~PaddedRows()
+    {
+        free(buf_);
+        free(rows_);
+        free(slot_row_);
+    }
+    PaddedRows(const PaddedRows &) = delete;
+    PaddedRows &operator=(const PaddedRows &) = delete;
+
+    bool ok() const { return buf_ && rows_ && slot_row_; }
+
+    // The rows under output row oy: element dy is window row dy, column 0
+    // of the padded row standing for input column -left.
+    const float *const *under(int oy)
+    {
+        for (int dy = 0; dy < g_.kh; dy++) {
+            const int y = oy * g_.sy - g_.top + dy;
+            const int slot = ((y % g_.kh) + g_.kh) % g_.kh;
+            float *r = buf_ + row_floats_ * slot;
+            rows_[dy] = r;
+            if (slot_row_[slot] == y) continue;
+            slot_row_[slot] = y;
+            // Zeros before the input's columns, the row, zeros after; a row
+            // outside the input is zeros throughout.
+            const bool inside = y >= 0 && y < h_;
+            const T *src = in_ + static_cast<size_t>(inside ? y : 0) * w_ * c_;
+            const size_t from = inside ? before_ : row_floats_, to = inside ? end_ : row_floats_;
+            for (size_t k = 0; k < from; k++) r[k] = 0.0f;
+            for (size_t k = from; k < to; k++) r[k] = value_of(src[k - from]);
+            for (size_t k = to; k < row_floats_; k++) r[k] = 0.0f;
+        }
+        return rows_;
+    }
+
+  private:
+    const T *in_;
+    int w_, h_, c_;
+    const Windows &g_;
+    size_t row_floats_ = 0, before_ = 0, end_ = 0;
+    float *buf_ = nullptr;
+    const float **rows_ = nullptr;
+    int *slot_row_ = nullptr;
+};
 
 // The positions ox0 .. ox0+np-1 of one output row; rows[dy] is the padded
 // input row under window row dy. Positions past np repeat the last one and
@@ -152,57 +155,81 @@ template <class T>
 bool conv_few_channels(const T *in, int w, int h, int c, const Windows &g, const float *wt, int out_c,
                        const float *bias, float *out)
 {
-    // Columns of a padded row: enough for the last window, at least the input's.
-    int pw = (g.wo - 1) * g.sx + g.kw;
-    if (pw < g.left + w) pw = g.left + w;
-    const size_t row_floats = static_cast<size_t>(pw) * c;
-    // kh padded rows, reused as the windows move down: input row y sits in
-    // slot y mod kh (kh neighbouring rows never share a slot), and is laid
-    // out once however many output rows read it.
-    float *buf = static_cast<float *>(malloc(sizeof(float) * row_floats * g.kh + 1));
-    const float **row_ptrs = static_cast<const float **>(malloc(sizeof(float *) * g.kh));
-    int *slot_row = static_cast<int *>(malloc(sizeof(int) * g.kh));
-    if (!buf || !row_ptrs || !slot_row) {
-        free(buf);
-        free(row_ptrs);
-        free(slot_row);
-        return false;
-    }
-    for (int dy = 0; dy < g.kh; dy++) slot_row[dy] = INT32_MIN;
-    const size_t before = static_cast<size_t>(g.left) * c;
-    const size_t end = before + static_cast<size_t>(pw - g.left < w ? pw - g.left : w) * c;
+    PaddedRows<T> padded(in, w, h, c, g);
+    if (!padded.ok()) return false;
     for (int oy = 0; oy < g.ho; oy++) {
-        for (int dy = 0; dy < g.kh; dy++) {
-            const int y = oy * g.sy - g.top + dy;
-            const int slot = ((y % g.kh) + g.kh) % g.kh;
-            float *r = buf + row_floats * slot;
-            row_ptrs[dy] = r;
-            if (slot_row[slot] == y) continue;
-            slot_row[slot] = y;
-            // Zeros before the input's columns, the row (or zeros for a row
-            // outside the input), zeros after.
-            const bool inside = y >= 0 && y < h;
-            const T *src = in + static_cast<size_t>(inside ? y : 0) * w * c;
-            for (size_t k = 0; k < before; k++) r[k] = 0.0f;
-            for (size_t k = before; k < end; k++) r[k] = inside ? value_of(src[k - before]) : 0.0f;
-            for (size_t k = end; k < row_floats; k++) r[k] = 0.0f;
-        }
+        const float *const *rows = padded.under(oy);
         float *o = out + static_cast<size_t>(oy) * g.wo * out_c;
         for (int ox0 = 0; ox0 < g.wo; ox0 += kPositions) {
             const int np = g.wo - ox0 < kPositions ? g.wo - ox0 : kPositions;
             int oc0 = 0;
             for (; oc0 + 2 * kLanes <= out_c; oc0 += 2 * kLanes)
-                conv_tile<2, false>(row_ptrs, c, g, wt, out_c, bias, o, ox0, np, oc0, 0);
+                conv_tile<2, false>(rows, c, g, wt, out_c, bias, o, ox0, np, oc0, 0);
             if (out_c - oc0 > kLanes)
-                conv_tile<2, true>(row_ptrs, c, g, wt, out_c, bias, o, ox0, np, oc0, out_c - oc0 - kLanes);
-            else if (out_c - oc0 == kLanes) conv_tile<1, false>(row_ptrs, c, g, wt, out_c, bias, o, ox0, np, oc0, 0);
-            else if (out_c > oc0) conv_tile<1, true>(row_ptrs, c, g, wt, out_c, bias, o, ox0, np, oc0, out_c - oc0);
+                conv_tile<2, true>(rows, c, g, wt, out_c, bias, o, ox0, np, oc0, out_c - oc0 - kLanes);
+            else if (out_c - oc0 == kLanes) conv_tile<1, false>(rows, c, g, wt, out_c, bias, o, ox0, np, oc0, 0);
+            else if (out_c > oc0) conv_tile<1, true>(rows, c, g, wt, out_c, bias, o, ox0, np, oc0, out_c - oc0);
         }
     }
-    free(slot_row);
-    free(row_ptrs);
-    free(buf);
     return true;
+}
+
+// ---- Depthwise float convolution -----------------------------------------------
+//
+// kDwPositions neighbouring positions of one output row by NV vectors of
+// channels from c0, bias (if any) added last; with Part, only `part` lanes
+// of the last vector. Each channel's sum runs over the window's places in
+// order from +0.0, one rounding per product and per sum, as the portable
+// loop's: the lanes only take several channels at once (and several
+// positions would share each load of the weights; on rows as short as a
+// spectrogram's, one position at a time measured fastest). Windows read
+// padded rows, where a padded place adds 0.0 times the weight.
+
+constexpr int kDwPositions = 1, kDwVectors = 4;
+
+template <int NV, bool Part>
+void dw_tile(const float *const *rows, int c, const Windows &g, const float *filter, const float *bias, float *out,
+             int ox0, int np, int c0, int part)
+{
+    const __m256i mask = first8(part);
+    auto load = [&](const float *p, int j) {
+        return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
+    };
+    __m256 acc[kDwPositions][NV];
+#pragma GCC unroll 8
+    for (int i = 0; i < kDwPositions; i++)
+#pragma GCC unroll 8
+        for (int j = 0; j < NV; j++) acc[i][j] = _mm256_setzero_ps();
+    for (int dy = 0; dy < g.kh; dy++) {
+        const float *x[kDwPositions];
+#pragma GCC unroll 8
+        for (int i = 0; i < kDwPositions; i++)
+            x[i] = rows[dy] + static_cast<size_t>(ox0 + (i < np ? i : np - 1)) * g.sx * c + c0;
+        const float *fw = filter + static_cast<size_t>(dy * g.kw) * c + c0;
+        for (int dx = 0; dx < g.kw; dx++) {
+            __m256 wv[NV];
+#pragma GCC unroll 8
+            for (int j = 0; j < NV; j++) wv[j] = load(fw + static_cast<size_t>(dx) * c, j);
+#pragma GCC unroll 8
+            for (int i = 0; i < kDwPositions; i++)
+#pragma GCC unroll 8
+                for (int j = 0; j < NV; j++)
+                    acc[i][j] =
+                        _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], load(x[i] + static_cast<size_t>(dx) * c, j)));
+        }
+    }
+#pragma GCC unroll 8
+    for (int i = 0; i < kDwPositions; i++) {
+        if (i >= np) break;
+        float *o = out + static_cast<size_t>(ox0 + i) * c + c0;
+#pragma GCC unroll 8
+        for (int j = 0; j < NV; j++) {
+            __m256 v = acc[i][j];
+            if (bias) v = _mm256_add_ps(v, load(bias + c0, j));
+            if (Part && j == NV - 1) _mm256_maskstore_ps(o + kLanes * j, mask, v);
+            else _mm256_storeu_ps(o + kLanes * j, v);
+        }
+    }
 }
 
 }  // namespace
@@ -219,21 +246,24 @@ bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const f
     return conv_few_channels(in->item, in->w, in->h, in->c, g, wt, out_c, bias, out);
 }
 
-void depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out)
+bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out)
 {
-    // Two positions at a time share each load of the weights.
     const int c = in->c;
+    PaddedRows<float> padded(in->item, in->w, in->h, c, g);
+    if (!padded.ok()) return false;
     for (int oy = 0; oy < g.ho; oy++) {
-        const int y0 = oy * g.sy - g.top;
+        const float *const *rows = padded.under(oy);
         float *o = out + static_cast<size_t>(oy) * g.wo * c;
-        int ox = 0;
-        for (; ox + 2 <= g.wo; ox += 2)
-            channels<2>(in->item, in->w, in->h, c, g, filter, bias, o + static_cast<size_t>(ox) * c, y0,
-                        ox * g.sx - g.left);
-        if (ox < g.wo)
-            channels<1>(in->item, in->w, in->h, c, g, filter, bias, o + static_cast<size_t>(ox) * c, y0,
-                        ox * g.sx - g.left);
+        for (int ox0 = 0; ox0 < g.wo; ox0 += kDwPositions) {
+            const int np = g.wo - ox0 < kDwPositions ? g.wo - ox0 : kDwPositions;
+            int c0 = 0;
+            for (; c0 + kDwVectors * kLanes <= c; c0 += kDwVectors * kLanes)
+                dw_tile<kDwVectors, false>(rows, c, g, filter, bias, o, ox0, np, c0, 0);
+            for (; c0 + kLanes <= c; c0 += kLanes) dw_tile<1, false>(rows, c, g, filter, bias, o, ox0, np, c0, 0);
+            if (c0 < c) dw_tile<1, true>(rows, c, g, filter, bias, o, ox0, np, c0, c - c0);
+        }
     }
+    return true;
 }
 
 }  // namespace dl::avx2
