@@ -100,9 +100,9 @@ void run_once(const Layer &l, Form form, dl::Isa isa, Operands &o, dl_matrix3d_t
 {
     const dl_padding_t *p = &o.pad;
     if (l.depthwise) {
-        // One loop for every target: the public function is the only path.
+        // The fixed-point forms have one loop for every target.
         switch (form) {
-        case Form::float_form: dl_matrix3d_depthwise_conv_layer(o.in, o.filter, o.bias, l.sx, l.sy, p, out); break;
+        case Form::float_form: dl::depthwise_conv_layer(isa, o.in, o.filter, o.bias, l.sx, l.sy, p, out); break;
         case Form::quantised_weight:
             dl_matrix3d_depthwise_conv_layer_quantised_weight(o.in, o.qfilter, o.bias, l.sx, l.sy, p, out);
             break;
@@ -180,7 +180,7 @@ int main(int argc, char **argv)
         benchmark::RegisterBenchmark((base + "/dl_matrixq_dot").c_str(), bench_dot, l, true);
         for (Form form : {Form::float_form, Form::quantised_weight, Form::fixed_point}) {
             const std::string name = base + "/" + form_name(form);
-            if (!l.depthwise)
+            if (!l.depthwise || form == Form::float_form)
                 benchmark::RegisterBenchmark((name + "/plain").c_str(), bench_layer, l, form, dl::Isa::none);
             benchmark::RegisterBenchmark((name + "/fast").c_str(), bench_layer, l, form, dl::detected_isa());
         }

@@ -94,6 +94,8 @@ const ConvCase kCases[] = {
     {"filter_beyond_input", 3, 3, 2, 5, 5, 2, 1, 1, {2, 2, 2, 2}, true},
     {"single", 1, 1, 1, 1, 1, 1, 1, 1, {0, 0, 0, 0}, false},
     {"odd_channels", 13, 11, 7, 3, 3, 33, 1, 1, {1, 1, 1, 1}, true},
+    {"rgb_wide_rows", 17, 6, 3, 3, 3, 20, 1, 1, {1, 1, 1, 1}, true},
+    {"wide_rows_strided", 19, 5, 2, 3, 2, 8, 2, 1, {0, 1, 1, 0}, false},
     {"many_blocks", 20, 20, 40, 3, 3, 9, 1, 1, {1, 1, 1, 1}, true},
     {"long_sums", 4, 4, 300, 3, 3, 3, 1, 1, {1, 1, 1, 1}, true},
 };
@@ -237,6 +239,15 @@ std::vector<float> ref_qweight(const ConvCase &k, const Geometry &g, bool dw, co
 
 // ---- Every convolution path against the reference ---------------------------
 
+// Names a case by the kernel it checks and its shape.
+struct PathName {
+    template <class Info>
+    std::string operator()(const Info &info) const
+    {
+        return std::string(dl::isa_name(std::get<0>(info.param))) + "_" + std::get<1>(info.param).name;
+    }
+};
+
 class ConvPathTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};
 
 TEST_P(ConvPathTest, SameBitsAsReference)
@@ -284,18 +295,16 @@ TEST_P(ConvPathTest, SameBitsAsReference)
 }
 
 INSTANTIATE_TEST_SUITE_P(Paths, ConvPathTest,
-                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512),
+                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
                                           testing::ValuesIn(kCases)),
-                         [](const auto &info) {
-                             return std::string(dl::isa_name(std::get<0>(info.param))) + "_" +
-                                    std::get<1>(info.param).name;
-                         });
+                         PathName());
 
-class DepthwiseTest : public testing::TestWithParam<ConvCase> {};
+class DepthwiseTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};
 
 TEST_P(DepthwiseTest, SameBitsAsReference)
 {
-    const ConvCase &k = GetParam();
+    const auto [isa, k] = GetParam();
+    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     const Geometry g = geometry(k.w, k.h, k.kw, k.kh, k.sx, k.sy, k.pad);
     const auto fv = [](float v) { return v; };
     const auto iv = [](qtp_t v) { return static_cast<int32_t>(v); };
@@ -304,7 +313,8 @@ TEST_P(DepthwiseTest, SameBitsAsReference)
         Operands o(rng, k, true);
         T3 f = own(
             dl_matrix3d_depthwise_conv_layer(o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, &k.pad, nullptr));
-        expect_floats(ref_float(k, g, true, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(), "float");
+        expect_floats(ref_float(k, g, true, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(),
+                      dl::isa_name(isa));
         T3q qin = own(dl_matrixq_from_matrix3d(o.fin.get()));
         T3 fq = own(dl_matrix3d_depthwise_conv_layer_quantised_weight(o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx,
                                                                       k.sy, &k.pad, nullptr));
@@ -318,7 +328,10 @@ TEST_P(DepthwiseTest, SameBitsAsReference)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, DepthwiseTest, testing::ValuesIn(kCases), testutil::CaseName());
+INSTANTIATE_TEST_SUITE_P(Paths, DepthwiseTest,
+                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
+                                          testing::ValuesIn(kCases)),
+                         PathName());
 
 // ---- Hand-checked goldens -------------------------------------------------------
 

@@ -5,20 +5,33 @@
 #include "matrix_internal.h"
 #include "tensor_ops_internal.h"
 
+// The instruction-set kernels are built on x86-64 only, each in its own file
+// with its own target flags; every other target runs the portable loops.
+#if defined(DL_LIB_X86_KERNELS) && defined(__x86_64__)
+#define DL_X86_KERNELS 1
+namespace dl::avx2 {
+// The depthwise convolution, bias (NULL for none) included. False, with
+// nothing written, without memory for its padded rows.
+bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
+// The convolution of an input of few channels from its padded rows, bias
+// (NULL for none) included; wt is the filter bank transposed, places x
+// channels. False, with nothing written, without memory for the rows.
+bool conv_float_few_channels(const dl_matrix3d_t *in, const Windows &g, const fptp_t *wt, int out_c, const fptp_t *bias,
+                             fptp_t *out);
+bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const fptp_t *wt, int out_c,
+                             const fptp_t *bias, fptp_t *out);
+}  // namespace dl::avx2
+#else
+#define DL_X86_KERNELS 0
+#endif
+
 namespace {
 
 using dl::Isa;
 
 // ---- Geometry ------------------------------------------------------------
 
-// Where the windows of one call stand: output size, strides, and the padding
-// before the input on each axis (the padding after only limits the count).
-struct Geo {
-    int wo, ho;
-    int sx, sy;
-    int left, top;
-    int kw, kh;
-};
+using Geo = dl::Windows;
 
 Geo window_geometry(int in_w, int in_h, int kw, int kh, int stride_x, int stride_y, const dl_padding_t *padding)
 {
@@ -248,13 +261,19 @@ bool one_by_one(const Geo &g, const dl_padding_t *padding)
     return g.kw == 1 && g.kh == 1 && g.sx == 1 && g.sy == 1 && unpadded;
 }
 
-// The float convolution's sums by the float product kernel: each window is
-// a row, the filter bank transposed to places x channels is the right-hand
-// side, and the result rows are out's positions. False (nothing useful
-// written) when a kernel cannot run; the caller then runs the direct loop.
-template <class T>
-bool conv_float_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
-                       const dl_padding_t *padding, fptp_t *out)
+// Below this many input channels a window row is too short for gathering
+// to pay: the AVX2 kernel works on padded input rows instead.
+constexpr int kFewChannels = 8;
+
+// The float convolution by a kernel, bias included. With many input
+// channels, the windows gathered as rows make the float product kernel's
+// left-hand side, the filter bank transposed to places x channels its
+// right-hand side, and the result rows are out's positions. False (nothing
+// useful written) when no kernel can run; the caller then runs the direct
+// loop.
+template <class T, class Tensor>
+bool conv_float_kernel(Isa isa, const Tensor *input, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
+                       const dl_matrix3d_t *bias, const dl_padding_t *padding, fptp_t *out)
 {
     if (isa == Isa::none) return false;
     const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
@@ -263,30 +282,37 @@ bool conv_float_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matri
     for (int oc = 0; oc < out_c; oc++)
         for (int k = 0; k < K; k++)
             wt[static_cast<size_t>(k) * out_c + oc] = filter->item[static_cast<size_t>(oc) * K + k];
+#if DL_X86_KERNELS
+    if (in.c < kFewChannels && (isa == Isa::avx2 || isa == Isa::avx512)) {
+        const bool done = dl::avx2::conv_float_few_channels(input, g, wt, out_c, bias ? bias->item : nullptr, out);
+        dl::mem_free(wt);
+        return done;
+    }
+#else
+    (void)input;
+#endif
     const dl_matrix2d_t weights = fview(wt, out_c, K, out_c);
     bool ok = true;
-    {
-        fptp_t *rows = positions_as_is(in);
-        if (rows && one_by_one(g, padding)) {
-            const dl_matrix2d_t a = fview(rows, K, P, K);
-            dl_matrix2d_t r = fview(out, out_c, P, out_c);
-            ok = dl::matrix_dot_kernel(isa, &a, &weights, &r);
-            dl::mem_free(wt);
-            return ok;
-        }
-    }
-    const int B = block_positions(K, P);
-    fptp_t *win = static_cast<fptp_t *>(dl::mem_calloc(1, sizeof(fptp_t) * static_cast<size_t>(K) * B + 1));
-    for (int p0 = 0; ok && win && p0 < P; p0 += B) {
-        const int n = B < P - p0 ? B : P - p0;
-        gather(in, g, p0, p0 + n, win, K, 1, [](T v) { return value(v); });
-        const dl_matrix2d_t a = fview(win, K, n, K);
-        dl_matrix2d_t r = fview(out + static_cast<size_t>(p0) * out_c, out_c, n, out_c);
+    fptp_t *rows = positions_as_is(in);
+    if (rows && one_by_one(g, padding)) {
+        const dl_matrix2d_t a = fview(rows, K, P, K);
+        dl_matrix2d_t r = fview(out, out_c, P, out_c);
         ok = dl::matrix_dot_kernel(isa, &a, &weights, &r);
+    } else {
+        const int B = block_positions(K, P);
+        fptp_t *win = static_cast<fptp_t *>(dl::mem_calloc(1, sizeof(fptp_t) * static_cast<size_t>(K) * B + 1));
+        for (int p0 = 0; ok && win && p0 < P; p0 += B) {
+            const int n = B < P - p0 ? B : P - p0;
+            gather(in, g, p0, p0 + n, win, K, 1, [](T v) { return value(v); });
+            const dl_matrix2d_t a = fview(win, K, n, K);
+            dl_matrix2d_t r = fview(out + static_cast<size_t>(p0) * out_c, out_c, n, out_c);
+            ok = dl::matrix_dot_kernel(isa, &a, &weights, &r);
+        }
+        ok = ok && win;
+        dl::mem_free(win);
     }
-    ok = ok && win;
-    dl::mem_free(win);
     dl::mem_free(wt);
+    if (ok) add_bias(out, P, bias);
     return ok;
 }
 
@@ -364,17 +390,18 @@ void check_bias(const Bias *bias, int channels)
     DL_ASSERT(bias->n==1 && bias->w==1 && bias->h==1);
 }
 
-template <class T>
-dl_matrix3d_t *conv_float(Isa isa, const Plane<T> &in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
+template <class T, class Tensor>
+dl_matrix3d_t *conv_float(Isa isa, const Tensor *input, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
                           int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
 {
+    const Plane<T> in = plane_of(input);
     const Geo g = conv_geometry(in, filter, stride_x, stride_y, padding);
     check_bias(bias, filter->n);
     out = output(out, g.wo, g.ho, filter->n, dl_matrix3d_alloc);
     if (!out) return nullptr;
+    if (conv_float_kernel(isa, input, in, g, filter, bias, padding, out->item)) return out;
     const int P = g.wo * g.ho;
-    if (!conv_float_kernel(isa, in, g, filter, padding, out->item))
-        conv_direct_float(in, g, filter->item, filter->n, out->item, 0, P);
+    conv_direct_float(in, g, filter->item, filter->n, out->item, 0, P);
     add_bias(out->item, P, bias);
     return out;
 }
@@ -570,13 +597,13 @@ dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_matrix3d_t 
                           int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
 {
     DL_ASSERT(out!=in);
-    return conv_float(isa, plane_of(in), filter, bias, stride_x, stride_y, padding, out);
+    return conv_float<fptp_t>(isa, in, filter, bias, stride_x, stride_y, padding, out);
 }
 
 dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3du_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
                           int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out)
 {
-    return conv_float(isa, plane_of(in), filter, bias, stride_x, stride_y, padding, out);
+    return conv_float<uc_t>(isa, in, filter, bias, stride_x, stride_y, padding, out);
 }
 
 dl_matrix3d_t *conv_layer_quantised_weight(Isa isa, const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
@@ -657,9 +684,11 @@ dl_matrix3dq_t *dl_matrix3du_conv_layer_q(const dl_matrix3du_t *in, const dl_mat
     return dl::conv_layer_q(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out, shift);
 }
 
-dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
-                                                const dl_matrix3d_t *bias, int stride_x, int stride_y,
-                                                const dl_padding_t *padding, dl_matrix3d_t *out)
+namespace dl {
+
+dl_matrix3d_t *depthwise_conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
+                                    const dl_matrix3d_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
+                                    dl_matrix3d_t *out)
 {
     DL_ASSERT(out!=in);
     const Plane<fptp_t> p = plane_of(in);
@@ -667,9 +696,25 @@ dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const d
     check_bias(bias, in->c);
     out = output(out, g.wo, g.ho, in->c, dl_matrix3d_alloc);
     if (!out) return nullptr;
+#if DL_X86_KERNELS
+    if ((isa == Isa::avx2 || isa == Isa::avx512) &&
+        avx2::depthwise_float(in, g, filter->item, bias ? bias->item : nullptr, out->item))
+        return out;
+#else
+    (void)isa;
+#endif
     depthwise_float(p, g, filter->item, out->item);
     add_bias(out->item, g.wo * g.ho, bias);
     return out;
+}
+
+}  // namespace dl
+
+dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
+                                                const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return dl::depthwise_conv_layer(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out);
 }
 
 dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,

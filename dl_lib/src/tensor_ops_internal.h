@@ -18,6 +18,17 @@
 
 namespace dl {
 
+/* Where the windows of one call stand: output size, strides, and the padding
+ * before the input on each axis (the padding after only limits the count).
+ * Place (dy, dx) of the window of output (oy, ox) reads input row
+ * oy * sy - top + dy, column ox * sx - left + dx; outside the input is 0. */
+struct Windows {
+    int wo, ho;
+    int sx, sy;
+    int left, top;
+    int kw, kh;
+};
+
 dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
                           int stride_x, int stride_y, const dl_padding_t *padding, dl_matrix3d_t *out);
 dl_matrix3d_t *conv_layer(Isa isa, const dl_matrix3du_t *in, const dl_matrix3d_t *filter, const dl_matrix3d_t *bias,
@@ -34,6 +45,12 @@ dl_matrix3dq_t *conv_layer_q(Isa isa, const dl_matrix3dq_t *in, const dl_matrix3
 dl_matrix3dq_t *conv_layer_q(Isa isa, const dl_matrix3du_t *in, const dl_matrix3dq_t *filter,
                              const dl_matrix3dq_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
                              dl_matrix3dq_t *out, int shift);
+
+/* The float depthwise convolution by isa's kernel (the AVX2 one serves
+ * AVX-512 too) or, for Isa::none, the portable loop. */
+dl_matrix3d_t *depthwise_conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
+                                    const dl_matrix3d_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
+                                    dl_matrix3d_t *out);
 
 }  // namespace dl
 
