@@ -285,7 +285,11 @@ class ModelWriter:
     def model_info(self, words, name="model", version="v1"):
         """_MODEL_INFO_ from (word, window, threshold1, threshold2) tuples.
 
-        Words are letters and digits; the window is 1 to 9.
+        Words are letters and digits; the window is 1 to 9. The library's
+        detector (dl_detector_alloc_from_info) reads them so: word i's score,
+        averaged over its last `window` network runs (earlier runs count as
+        0), fires the word when it reaches threshold1, and re-arms it once the
+        average has fallen below threshold2, normally the lower one.
         """
         fields = [name, version]
         for field in fields:
