@@ -9,7 +9,7 @@
 #endif
 
 #define WORDS 10 /* the commands: the first outputs; unknown and silence follow */
-#define CONVS 5
+#define CONVS 7
 
 /* One convolution of the network with its ReLU6, as train.py exported it. */
 struct conv {
@@ -30,7 +30,7 @@ struct conv {
             KWS_CONV##n##_OUT_C                                                                                 \
     }
 
-static const struct conv convs[CONVS] = {CONV(1), CONV(2), CONV(3), CONV(4), CONV(5)};
+static const struct conv convs[CONVS] = {CONV(1), CONV(2), CONV(3), CONV(4), CONV(5), CONV(6), CONV(7)};
 
 /* Activations of one run; row is the pooled tensor as the fully connected
  * layer's input (a view: no copy). */

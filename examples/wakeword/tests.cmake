@@ -9,8 +9,8 @@
 # alarms, the figures of the trained network with one to spare; the
 # fixed-point form's exact lines are what kws_firmware.matches_host checks
 # on the device.
-set(misses 3)
-set(false_alarms 2)
+set(misses 6)
+set(false_alarms 5)
 add_test(NAME examples.wakeword_recording
          COMMAND wakeword --check ${kws_dir}/data/recording.txt --max-misses ${misses}
                  --max-false-alarms ${false_alarms} ${kws_dir}/data/recording.wav)

@@ -63,6 +63,7 @@ sys.path.insert(0, os.path.join(ROOT, "python"))
 sys.path.insert(0, HERE)
 from kelvane_export import TensorModelWriter  # noqa: E402
 from kelvane_export import features as kf  # noqa: E402
+from kelvane_export import fixedpoint as fx  # noqa: E402
 from make_data import COMMANDS, LABELS, RATE  # noqa: E402
 
 N_MELS = 20
@@ -72,6 +73,8 @@ WIN_LEN, HOP, FFT_LEN = 800, 640, 1024
 FRAMES = kf.frame_count(RATE, WIN_LEN, HOP)  # 24: one second
 CLIP = 6.0                     # ReLU6: activations stay below 6, which suits 16-bit items
 LATE = RATE // 2               # a detection may come this many samples after its clip
+LSTM_UNITS = 32
+TARGET_FRAMES = 6              # the LSTM names a word for 0.24 s after it ends
 
 
 def mel_table():
@@ -150,6 +153,136 @@ def fit(net, x, y, epochs, lr):
 def predict(net, x, batch=512):
     with torch.no_grad():
         return torch.cat([net(torch.from_numpy(x[i:i + batch])[:, None]) for i in range(0, len(x), batch)])
+
+
+# -- the LSTM -------------------------------------------------------------------
+
+class Lstm(nn.Module):
+    """One frame a step: a fixed input normalisation (folded into the
+    weights on export), an LSTM of 32 units and a fully connected layer to
+    the twelve classes at every step."""
+
+    def __init__(self, mean, scale):
+        super().__init__()
+        self.register_buffer("mean", torch.tensor(mean, dtype=torch.float32))
+        self.register_buffer("scale", torch.tensor(scale, dtype=torch.float32))
+        self.lstm = nn.LSTM(N_MELS, LSTM_UNITS, batch_first=True)
+        self.fc = nn.Linear(LSTM_UNITS, len(LABELS))
+
+    def forward(self, x, state=None):
+        y, state = self.lstm((x - self.mean) * self.scale, state)
+        return self.fc(y), state
+
+    def folded(self):
+        """The LSTM with the normalisation in its input weights and bias."""
+        out = nn.LSTM(N_MELS, LSTM_UNITS, batch_first=True)
+        with torch.no_grad():
+            out.load_state_dict(self.lstm.state_dict())
+            out.weight_ih_l0.mul_(self.scale[None, :])
+            out.bias_ih_l0.sub_(out.weight_ih_l0 @ self.mean)
+        return out
+
+
+def frame_targets(x, labels):
+    """Per frame of each clip what the LSTM should say: the clip's word for
+    TARGET_FRAMES frames after its loud part ends (frames within 3 nats of
+    the clip's loudest), silence everywhere else."""
+    loudness = x.max(axis=2)
+    targets = np.full(loudness.shape, LABELS.index("silence"), np.int64)
+    for i, (e, label) in enumerate(zip(loudness, labels)):
+        if label == LABELS.index("silence"):
+            continue
+        end = np.flatnonzero(e >= e.max() - 3.0)[-1] + 1
+        targets[i, end:end + TARGET_FRAMES] = label
+    return targets
+
+
+def fit_lstm(net, x, targets, epochs, lr, clips=8, batch=16):
+    """On streams of `clips` clips one after another, every frame counted."""
+    opt = torch.optim.Adam(net.parameters(), lr=lr)
+    steps = epochs * ((len(x) // clips + batch - 1) // batch)
+    sched = torch.optim.lr_scheduler.OneCycleLR(opt, lr, total_steps=steps)
+    loss_fn = nn.CrossEntropyLoss()
+    gen = torch.Generator().manual_seed(2)
+    xt, tt = torch.from_numpy(x), torch.from_numpy(targets)
+    n = len(x) // clips * clips
+    for epoch in range(epochs):
+        order = torch.randperm(len(x), generator=gen)[:n].reshape(-1, clips)
+        total = 0.0
+        for i in range(0, len(order), batch):
+            pick = order[i:i + batch]
+            seq = xt[pick].reshape(len(pick), -1, N_MELS)
+            opt.zero_grad()
+            logits, _ = net(seq)
+            loss = loss_fn(logits.reshape(-1, len(LABELS)), tt[pick].reshape(-1))
+            loss.backward()
+            nn.utils.clip_grad_norm_(net.parameters(), 1.0)
+            opt.step()
+            sched.step()
+            total += float(loss) * len(pick)
+        print(f"  epoch {epoch + 1:2d}: loss {total / (n // clips):.3f}")
+
+
+def lstm_clip_accuracy(net, x, y):
+    """A clip's class: the most probable of the twelve at its frames, the
+    silence class counting only when no other wins anywhere."""
+    with torch.no_grad():
+        p = torch.softmax(net(torch.from_numpy(x))[0], 2).numpy()
+    words = p[:, :, :LABELS.index("silence")].max(axis=1)
+    predicted = np.where(words.max(axis=1) >= 0.5, words.argmax(axis=1), LABELS.index("silence"))
+    return 100.0 * float((predicted == y).mean())
+
+
+def lstm_stream_scores(net, audio, mel_q):
+    x = log_mel(audio, mel_q)
+    with torch.no_grad():
+        logits, _ = net(torch.from_numpy(x)[None])
+    return torch.softmax(logits[0], 1).numpy()[:, :len(COMMANDS)]
+
+
+class Frames:
+    """Calibration's first layer: the frames as the stream gives them, items at exponent -10."""
+    name, define, shift, checked = "frames", None, None, slice(None)
+
+    def load(self, directory):
+        pass
+
+    def run(self, x, shift, limit=None):
+        items = np.rint(x / np.float32(2.0**kf.LOG_EXPONENT)).astype(np.int64)
+        return fx.QBatch(items, np.full(len(x), kf.LOG_EXPONENT)), []
+
+
+def train_lstm(data, mel_q, x_train, y_train, x_val, y_val, x_test, y_test, val_audio, v_val):
+    from kelvane_export import ModelWriter
+    from kelvane_export.calibrate import Linear, calibrate
+    from kelvane_export.calibrate import Lstm as LstmLayer
+    mean = x_train.mean(axis=(0, 1))
+    scale = 1.0 / (x_train.std(axis=(0, 1)) + 1e-3)
+    net = Lstm(mean, scale)
+    fit_lstm(net, x_train, frame_targets(x_train, y_train), epochs=30, lr=0.01)
+    net.eval()
+    accuracy = {name: lstm_clip_accuracy(net, x, y) for name, x, y in
+                [("validation", x_val, y_val), ("test", x_test, y_test)]}
+    print(f"LSTM, PyTorch accuracy: validation {accuracy['validation']:.1f} %, test {accuracy['test']:.1f} %")
+    print("LSTM detector settings on the validation voices:")
+    streams = []
+    for v in np.unique(v_val):
+        pick = np.flatnonzero(v_val == v)
+        streams.append((lstm_stream_scores(net, val_audio[pick].reshape(-1), mel_q),
+                        np.arange(len(pick)) * RATE, y_val[pick]))
+    settings = tune(streams)
+    directory = os.path.join(HERE, "lstm")
+    with ModelWriter(directory) as out:
+        out.lstm("lstm", net.folded())
+        out.linear("lstm_fc", net.fc)
+        out.model_info([(w, s[1], s[2], s[3]) for w, s in zip(COMMANDS, settings)], name="kwslstm")
+    # Calibrated on validation streams of 48 frames (two seconds) from fresh states.
+    seqs = x_val[:len(x_val) // 2 * 2].reshape(-1, 2 * FRAMES, N_MELS)
+    result = calibrate(directory, [Frames(), LstmLayer("lstm"), Linear("lstm_fc")], seqs)
+    out.defines.update(result.shifts)
+    out.write_header(os.path.join(HERE, "lstm_net.h"), notes=result.notes,
+                     comment="Written by train.py: the keyword spotter's LSTM (lstm/)")
+    return accuracy, settings
 
 
 # -- detector settings ----------------------------------------------------------
@@ -282,8 +415,43 @@ def write_wav(path, samples):
         w.writeframes(samples.astype("<i2").tobytes())
 
 
+def write_results(path, accuracy, settings):
+    with open(path, "w") as f:
+        f.write("# Written by train.py\n")
+        f.write(f"pytorch_test_accuracy {accuracy['test']:.2f}\n")
+        f.write(f"pytorch_validation_accuracy {accuracy['validation']:.2f}\n")
+        for w, s in zip(COMMANDS, settings):
+            f.write(f"detector {w} window {s[1]} thresholds {s[2]} {s[3]} validation_hits {s[4]} "
+                    f"false_alarms {s[5]}\n")
+
+
+def train_cnn(mel_q, x_train, y_train, x_val, y_val, x_test, y_test, val_audio, v_val):
+    net = network()
+    fit(net, torch.from_numpy(x_train)[:, None], torch.from_numpy(y_train), epochs=40, lr=0.01)
+    accuracy = {name: 100.0 * float((predict(net, x).argmax(1).numpy() == y).mean())
+                for name, x, y in [("validation", x_val, y_val), ("test", x_test, y_test)]}
+    print(f"PyTorch accuracy: validation {accuracy['validation']:.1f} %, test {accuracy['test']:.1f} %")
+
+    print("detector settings on the validation voices:")
+    settings = tune(voice_streams(net, val_audio, y_val, v_val, mel_q))
+
+    directory = os.path.join(HERE, "cnn")
+    with TensorModelWriter(directory, input_shape=(FRAMES, N_MELS, 1)) as out:
+        out.sequential(net, prefix="kws_")
+        out.model_info([(w, s[1], s[2], s[3]) for w, s in zip(COMMANDS, settings)], name="kws")
+    out.defines = {"KWS_WIN_LEN": WIN_LEN, "KWS_HOP": HOP, "KWS_FFT_LEN": FFT_LEN, "KWS_FRAMES": FRAMES,
+                   "KWS_MELS": N_MELS, "KWS_CLASSES": len(LABELS), **out.defines}
+    choose_shifts(net, out, x_train, directory)
+    out.write_header(os.path.join(HERE, "cnn_net.h"),
+                     comment="Written by train.py: the keyword spotter's CNN (cnn/, kelvane -3d)")
+    return accuracy, settings
+
+
 def main():
-    data = sys.argv[1] if len(sys.argv) > 1 else os.path.join(ROOT, "build", "wakeword_data")
+    args = sys.argv[1:]
+    networks = [a for a in args if a in ("cnn", "lstm")] or ["cnn", "lstm"]
+    rest = [a for a in args if a not in ("cnn", "lstm")]
+    data = rest[0] if rest else os.path.join(ROOT, "build", "wakeword_data")
     torch.manual_seed(0)
     torch.set_num_threads(1)
     started = time.time()
@@ -294,34 +462,15 @@ def main():
     val_audio, y_val, v_val, x_val = load(data, "val", mel_q)
     test_audio, y_test, _, x_test = load(data, "test", mel_q)
     print(f"features of {len(x_train) + len(x_val) + len(x_test)} clips in {time.time() - started:.0f} s")
-
-    net = network()
-    fit(net, torch.from_numpy(x_train)[:, None], torch.from_numpy(y_train), epochs=40, lr=0.01)
-    accuracy = {name: 100.0 * float((predict(net, x).argmax(1).numpy() == y).mean())
-                for name, x, y in [("validation", x_val, y_val), ("test", x_test, y_test)]}
-    print(f"PyTorch accuracy: validation {accuracy['validation']:.1f} %, test {accuracy['test']:.1f} %")
-
-    print("detector settings on the validation voices:")
-    settings = tune(voice_streams(net, val_audio, y_val, v_val, mel_q))
+    splits = (x_train, y_train, x_val, y_val, x_test, y_test, val_audio, v_val)
 
     os.makedirs(os.path.join(HERE, "features"), exist_ok=True)
     np.save(os.path.join(HERE, "features", "mel.npy"), mel)
-    directory = os.path.join(HERE, "cnn")
-    with TensorModelWriter(directory, input_shape=(FRAMES, N_MELS, 1)) as out:
-        out.sequential(net, prefix="kws_")
-        out.model_info([(w, s[1], s[2], s[3]) for w, s in zip(COMMANDS, settings)], name="kws")
-    out.defines = {"KWS_WIN_LEN": WIN_LEN, "KWS_HOP": HOP, "KWS_FFT_LEN": FFT_LEN, "KWS_FRAMES": FRAMES,
-                   "KWS_MELS": N_MELS, "KWS_CLASSES": len(LABELS), **out.defines}
-    choose_shifts(net, out, x_train, directory)
-    out.write_header(os.path.join(HERE, "cnn_net.h"),
-                     comment="Written by train.py: the keyword spotter's CNN (cnn/, kelvane -3d)")
-    with open(os.path.join(HERE, "results.txt"), "w") as f:
-        f.write("# Written by train.py\n")
-        f.write(f"pytorch_test_accuracy {accuracy['test']:.2f}\n")
-        f.write(f"pytorch_validation_accuracy {accuracy['validation']:.2f}\n")
-        for w, s in zip(COMMANDS, settings):
-            f.write(f"detector {w} window {s[1]} thresholds {s[2]} {s[3]} validation_hits {s[4]} "
-                    f"false_alarms {s[5]}\n")
+    if "cnn" in networks:
+        write_results(os.path.join(HERE, "results_cnn.txt"), *train_cnn(mel_q, *splits))
+    if "lstm" in networks:
+        torch.manual_seed(0)
+        write_results(os.path.join(HERE, "results_lstm.txt"), *train_lstm(data, mel_q, *splits))
     write_wav(os.path.join(data, "test_clips.wav"), test_audio.reshape(-1))
     with open(os.path.join(data, "test_labels.txt"), "w") as f:
         f.write("\n".join(str(int(v)) for v in y_test) + "\n")
