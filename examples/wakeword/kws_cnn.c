@@ -133,6 +133,9 @@ const char *kws_cnn_init(void)
     for (int i = 0; i < CONVS; i++)
         net.q.a[i] = dl_matrix3dq_alloc(1, convs[i].out_w, convs[i].out_h, convs[i].out_c, 0);
     net.q.pooled = dl_matrix3dq_alloc(1, 1, 1, KWS_GLOBALPOOL1_OUT_C, 0);
+    /* Made now, not on the first run: an arena gives memory back from the
+     * top only, and a record made during a run would pin all made after. */
+    net.q.row = dl_matrix2dq_view_from_matrix3dq(net.q.pooled, NULL);
     net.q.logits = dl_matrixq_alloc(KWS_CLASSES, 1);
     net.q.logits_f = dl_matrix_alloc(KWS_CLASSES, 1);
     return NULL;
@@ -225,7 +228,7 @@ void kws_cnn_fixed(void *user, const dl_matrix2dq_t *window, fptp_t *scores)
     }
     dl_matrix3dq_global_avg_pool_q(x, a->pooled);
     /* The pooled tensor's exponent changes from run to run: its row view is
-     * made again each time (in the record made the first time). */
+     * made again each time, in the record made at start-up. */
     a->row = dl_matrix2dq_view_from_matrix3dq(a->pooled, a->row);
     dl_fully_connect_layer_q(a->row, net.fc_wq, net.fc_bq, a->logits, KWS_FC1_SHIFT);
     /* Items times a power of two: exact in float, on every target. */

@@ -4,14 +4,17 @@
 
 #include "cnn_net.h"
 #include "kws_q.h"
+#include "lstm_q.h"
 #include "mel_q.h"
 #ifndef KWS_FIXED_ONLY
 #include "mel_f.h"
 #endif
 
 const char *const kws_format_names[KWS_FORMATS] = {"float", "weights", "fixed"};
+const char *const kws_network_names[KWS_NETWORKS] = {"cnn", "lstm"};
 
 struct kws_pipeline {
+    kws_network_t network;
     kws_format_t format;
     dl_audio_features_t *features;
     dl_audio_stream_t *stream;
@@ -22,13 +25,17 @@ struct kws_pipeline {
     int64_t runs, max_runs;
 };
 
-const model_info_t *kws_info(void) { return get_coeff_kws_q.getter_info(NULL); }
+const model_info_t *kws_info(kws_network_t network)
+{
+    return network == KWS_CNN ? get_coeff_kws_q.getter_info(NULL) : get_coeff_lstm_q.getter_info(NULL);
+}
 
 static void after_run(kws_pipeline_t *p, const fptp_t *scores, double started)
 {
     if (p->clock) p->network_seconds += p->clock() - started;
+    const int words = kws_info(p->network)->word_num;
     if (p->scores && p->runs < p->max_runs)
-        for (int i = 0; i < kws_info()->word_num; i++) p->scores[p->runs * kws_info()->word_num + i] = scores[i];
+        for (int i = 0; i < words; i++) p->scores[p->runs * words + i] = scores[i];
     p->runs++;
 }
 
@@ -36,7 +43,8 @@ static void run_fixed(void *user, const dl_matrix2dq_t *window, fptp_t *scores)
 {
     kws_pipeline_t *p = user;
     const double started = p->clock ? p->clock() : 0.0;
-    kws_cnn_fixed(NULL, window, scores);
+    if (p->network == KWS_CNN) kws_cnn_fixed(NULL, window, scores);
+    else kws_lstm_fixed(NULL, window, scores);
     after_run(p, scores, started);
 }
 
@@ -45,19 +53,24 @@ static void run_float(void *user, const dl_matrix2d_t *window, fptp_t *scores)
 {
     kws_pipeline_t *p = user;
     const double started = p->clock ? p->clock() : 0.0;
-    if (p->format == KWS_FLOAT) kws_cnn_float(NULL, window, scores);
-    else kws_cnn_quantised_weights(NULL, window, scores);
+    if (p->network == KWS_CNN && p->format == KWS_FLOAT) kws_cnn_float(NULL, window, scores);
+    else if (p->network == KWS_CNN) kws_cnn_quantised_weights(NULL, window, scores);
+    else if (p->format == KWS_FLOAT) kws_lstm_float(NULL, window, scores);
+    else kws_lstm_quantised_weights(NULL, window, scores);
     after_run(p, scores, started);
 }
 #endif
 
-kws_pipeline_t *kws_pipeline_new(kws_format_t format)
+kws_pipeline_t *kws_pipeline_new(kws_network_t network, kws_format_t format)
 {
-    const model_info_t *info = kws_info();
+    const model_info_t *info = kws_info(network);
+    const int frames = network == KWS_CNN ? KWS_FRAMES : 1;
     const dl_audio_config_t config = KWS_AUDIO_CONFIG;
     kws_pipeline_t *p = calloc(1, sizeof *p);
     if (!p) return NULL;
+    p->network = network;
     p->format = format;
+    if (network == KWS_LSTM) kws_lstm_reset();
     if (format == KWS_FIXED) {
         const dl_matrix2dq_t *mel = get_coeff_mel_q.getter_q("mel", NULL, 0);
         if (!mel) {
@@ -66,7 +79,7 @@ kws_pipeline_t *kws_pipeline_new(kws_format_t format)
             return NULL;
         }
         p->features = dl_audio_features_new_q(&config, mel, NULL);
-        if (p->features) p->stream = dl_audio_stream_new_q(p->features, KWS_FRAMES, info->word_num, run_fixed, p);
+        if (p->features) p->stream = dl_audio_stream_new_q(p->features, frames, info->word_num, run_fixed, p);
     } else {
 #ifdef KWS_FIXED_ONLY
         fprintf(stderr, "kws: built for the fixed-point form only\n");
@@ -80,7 +93,7 @@ kws_pipeline_t *kws_pipeline_new(kws_format_t format)
             return NULL;
         }
         p->features = dl_audio_features_new(&config, mel, NULL);
-        if (p->features) p->stream = dl_audio_stream_new(p->features, KWS_FRAMES, info->word_num, run_float, p);
+        if (p->features) p->stream = dl_audio_stream_new(p->features, frames, info->word_num, run_float, p);
 #endif
     }
     p->detector = dl_detector_new_from_info(info);
@@ -117,14 +130,14 @@ double kws_pipeline_network_seconds(const kws_pipeline_t *p) { return p->network
 
 int64_t kws_pipeline_runs(const kws_pipeline_t *p) { return p->runs; }
 
-void kws_print_detection(FILE *out, kws_format_t format, const dl_detection_t *d)
+void kws_print_detection(FILE *out, const kws_pipeline_t *p, const dl_detection_t *d)
 {
     /* Milliseconds: 16 samples each at 16 kHz. The score, 0 to 1, to three
      * places, rounded half up. long, not int64_t: the device's small printf
      * has no 64-bit conversions, and a stream of 2^31 samples is 37 hours. */
     const long sample = (long)d->sample, ms = sample / 16;
     const int thousandths = d->score >= 0.0f && d->score <= 1.0f ? (int)(d->score * 1000.0f + 0.5f) : 0;
-    fprintf(out, "%s %s at %ld.%03d s (sample %ld, score %d.%03d)\n", kws_format_names[format],
-            kws_info()->word_list[d->word], ms / 1000, (int)(ms % 1000), sample, thousandths / 1000,
-            thousandths % 1000);
+    fprintf(out, "%s %s %s at %ld.%03d s (sample %ld, score %d.%03d)\n", kws_network_names[p->network],
+            kws_format_names[p->format], kws_info(p->network)->word_list[d->word], ms / 1000, (int)(ms % 1000), sample,
+            thousandths / 1000, thousandths % 1000);
 }

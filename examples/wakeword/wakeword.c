@@ -1,8 +1,9 @@
 /*
- * wakeword: the keyword spotter on a WAV file, in float, with 16-bit
- * weights and in fixed point, one detection a line.
+ * wakeword: the keyword spotter on a WAV file, its CNN and its LSTM each in
+ * float, with 16-bit weights and in fixed point, one detection a line.
  *
  *   wakeword [options] recording.wav
+ *     --network cnn|lstm             one network only (default: both)
  *     --format float|weights|fixed   one form only (default: all three)
  *     --check times.txt              score the detections against the words
  *                                    spoken (lines "word start end ...")
@@ -82,6 +83,12 @@ static audio_t read_wav(const char *path)
     return a;
 }
 
+static void count_warning(const char *text, void *count)
+{
+    (void)text;
+    ++*(long *)count;
+}
+
 static double now(void)
 {
     struct timespec t;
@@ -119,9 +126,9 @@ static int read_times(const char *path, spoken_t *words, int max)
     return n;
 }
 
-static int is_wake_word(const char *word)
+static int is_wake_word(kws_network_t network, const char *word)
 {
-    const model_info_t *info = kws_info();
+    const model_info_t *info = kws_info(network);
     for (int i = 0; i < info->word_num; i++)
         if (!strcmp(info->word_list[i], word)) return 1;
     return 0;
@@ -129,9 +136,9 @@ static int is_wake_word(const char *word)
 
 /* A detection matches the first word of its kind, not yet found, whose
  * span (plus LATE) holds it; any other is a false alarm. */
-static int match(const dl_detection_t *d, spoken_t *words, int n)
+static int match(kws_network_t network, const dl_detection_t *d, spoken_t *words, int n)
 {
-    const char *name = kws_info()->word_list[d->word];
+    const char *name = kws_info(network)->word_list[d->word];
     for (int i = 0; i < n; i++)
         if (!words[i].found && !strcmp(words[i].word, name) && words[i].start <= d->sample &&
             d->sample <= words[i].end + LATE) {
@@ -148,13 +155,15 @@ typedef struct {
     double total, network, detector;
 } outcome_t;
 
-static int run(kws_format_t format, const audio_t *a, spoken_t *words, int n_words, int timing, outcome_t *o)
+static int run(kws_network_t network, kws_format_t format, const audio_t *a, spoken_t *words, int n_words, int timing,
+               outcome_t *o)
 {
     memset(o, 0, sizeof *o);
-    kws_pipeline_t *p = kws_pipeline_new(format);
+    kws_pipeline_t *p = kws_pipeline_new(network, format);
     if (!p) return 1;
+    const model_info_t *info = kws_info(network);
     const int64_t max_runs = a->n / KWS_HOP + 2;
-    fptp_t *scores = timing ? malloc((size_t)max_runs * (size_t)kws_info()->word_num * sizeof *scores) : NULL;
+    fptp_t *scores = timing ? malloc((size_t)max_runs * (size_t)info->word_num * sizeof *scores) : NULL;
     if (timing) kws_pipeline_measure(p, now, scores, max_runs);
     for (int i = 0; i < n_words; i++) words[i].found = 0;
 
@@ -164,9 +173,9 @@ static int run(kws_format_t format, const audio_t *a, spoken_t *words, int n_wor
         const int len = a->n - at < BLOCK ? a->n - at : BLOCK;
         const int k = kws_pipeline_push(p, a->samples + at, len, found, 8);
         for (int i = 0; i < k && i < 8; i++) {
-            kws_print_detection(stdout, format, &found[i]);
+            kws_print_detection(stdout, p, &found[i]);
             o->detections++;
-            if (words && !match(&found[i], words, n_words)) o->false_alarms++;
+            if (words && !match(network, &found[i], words, n_words)) o->false_alarms++;
         }
     }
     o->total = now() - started;
@@ -174,7 +183,6 @@ static int run(kws_format_t format, const audio_t *a, spoken_t *words, int n_wor
     if (timing) {
         /* The detector alone, on the scores the stream gave it. */
         o->network = kws_pipeline_network_seconds(p);
-        const model_info_t *info = kws_info();
         dl_detector_t *d = dl_detector_new_from_info(info);
         const int64_t runs = kws_pipeline_runs(p) < max_runs ? kws_pipeline_runs(p) : max_runs;
         const double t0 = now();
@@ -186,7 +194,7 @@ static int run(kws_format_t format, const audio_t *a, spoken_t *words, int n_wor
         dl_detector_free(d);
     }
     for (int i = 0; i < n_words; i++)
-        if (is_wake_word(words[i].word)) {
+        if (is_wake_word(network, words[i].word)) {
             o->commands++;
             o->misses += !words[i].found;
         }
@@ -197,7 +205,53 @@ static int run(kws_format_t format, const audio_t *a, spoken_t *words, int n_wor
 
 /* ---- Accuracy on one-second clips. */
 
-static int accuracy(kws_format_t format, const audio_t *a, const char *labels_path)
+/* The class of one clip's features: the CNN's most probable output on the
+ * whole clip; for the LSTM, from fresh states over the clip's frames, the
+ * most probable word or unknown at any frame if that reaches 0.5, else
+ * silence (as train.py scores PyTorch's LSTM). */
+static int classify(kws_network_t network, kws_format_t format, const dl_matrix2d_t *x, const dl_matrix2dq_t *xq)
+{
+    fptp_t scores[KWS_CLASSES];
+    const int silence = KWS_CLASSES - 1;
+    if (network == KWS_CNN) {
+        if (format == KWS_FIXED) kws_cnn_fixed(NULL, xq, scores);
+        else if (format == KWS_FLOAT) kws_cnn_float(NULL, x, scores);
+        else kws_cnn_quantised_weights(NULL, x, scores);
+        const fptp_t *prob = kws_cnn_probabilities(format);
+        int best = 0;
+        for (int i = 1; i < KWS_CLASSES; i++)
+            if (prob[i] > prob[best]) best = i;
+        return best;
+    }
+    kws_lstm_reset();
+    int best = silence;
+    fptp_t best_p = 0.5f;
+    dl_matrix2dq_t *step = NULL;
+    for (int t = 0; t < KWS_FRAMES; t++) {
+        if (format == KWS_FIXED) {
+            step = dl_matrixq_slice(xq, 0, t, KWS_MELS, 1, step);
+            kws_lstm_fixed(NULL, step, scores);
+        } else {
+            dl_matrix2d_t row = {.w = KWS_MELS,
+                                 .h = 1,
+                                 .stride = x->stride,
+                                 .flags = DL_MF_FOREIGNDATA,
+                                 .item = x->item + x->stride * t};
+            if (format == KWS_FLOAT) kws_lstm_float(NULL, &row, scores);
+            else kws_lstm_quantised_weights(NULL, &row, scores);
+        }
+        const fptp_t *prob = kws_lstm_probabilities(format);
+        for (int i = 0; i < silence; i++)
+            if (prob[i] >= best_p) {
+                best = i;
+                best_p = prob[i];
+            }
+    }
+    dl_matrixq_free(step);
+    return best;
+}
+
+static int accuracy(kws_network_t network, kws_format_t format, const audio_t *a, const char *labels_path)
 {
     FILE *f = fopen(labels_path, "r");
     if (!f) {
@@ -205,39 +259,22 @@ static int accuracy(kws_format_t format, const audio_t *a, const char *labels_pa
         return 1;
     }
     const dl_audio_config_t config = KWS_AUDIO_CONFIG;
-    kws_pipeline_t *p = kws_pipeline_new(format); /* for the tables' check only */
-    if (!p) {
-        fclose(f);
-        return 1;
-    }
-    kws_pipeline_free(p);
     dl_audio_features_t *feat = NULL;
     if (format == KWS_FIXED) feat = dl_audio_features_new_q(&config, get_coeff_mel_q.getter_q("mel", NULL, 0), NULL);
     else feat = dl_audio_features_new(&config, get_coeff_mel_f.getter_f("mel", NULL, 0), NULL);
     int clips = 0, right = 0, label;
-    fptp_t scores[KWS_CLASSES];
     while (fscanf(f, "%d", &label) == 1 && (clips + 1) * RATE <= a->n) {
         const int16_t *clip = a->samples + clips * RATE;
-        if (format == KWS_FIXED) {
-            dl_matrix2dq_t *x = dl_audio_features_q(clip, RATE, feat, NULL);
-            kws_cnn_fixed(NULL, x, scores);
-            dl_matrixq_free(x);
-        } else {
-            dl_matrix2d_t *x = dl_audio_features(clip, RATE, feat, NULL);
-            if (format == KWS_FLOAT) kws_cnn_float(NULL, x, scores);
-            else kws_cnn_quantised_weights(NULL, x, scores);
-            dl_matrix_free(x);
-        }
-        const fptp_t *prob = kws_cnn_probabilities(format);
-        int best = 0;
-        for (int i = 1; i < KWS_CLASSES; i++)
-            if (prob[i] > prob[best]) best = i;
-        right += best == label;
+        dl_matrix2d_t *x = format == KWS_FIXED ? NULL : dl_audio_features(clip, RATE, feat, NULL);
+        dl_matrix2dq_t *xq = format == KWS_FIXED ? dl_audio_features_q(clip, RATE, feat, NULL) : NULL;
+        right += classify(network, format, x, xq) == label;
+        dl_matrix_free(x);
+        dl_matrixq_free(xq);
         clips++;
     }
     fclose(f);
     dl_audio_features_free(feat);
-    printf("%s: %d of %d clips right, %.1f %%\n", kws_format_names[format], right, clips,
+    printf("%s %s: %d of %d clips right, %.1f %%\n", kws_network_names[network], kws_format_names[format], right, clips,
            clips ? 100.0 * right / clips : 0.0);
     return 0;
 }
@@ -245,7 +282,7 @@ static int accuracy(kws_format_t format, const audio_t *a, const char *labels_pa
 static int usage(void)
 {
     fprintf(stderr,
-            "usage: wakeword [--format float|weights|fixed] [--check times.txt [--max-misses N] "
+            "usage: wakeword [--network cnn|lstm] [--format float|weights|fixed] [--check times.txt [--max-misses N] "
             "[--max-false-alarms N]] [--accuracy labels.txt] [--timing] file.wav\n");
     return 2;
 }
@@ -254,6 +291,7 @@ int main(int argc, char **argv)
 {
     const char *wav = NULL, *times = NULL, *labels = NULL;
     int first = 0, last = KWS_FORMATS - 1, timing = 0, max_misses = -1, max_false_alarms = -1;
+    int first_net = 0, last_net = KWS_NETWORKS - 1;
     for (int i = 1; i < argc; i++) {
         const int has_value = i + 1 < argc;
         if (!strcmp(argv[i], "--format") && has_value) {
@@ -262,6 +300,12 @@ int main(int argc, char **argv)
             for (int k = 0; k < KWS_FORMATS; k++)
                 if (!strcmp(name, kws_format_names[k])) first = last = k;
             if (first < 0) return usage();
+        } else if (!strcmp(argv[i], "--network") && has_value) {
+            const char *name = argv[++i];
+            first_net = -1;
+            for (int k = 0; k < KWS_NETWORKS; k++)
+                if (!strcmp(name, kws_network_names[k])) first_net = last_net = k;
+            if (first_net < 0) return usage();
         } else if (!strcmp(argv[i], "--check") && has_value) times = argv[++i];
         else if (!strcmp(argv[i], "--accuracy") && has_value) labels = argv[++i];
         else if (!strcmp(argv[i], "--max-misses") && has_value) max_misses = atoi(argv[++i]);
@@ -275,6 +319,7 @@ int main(int argc, char **argv)
     audio_t a = read_wav(wav);
     if (a.n < 0) return 1;
     const char *missing = kws_cnn_init();
+    if (!missing) missing = kws_lstm_init();
     if (missing) {
         fprintf(stderr, "wakeword: table %s missing\n", missing);
         free(a.samples);
@@ -284,30 +329,41 @@ int main(int argc, char **argv)
     int n_words = 0, status = 0;
     if (times && (n_words = read_times(times, words, MAX_WORDS)) < 0) status = 1;
 
-    outcome_t o[KWS_FORMATS];
-    for (int k = first; k <= last && !status; k++) {
-        if (labels) status = accuracy((kws_format_t)k, &a, labels);
-        else status = run((kws_format_t)k, &a, times ? words : NULL, n_words, timing, &o[k]);
-    }
+    /* The fixed-point LSTM's sanity checks warn on quiet frames, which a
+     * stream has plenty of: counted, not printed. */
+    long warnings = 0;
+    dl_set_sanity_handler(count_warning, &warnings);
+    outcome_t o[KWS_NETWORKS][KWS_FORMATS];
+    for (int n = first_net; n <= last_net && !status; n++)
+        for (int k = first; k <= last && !status; k++) {
+            if (labels) status = accuracy((kws_network_t)n, (kws_format_t)k, &a, labels);
+            else status = run((kws_network_t)n, (kws_format_t)k, &a, times ? words : NULL, n_words, timing, &o[n][k]);
+        }
     if (!labels && !status && (times || timing)) {
         const double seconds = (double)a.n / RATE;
-        for (int k = first; k <= last; k++) {
-            if (times) {
-                printf("%s: %d detections, %d of %d commands found, %d missed, %d false alarms\n", kws_format_names[k],
-                       o[k].detections, o[k].commands - o[k].misses, o[k].commands, o[k].misses, o[k].false_alarms);
-                if ((max_misses >= 0 && o[k].misses > max_misses) ||
-                    (max_false_alarms >= 0 && o[k].false_alarms > max_false_alarms))
-                    status = 1;
+        for (int n = first_net; n <= last_net; n++)
+            for (int k = first; k <= last; k++) {
+                const outcome_t *r = &o[n][k];
+                if (times) {
+                    printf("%s %s: %d detections, %d of %d commands found, %d missed, %d false alarms\n",
+                           kws_network_names[n], kws_format_names[k], r->detections, r->commands - r->misses,
+                           r->commands, r->misses, r->false_alarms);
+                    if ((max_misses >= 0 && r->misses > max_misses) ||
+                        (max_false_alarms >= 0 && r->false_alarms > max_false_alarms))
+                        status = 1;
+                }
+                if (timing) {
+                    const double features = r->total - r->network - r->detector;
+                    printf("%s %s: %.3f ms per second of audio: features %.1f %%, network %.1f %%, detector %.2f %%\n",
+                           kws_network_names[n], kws_format_names[k], 1e3 * r->total / seconds,
+                           100.0 * features / r->total, 100.0 * r->network / r->total, 100.0 * r->detector / r->total);
+                }
             }
-            if (timing) {
-                const double features = o[k].total - o[k].network - o[k].detector;
-                printf("%s: %.3f ms per second of audio: features %.1f %%, network %.1f %%, detector %.2f %%\n",
-                       kws_format_names[k], 1e3 * o[k].total / seconds, 100.0 * features / o[k].total,
-                       100.0 * o[k].network / o[k].total, 100.0 * o[k].detector / o[k].total);
-            }
-        }
         if (status) printf("more misses or false alarms than allowed\n");
     }
+    if (warnings) fprintf(stderr, "wakeword: %ld sanity warnings of the fixed-point layers\n", warnings);
+    dl_set_sanity_handler(NULL, NULL);
+    kws_lstm_free();
     kws_cnn_free();
     free(a.samples);
     return status;
