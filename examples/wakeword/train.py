@@ -1,8 +1,10 @@
 #!/usr/bin/python3
-"""Trains the keyword spotter's CNN and exports it with its detector settings.
+"""Trains the keyword spotter's CNN and LSTM and exports them with their
+detector settings.
 
     nice /usr/bin/python3 examples/wakeword/make_data.py build/wakeword_data
-    nice /usr/bin/python3 examples/wakeword/train.py [data dir]     (a few minutes)
+    nice /usr/bin/python3 examples/wakeword/train.py [data dir] [cnn] [lstm]
+                                          (both by default; about 15 minutes)
 
 Inputs: train.npz, val.npz and test.npz of make_data.py (default
 build/wakeword_data), whose voices never meet across the splits.
@@ -12,7 +14,7 @@ for bit what dl_audio_features_q gives the device (20 mel bands, 50 ms
 windows every 40 ms, FFT of 1024: 24 frames a second), as floats (items *
 2^-10).
 
-Network (PyTorch, fixed seeds) over the window of the newest 24 frames, a
+CNN (PyTorch, fixed seeds) over the window of the newest 24 frames, a
 tensor of 24 rows (time) x 20 columns (mel bands) x 1 channel; the batch
 norms are folded into the convolutions before them on export:
   kws_conv1       3 x 3 convolution, 1 -> 8 channels, stride 2 -> batch norm -> ReLU6   12 x 10
@@ -29,6 +31,15 @@ Training shifts each window by up to 4 frames either way (the vacated
 frames silent), since the stream shows the network every position of a
 word, not only the clip's.
 
+LSTM, one frame a step: the frames normalised by the training set's mean
+and deviation per band (folded into the input weights on export), an LSTM
+of LSTM_UNITS units and a fully connected layer to the twelve classes at
+every step. Trained on streams of eight clips one after another, to say a
+clip's word for TARGET_FRAMES frames after the word's loud part (frames
+within 3 nats of the clip's loudest) ends and silence at every other frame,
+so that run on a stream for ever it fires after each word. Its shifts come
+from kelvane_export.calibrate on two-second validation streams.
+
 Detector: for each command the averaging window (runs) and the two
 thresholds that score best on the validation voices, spoken one clip after
 another as a stream: a detection inside a clip of its word (or up to half a
@@ -36,12 +47,15 @@ second after it) is a hit, any other a false alarm, and a false alarm
 costs three hits.
 
 Written here (committed, so that building and testing need no Python):
-  cnn/            the network (TensorModelWriter, kelvane -3d) and _MODEL_INFO_
+  cnn/            the CNN (TensorModelWriter, kelvane -3d) and its _MODEL_INFO_
+  lstm/           the LSTM (ModelWriter) and its _MODEL_INFO_
   features/       mel.npy, the filter bank (kelvane's matrix modes)
   cnn_net.h       shapes, pads, strides and clips of every layer, the
                   fixed-point shifts and the feature settings
-  results.txt     PyTorch's accuracy on the held-out voices, the detector's
-                  settings and its score on the validation stream
+  lstm_net.h      the LSTM's sizes and calibrated shifts
+  results_cnn.txt, results_lstm.txt
+                  PyTorch's accuracy on the held-out voices, the detector's
+                  settings and their score on the validation stream
 and, beside the data (not committed): test_clips.wav and test_labels.txt,
 the test split as one recording of one-second clips for `wakeword --accuracy`.
 
@@ -73,8 +87,9 @@ WIN_LEN, HOP, FFT_LEN = 800, 640, 1024
 FRAMES = kf.frame_count(RATE, WIN_LEN, HOP)  # 24: one second
 CLIP = 6.0                     # ReLU6: activations stay below 6, which suits 16-bit items
 LATE = RATE // 2               # a detection may come this many samples after its clip
-LSTM_UNITS = 32
-TARGET_FRAMES = 6              # the LSTM names a word for 0.24 s after it ends
+LSTM_UNITS = 48
+TARGET_FRAMES = 8              # the LSTM names a word for 0.32 s after it ends
+SILENCE_WEIGHT = 0.3           # most frames are silence: their loss counts less
 
 
 def mel_table():
@@ -159,8 +174,8 @@ def predict(net, x, batch=512):
 
 class Lstm(nn.Module):
     """One frame a step: a fixed input normalisation (folded into the
-    weights on export), an LSTM of 32 units and a fully connected layer to
-    the twelve classes at every step."""
+    weights on export), the LSTM and a fully connected layer to the twelve
+    classes at every step."""
 
     def __init__(self, mean, scale):
         super().__init__()
@@ -202,7 +217,9 @@ def fit_lstm(net, x, targets, epochs, lr, clips=8, batch=16):
     opt = torch.optim.Adam(net.parameters(), lr=lr)
     steps = epochs * ((len(x) // clips + batch - 1) // batch)
     sched = torch.optim.lr_scheduler.OneCycleLR(opt, lr, total_steps=steps)
-    loss_fn = nn.CrossEntropyLoss()
+    weight = torch.ones(len(LABELS))
+    weight[LABELS.index("silence")] = SILENCE_WEIGHT
+    loss_fn = nn.CrossEntropyLoss(weight=weight)
     gen = torch.Generator().manual_seed(2)
     xt, tt = torch.from_numpy(x), torch.from_numpy(targets)
     n = len(x) // clips * clips
@@ -259,7 +276,7 @@ def train_lstm(data, mel_q, x_train, y_train, x_val, y_val, x_test, y_test, val_
     mean = x_train.mean(axis=(0, 1))
     scale = 1.0 / (x_train.std(axis=(0, 1)) + 1e-3)
     net = Lstm(mean, scale)
-    fit_lstm(net, x_train, frame_targets(x_train, y_train), epochs=30, lr=0.01)
+    fit_lstm(net, x_train, frame_targets(x_train, y_train), epochs=40, lr=0.01)
     net.eval()
     accuracy = {name: lstm_clip_accuracy(net, x, y) for name, x, y in
                 [("validation", x_val, y_val), ("test", x_test, y_test)]}
