@@ -20,7 +20,7 @@ struct kws_pipeline {
     dl_audio_stream_t *stream;
     dl_detector_t *detector;
     double (*clock)(void);
-    double network_seconds;
+    double network_time;
     fptp_t *scores;
     int64_t runs, max_runs;
 };
@@ -32,7 +32,7 @@ const model_info_t *kws_info(kws_network_t network)
 
 static void after_run(kws_pipeline_t *p, const fptp_t *scores, double started)
 {
-    if (p->clock) p->network_seconds += p->clock() - started;
+    if (p->clock) p->network_time += p->clock() - started;
     const int words = kws_info(p->network)->word_num;
     if (p->scores && p->runs < p->max_runs)
         for (int i = 0; i < words; i++) p->scores[p->runs * words + i] = scores[i];
@@ -126,7 +126,7 @@ void kws_pipeline_measure(kws_pipeline_t *p, double (*clock)(void), fptp_t *scor
     p->max_runs = scores ? max_runs : 0;
 }
 
-double kws_pipeline_network_seconds(const kws_pipeline_t *p) { return p->network_seconds; }
+double kws_pipeline_network_time(const kws_pipeline_t *p) { return p->network_time; }
 
 int64_t kws_pipeline_runs(const kws_pipeline_t *p) { return p->runs; }
 

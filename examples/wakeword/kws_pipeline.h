@@ -40,11 +40,11 @@ void kws_pipeline_free(kws_pipeline_t *p);
  * how many there were, as dl_audio_stream_push. */
 int kws_pipeline_push(kws_pipeline_t *p, const int16_t *samples, int n, dl_detection_t *found, int max_found);
 
-/* Time spent in the network and the scores of every run, when the host
- * asks for them (clock in seconds, scores room for max_runs runs of
- * word_num scores; NULL for neither). The device never does. */
+/* Time spent in the network calls, by the given clock (seconds on the PC,
+ * timer ticks on the device), and the scores of every run (room for
+ * max_runs runs of word_num scores); NULL for either leaves it out. */
 void kws_pipeline_measure(kws_pipeline_t *p, double (*clock)(void), fptp_t *scores, int64_t max_runs);
-double kws_pipeline_network_seconds(const kws_pipeline_t *p);
+double kws_pipeline_network_time(const kws_pipeline_t *p);
 int64_t kws_pipeline_runs(const kws_pipeline_t *p);
 
 /* One line: "<network> <form> <word> at <s.mmm> s (sample <n>, score

@@ -164,6 +164,11 @@ static int run(kws_network_t network, kws_format_t format, const audio_t *a, spo
     const model_info_t *info = kws_info(network);
     const int64_t max_runs = a->n / KWS_HOP + 2;
     fptp_t *scores = timing ? malloc((size_t)max_runs * (size_t)info->word_num * sizeof *scores) : NULL;
+    if (timing && !scores) {
+        fprintf(stderr, "wakeword: out of memory\n");
+        kws_pipeline_free(p);
+        return 1;
+    }
     if (timing) kws_pipeline_measure(p, now, scores, max_runs);
     for (int i = 0; i < n_words; i++) words[i].found = 0;
 
@@ -182,7 +187,7 @@ static int run(kws_network_t network, kws_format_t format, const audio_t *a, spo
 
     if (timing) {
         /* The detector alone, on the scores the stream gave it. */
-        o->network = kws_pipeline_network_seconds(p);
+        o->network = kws_pipeline_network_time(p);
         dl_detector_t *d = dl_detector_new_from_info(info);
         const int64_t runs = kws_pipeline_runs(p) < max_runs ? kws_pipeline_runs(p) : max_runs;
         const double t0 = now();

@@ -84,7 +84,7 @@ static int run(kws_network_t network, dl_arena_t *arena)
     fprintf(stderr, "cost %s arena records %lu peak %lu refused %lu ticks %lu thousand network %lu thousand\n",
             kws_network_names[network], (unsigned long)records, (unsigned long)dl_arena_peak(arena),
             (unsigned long)arena->refused, (unsigned long)(busy / 1000.0),
-            (unsigned long)(kws_pipeline_network_seconds(p) / 1000.0));
+            (unsigned long)(kws_pipeline_network_time(p) / 1000.0));
     kws_pipeline_free(p);
     return arena->refused ? 1 : 0;
 }
