@@ -107,7 +107,8 @@ TEST_P(LoadTest, MatrixLoader)
 
 INSTANTIATE_TEST_SUITE_P(Bytes, LoadTest, testing::ValuesIn(load_cases()), CaseName());
 
-// Files written by numpy.save (tests/data/make_fixtures.py).
+// Files written by numpy.save (tests/data/make_fixtures.py): numpy's own
+// headers; the other element types and shapes are bytes in the table above.
 struct FixtureCase {
     const char *file;
     int w, h;  // -1: refused
@@ -135,17 +136,12 @@ TEST_P(FixtureTest, NumpyWrittenFiles)
     EXPECT_EQ(std::vector<float>(m->item, m->item + c.w * c.h), c.items);
 }
 
-const std::vector<float> kBase = {-10, -5, 0, 5, 10, 15};
-
 INSTANTIATE_TEST_SUITE_P(
     Fixtures, FixtureTest,
-    testing::Values(FixtureCase{"f4_2x3.npy", 3, 2, kBase}, FixtureCase{"f8_2x3.npy", 3, 2, kBase},
-                    FixtureCase{"i4_2x3.npy", 3, 2, kBase}, FixtureCase{"i8_2x3.npy", 3, 2, kBase},
+    testing::Values(FixtureCase{"f4_2x3.npy", 3, 2, {-10, -5, 0, 5, 10, 15}},
                     FixtureCase{"f4_vec5.npy", 5, 1, {1, -2, 3.5f, 0.25f, 8}},
-                    FixtureCase{"f4_2x3x4.npy", 3, 2, {0, 1, 2, 3, 4, 5}},
                     // fortran_order is not looked at: the data reads as row-major.
-                    FixtureCase{"f4_fortran.npy", 3, 2, {0, 3, 1, 4, 2, 5}}, FixtureCase{"f4_0x3.npy", 3, 0, {}},
-                    FixtureCase{"f4_3x0.npy", 0, 3, {}},
+                    FixtureCase{"f4_fortran.npy", 3, 2, {0, 3, 1, 4, 2, 5}},
                     FixtureCase{"f8_out_of_float_range.npy", 4, 1, {INFINITY, -INFINITY, 0.0f, 1.0f / 3}},
                     FixtureCase{
                         "i8_extremes.npy", 4, 1, {9223372036854775807.0f, -9223372036854775808.0f, 16777216.0f, -7}},

@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <limits>
 
 #include "dl_lib.h"
-#include "numpy_input_internal.h"
 #include "test_util.h"
 
 using namespace testutil;
@@ -230,12 +228,6 @@ TEST_P(ByteConversionTest, WrapsAround)
     const int count = static_cast<int>(c.want.size());
     const std::string file =
         npy_bytes(std::string("{'descr': '") + c.descr + "', 'shape': (1, 1, " + std::to_string(count) + ")}", c.data);
-    // The helper itself, and through the loader.
-    const auto type = c.descr[1] == 'u'   ? dl::npy::Type::u1
-                      : c.descr[1] == 'i' ? (c.descr[2] == '4' ? dl::npy::Type::i4 : dl::npy::Type::i8)
-                                          : (c.descr[2] == '4' ? dl::npy::Type::f4 : dl::npy::Type::f8);
-    const auto *buf = reinterpret_cast<const unsigned char *>(c.data.data());
-    for (int i = 0; i < count; i++) EXPECT_EQ(dl::npy::to_byte(buf, type, i), c.want[i]) << c.descr << " element " << i;
     TempFile f(file);
     testing::internal::CaptureStderr();
     dl_matrix3du_t *t = dl_matrix3du_input_from_numpy_file(f.path());
@@ -266,57 +258,5 @@ INSTANTIATE_TEST_SUITE_P(
                              {255, 1, 7, 255, 0}},
                     ByteCase{"|u1", std::string("\x00\xff\x07", 3), {0, 255, 7}}),
     [](const auto &info) { return std::string(info.param.descr + 1); });
-
-// Files written by numpy.save (tests/data/make_tensor_fixtures.py). A
-// filter file's element holds its own index in C order; an image's element
-// k holds k * 37 - 100, beyond a byte on both sides.
-TEST(TensorFixtures, NumpyWrittenFiles)
-{
-    const struct {
-        const char *file;
-        int n, w, h, c;  // n 0: refused
-    } cases[] = {
-        {"w_f4_2x3x2x2.npy", 2, 3, 2, 2}, {"w_f8_2x3x2x2.npy", 2, 3, 2, 2}, {"w_i4_2x3x2x2.npy", 2, 3, 2, 2},
-        {"w_i8_2x3x2x2.npy", 2, 3, 2, 2}, {"w_f4_vec5.npy", 1, 1, 1, 5},    {"w_f4_2d_3x4.npy", 1, 3, 4, 1},
-        {"w_f4_2x3x4.npy", 0, 0, 0, 0},   {"w_u1_2x3x2x2.npy", 0, 0, 0, 0}, {"in_u1_2x3x4.npy", 1, 3, 2, 4},
-        {"in_f4_2x3x4.npy", 1, 3, 2, 4},  {"in_f8_2x3x4.npy", 1, 3, 2, 4},  {"in_i4_2x3x4.npy", 1, 3, 2, 4},
-        {"in_i8_2x3x4.npy", 1, 3, 2, 4},  {"in_u1_2x3.npy", 0, 0, 0, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.file);
-        const std::string path = std::string(DL_TEST_DATA_DIR) + "/tensor/" + c.file;
-        const bool input = c.file[0] == 'i';
-        testing::internal::CaptureStderr();
-        dl_matrix3d_t *f = input ? nullptr : dl_matrix3d_weight_from_numpy_file(path.c_str());
-        dl_matrix3du_t *u = input ? dl_matrix3du_input_from_numpy_file(path.c_str()) : nullptr;
-        const std::string err = testing::internal::GetCapturedStderr();
-        EXPECT_NE(err.find(path), std::string::npos) << err;
-        if (c.n == 0) {
-            EXPECT_TRUE(f == nullptr && u == nullptr);
-            continue;
-        }
-        ASSERT_TRUE(f || u) << err;
-        const std::vector<int> got =
-            f ? std::vector<int>{f->n, f->w, f->h, f->c} : std::vector<int>{u->n, u->w, u->h, u->c};
-        ASSERT_EQ(got, (std::vector<int>{c.n, c.w, c.h, c.c})) << err;
-        // Filter i, row y, column x, channel ch came from the file's
-        // [y][x][ch][i]; a 2-D file's [r][s] is row s, column r.
-        for (int i = 0; i < c.n; i++)
-            for (int y = 0; y < c.h; y++)
-                for (int x = 0; x < c.w; x++)
-                    for (int ch = 0; ch < c.c; ch++) {
-                        const int at = (c.h * i + y) * c.w * c.c + c.c * x + ch;
-                        if (input) {
-                            EXPECT_EQ(u->item[at], static_cast<uint8_t>(at * 37 - 100)) << "element " << at;
-                        } else {
-                            const int file_index =
-                                strstr(c.file, "_2d_") ? x * c.h + y : ((y * c.w + x) * c.c + ch) * c.n + i;
-                            EXPECT_EQ(f->item[at], static_cast<float>(file_index)) << "element " << at;
-                        }
-                    }
-        dl_matrix3d_free(f);
-        dl_matrix3du_free(u);
-    }
-}
 
 }  // namespace

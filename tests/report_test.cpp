@@ -56,11 +56,16 @@ Settings settings(const std::string &dir, const std::vector<const char *> &opts)
     return parse_options(static_cast<int>(argv.size()), argv.data(), ignored.get()).value();
 }
 
+// The report of a directory, its options parsed as kelvane-report parses
+// them (kelvane's mode options after the directory).
 ModelReport analyse(const std::string &dir, const std::vector<const char *> &opts = {})
 {
+    std::vector<const char *> argv = {"kelvane-report", dir.c_str()};
+    argv.insert(argv.end(), opts.begin(), opts.end());
     MemStream err;
     ModelReport r;
-    EXPECT_TRUE(analyse_model(settings(dir, opts), r, err.get())) << err.str();
+    const auto s = parse_report_options(static_cast<int>(argv.size()), argv.data(), err.get());
+    EXPECT_TRUE(s && analyse_model(s->convert, r, err.get())) << err.str();
     return r;
 }
 
@@ -240,34 +245,6 @@ TEST(Json, NamesWithQuotesBackslashesAndControlBytesParse)
     EXPECT_EQ(doc["skipped"][0]["file"], "junk.\x7f\xef\xbf\xbd");
     // The table's sanitised name q"b\s... is no C identifier: -strict refuses it.
     EXPECT_EQ(doc["strict_findings"].size(), 2u);
-}
-
-// What the options set; refusals and their messages are golden cases
-// (tests/cli/report_*).
-TEST(ReportOptions, Parse)
-{
-    const struct {
-        std::vector<const char *> args;
-        std::string err;
-        bool json;
-        std::optional<double> min_snr;
-        Mode mode;
-    } cases[] = {
-        {{"m"}, "", false, std::nullopt, Mode::quantised_2d},
-        {{"--json", "m", "-no-quantized", "--min-snr", "-3.5"}, "Not quantizing.\n", true, -3.5, Mode::float_2d},
-    };
-    for (const auto &c : cases) {
-        std::vector<const char *> argv = {"kelvane-report"};
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
-        MemStream err;
-        const auto s = parse_report_options(static_cast<int>(argv.size()), argv.data(), err.get());
-        EXPECT_EQ(err.str(), c.err);
-        ASSERT_TRUE(s.has_value());
-        EXPECT_EQ(s->convert.modeldir, "m");
-        EXPECT_EQ(s->json, c.json);
-        EXPECT_EQ(s->min_snr, c.min_snr);
-        EXPECT_EQ(s->convert.mode(), c.mode);
-    }
 }
 
 // ---- the report agrees with the tables kelvane writes ---------------------------------

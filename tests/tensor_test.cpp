@@ -116,8 +116,8 @@ TEST(TensorRange, StrictComparisonsAndNaN)
     EXPECT_EQ(hi, 0.0f);
 }
 
-// The exponent search: the peak scaled by 2^-exponent lands in 16383..32767,
-// both bounds inside.
+// The exponent search is the matrices' (pinned at its bounds with them); the
+// tensor's own loop rounds each item: half a unit added, then toward zero.
 struct ExponentCase {
     const char *name;
     std::vector<float> values;
@@ -142,16 +142,9 @@ TEST_P(TensorQuantiseTest, ExponentAndItems)
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
 INSTANTIATE_TEST_SUITE_P(Peaks, TensorQuantiseTest,
-                         testing::Values(ExponentCase{"top_bound_inclusive", {32767.0f, -32767.0f}, 0, {32767, -32766}},
-                                         ExponentCase{"low_bound_inclusive", {16383.0f}, 0, {16383}},
-                                         ExponentCase{"just_above_top", {32767.5f}, 1, {16384}},
-                                         ExponentCase{"just_below_low", {16382.5f}, -1, {32765}},
-                                         ExponentCase{"one", {1.0f, -1.0f}, -14, {16384, -16383}},
-                                         ExponentCase{"two_and_a_half", {2.5f}, -13, {20480}},
+                         testing::Values(ExponentCase{"one", {1.0f, -1.0f}, -14, {16384, -16383}},
                                          // The peak from the negative side only.
                                          ExponentCase{"negative_side_only", {-3.0f, -1.0f}, -13, {-24575, -8191}},
-                                         ExponentCase{"zeros", {0.0f, -0.0f, 0.0f}, 0, {0, 0, 0}},
-                                         // Rounding at exponent 0: half a unit added, then toward zero.
                                          ExponentCase{"rounding_at_exponent_0",
                                                       {20000, 1.2f, 1.5f, -1.2f, -1.5f, -2.5f, 0.49f, -1.49f},
                                                       0,

@@ -1,48 +1,21 @@
 """A NumPy forward pass of the library's layers, written from their
 definitions, to check exported arrays against PyTorch without any C code.
 
-Float32 throughout, as in the library. The table activations follow the
-library's interpolation and precisions; the sums of the products are
-NumPy's, so results agree with the library to rounding, not to the bit.
+Float32 throughout, as in the library, with exact activations where the
+library interpolates a table; the sums of the products are NumPy's, so
+results agree with the library's layout and formulas, not to the bit.
 """
 import numpy as np
 
 F32 = np.float32
 
-# Sigmoid at x = 0.5 * i, as the library tabulates it.
-SIGMOID_STEPS = np.array([0.5, 0.62256, 0.73096, 0.81738, 0.88086, 0.92432, 0.95264, 0.9707,
-                          0.98193, 0.98877, 0.99316, 0.99609, 0.99756, 0.99854, 0.99902, 1.0], F32)
 
-
-def table_sigmoid(x):
-    x = np.asarray(x, F32)
-    a = np.abs(x)
-    t = (a / F32(0.5)).astype(F32)
-    top = ~(t < 15)  # 7.5 and above, infinities and not-a-number give 1.0
-    t = np.where(top, F32(0), t)
-    i = np.floor(t).astype(np.int64)
-    f = (t - i.astype(F32)).astype(F32)
-    low = SIGMOID_STEPS[i].astype(np.float64) * (1.0 - f.astype(np.float64))
-    high = (SIGMOID_STEPS[np.minimum(i + 1, 15)] * f).astype(F32).astype(np.float64)
-    r = np.where(top, F32(1.0), (high + low).astype(F32))
-    return np.where(x < 0, (F32(1.0) - r).astype(F32), r).astype(F32)
-
-
-def table_tanh(x):
-    s = table_sigmoid((np.asarray(x, F32) * F32(2)).astype(F32))
-    return ((s + s).astype(F32) - F32(1.0)).astype(F32)
-
-
-def exact_sigmoid(x):
+def sigmoid(x):
     return (1.0 / (1.0 + np.exp(-np.asarray(x, np.float64)))).astype(F32)
 
 
-def exact_tanh(x):
+def tanh(x):
     return np.tanh(np.asarray(x, np.float64)).astype(F32)
-
-
-TABLE = (table_sigmoid, table_tanh)
-EXACT = (exact_sigmoid, exact_tanh)
 
 
 def load(directory, name):
@@ -64,9 +37,8 @@ def batch_normalize(m, offset, scale, mean, root):
     return ((m * scale).astype(F32) + offset).astype(F32)
 
 
-def lstm_step(x, c, h, weight, bias, activations=TABLE):
+def lstm_step(x, c, h, weight, bias):
     """One step on rows of inputs; returns the new (c, h)."""
-    sigmoid, tanh = activations
     z = (np.concatenate([x, h], axis=1) @ weight).astype(F32)
     if bias is not None:
         z = (z + bias).astype(F32)
@@ -77,7 +49,7 @@ def lstm_step(x, c, h, weight, bias, activations=TABLE):
     return c, (tanh(c) * sigmoid(o)).astype(F32)
 
 
-def lstm(sequence, weight, bias, activations=TABLE):
+def lstm(sequence, weight, bias):
     """Runs a (steps x rows x inputs) sequence from zero states; returns the
     outputs of every step, (steps x rows x units)."""
     units = weight.shape[1] // 4
@@ -85,7 +57,7 @@ def lstm(sequence, weight, bias, activations=TABLE):
     h = np.zeros_like(c)
     outputs = []
     for x in sequence:
-        c, h = lstm_step(x, c, h, weight, bias, activations)
+        c, h = lstm_step(x, c, h, weight, bias)
         outputs.append(h)
     return np.stack(outputs)
 

@@ -32,8 +32,9 @@ def write(d, name, text):
 
 
 def loader_fixtures(d):
-    """Each element holds its own index in C order, so a test can check
-    where every element of the file lands."""
+    """A model directory of every element type and entry count, some of
+    them refused, for the report's agreement with the converter in the
+    tensor modes; each element holds its own index in C order."""
     bank = np.arange(24).reshape(2, 3, 2, 2)  # (h, w, c, n)
     for descr, dtype in (("f4", np.float32), ("f8", np.float64), ("i4", np.int32), ("i8", np.int64), ("u1", np.uint8)):
         save(d, f"w_{descr}_2x3x2x2.npy", bank.astype(dtype))
