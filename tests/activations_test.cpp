@@ -133,6 +133,70 @@ TEST(SigmoidQ, TablePointsAndLimits)
     EXPECT_EQ(dl_tanh_op_q(16384), static_cast<int>(32767.0f * dl_tanh_op(16384 / 32767.0f)));
 }
 
+// dl_sigmoid_op with its interpolation in double precision, as the model
+// defines it; the library computes the same floats in integers.
+float sigmoid_in_double(float x)
+{
+    static const float steps[16] = {0.5f,     0.62256f, 0.73096f, 0.81738f, 0.88086f, 0.92432f, 0.95264f, 0.9707f,
+                                    0.98193f, 0.98877f, 0.99316f, 0.99609f, 0.99756f, 0.99854f, 0.99902f, 1.0f};
+    if (0.0f > x) return 1.0f - sigmoid_in_double(-x);
+    const float t = x / 0.5f;
+    if (!(t < 15.0f)) return 1.0f;
+    const int i = static_cast<int>(t);
+    const float f = t - static_cast<float>(i);
+    return static_cast<float>(static_cast<double>(steps[i + 1] * f) +
+                              static_cast<double>(steps[i]) * (1.0 - static_cast<double>(f)));
+}
+
+int tanh_q_in_double(int32_t x)
+{
+    const float a = static_cast<float>(x) / 32767.0f;
+    const float s = sigmoid_in_double(a + a);
+    return static_cast<int>(32767.0f * ((s + s) - 1.0f));
+}
+
+// Every input that dl_tanh_q can hand to dl_tanh_op_q: each int16 item
+// aligned by any shift. Right shifts and small left shifts stay within
+// +-2^18, which is covered whole; larger ones are items times 2^s (or
+// saturated), far into the flat ends, and checked item by item.
+TEST(TanhQ, SameAsTheDoubleFormulaForEveryAlignedItem)
+{
+    int64_t mismatches = 0, first = 0;
+    auto check = [&](int32_t x) {
+        if (dl_tanh_op_q(x) != tanh_q_in_double(x) && mismatches++ == 0) first = x;
+    };
+    for (int32_t x = -(1 << 18); x <= (1 << 18); x++) check(x);
+    for (int s = 1; s <= 17; s++)
+        for (int32_t item = -32768; item <= 32767; item++) {
+            const int64_t v = static_cast<int64_t>(item) * (INT64_C(1) << s);
+            if (v > -(1 << 18) && v < (1 << 18)) continue;
+            check(v > INT32_MAX ? INT32_MAX : v < -INT32_MAX ? -INT32_MAX : static_cast<int32_t>(v));
+        }
+    EXPECT_EQ(mismatches, 0) << "first at " << first;
+}
+
+// The float sigmoid on a fine grid over its whole curve and on random bit
+// patterns down to subnormals, which take the double arithmetic.
+TEST(Sigmoid, SameAsTheDoubleFormula)
+{
+    int64_t mismatches = 0;
+    float first = 0.0f;
+    auto check = [&](float x) {
+        const float got = dl_sigmoid_op(x), want = sigmoid_in_double(x);
+        if (memcmp(&got, &want, sizeof got) != 0 && mismatches++ == 0) first = x;
+    };
+    for (int k = -(1 << 20); k <= (1 << 20); k++) check(static_cast<float>(k) * (1.0f / 65536.0f));
+    Rng rng(7);
+    std::uniform_int_distribution<uint32_t> bits(0, 0x41000000u);  // up to 8.0
+    for (int n = 0; n < 1000000; n++) {
+        const uint32_t b = bits(rng) | (n & 1 ? 0x80000000u : 0u);
+        float x;
+        memcpy(&x, &b, sizeof x);
+        check(x);
+    }
+    EXPECT_EQ(mismatches, 0) << "first at " << first;
+}
+
 // Items run through dl_sigmoid_q in place, one row: the alignment to Q15 by
 // the input's exponent.
 struct AlignCase {
