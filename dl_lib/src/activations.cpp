@@ -21,77 +21,6 @@ void map_items(const dl_matrix2d_t *in, dl_matrix2d_t *out, Op op)
         for (int x = 0; x < in->w; x++) out->item[x + out->stride * y] = op(in->item[x + in->stride * y]);
 }
 
-// The table entries as integers of 2^-24: every entry lies in [0.5, 1],
-// where a float is a whole multiple of 2^-24.
-struct StepsMantissa {
-    uint32_t m[16];
-    constexpr StepsMantissa() : m()
-    {
-        for (int i = 0; i < 16; i++) m[i] = static_cast<uint32_t>(kSigmoidSteps[i] * 16777216.0f);
-    }
-};
-constexpr StepsMantissa kStepsMantissa;
-
-// The fraction f of the interpolation counts in units of 2^-37.
-constexpr int kFractionBits = 37;
-
-// v rounded to its `bits` leading bits, to nearest with ties to even: what a
-// float (24) or a double (53) does to an exact v.
-uint64_t round_to_bits(uint64_t v, int bits)
-{
-    if (v >> bits == 0) return v;
-    const int drop = 64 - __builtin_clzll(v) - bits;
-    const uint64_t half = UINT64_C(1) << (drop - 1);
-    const uint64_t rest = v & ((half << 1) - 1);
-    uint64_t kept = v >> drop;
-    if (rest > half || (rest == half && (kept & 1))) kept++;
-    return kept << drop;
-}
-
-// True with *scaled = f * 2^37 when f, in [0, 1), is a whole multiple of
-// 2^-37. Every fraction that a Q15 item gives is (the smallest, at item 1,
-// is about 2^-13 with 24 bits), and so is every fraction of a float from
-// 1.0 up; what is left takes the double arithmetic.
-bool on_fraction_grid(fptp_t f, uint64_t *scaled)
-{
-    uint32_t bits;
-    memcpy(&bits, &f, sizeof bits);
-    if (bits == 0) {
-        *scaled = 0;
-        return true;
-    }
-    const int biased = static_cast<int>(bits >> 23);  // f >= 0: no sign bit
-    if (biased == 0) return false;                    // subnormal
-    const uint32_t mantissa = (bits & 0x7fffffu) | 0x800000u;
-    // f = mantissa * 2^(biased - 150), so f * 2^37 = mantissa * 2^(biased - 113).
-    const int up = biased - (150 - kFractionBits);
-    if (up >= 0) {
-        *scaled = static_cast<uint64_t>(mantissa) << up;
-        return true;
-    }
-    if (-up >= 24 || (mantissa & ((UINT32_C(1) << -up) - 1)) != 0) return false;
-    *scaled = mantissa >> -up;
-    return true;
-}
-
-// The interpolation between entries i and i + 1 that dl_sigmoid_op defines
-// in double precision, in integers of 2^-61 instead, for a fraction
-// f = scaled * 2^-37. Each rounding of the double formula is repeated where
-// it happens: 1 - f and its product with the lower entry are rounded to 53
-// bits, the upper entry's product to 24 (a float), the sum to 53 and then to
-// 24. So the result is the same float without double-precision arithmetic,
-// which a microcontroller has only in software.
-fptp_t sigmoid_mix_exact(int i, uint64_t scaled)
-{
-    const uint64_t one = UINT64_C(1) << kFractionBits;
-    const uint64_t low = round_to_bits(kStepsMantissa.m[i] * round_to_bits(one - scaled, 53), 53);
-    const uint64_t high = round_to_bits(kStepsMantissa.m[i + 1] * scaled, 24);
-    const uint64_t sum = round_to_bits(round_to_bits(low + high, 53), 24);
-    // At most 24 significant bits: their float is exact, and so is the scaling.
-    const int drop = sum >> 24 == 0 ? 0 : 64 - __builtin_clzll(sum) - 24;
-    return static_cast<fptp_t>(static_cast<uint32_t>(sum >> drop)) * dl::pow2f(drop - 24 - kFractionBits);
-}
-
 }  // namespace
 
 fptp_t fast_exp(double x, int n)
@@ -125,8 +54,6 @@ fptp_t dl_sigmoid_op(fptp_t x)
     // truncates to INT32_MIN, which no non-negative t gives otherwise.
     if (i >= 15 || i == INT32_MIN) return 1.0f;
     const fptp_t f = t - static_cast<fptp_t>(i);
-    uint64_t scaled;
-    if (on_fraction_grid(f, &scaled)) return sigmoid_mix_exact(i, scaled);
     // The weights mix precisions on purpose: the lower entry's share is a
     // double product, the upper one's a float product, summed in double.
     const double low = static_cast<double>(kSigmoidSteps[i]) * (1.0 - static_cast<double>(f));
@@ -234,11 +161,42 @@ void dl_sigmoid_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
     map_items_q15(in, out, dl_sigmoid_op_q);
 }
 
+namespace {
+
+// tanh in Q15 from the sigmoid s at 2a that dl_tanh_op takes, for 2a >= 0
+// (s itself) or 2a < 0 (s of -2a, complemented).
+int32_t tanh_q15_of_sigmoid(fptp_t s, bool negative)
+{
+    if (negative) s = 1.0f - s;
+    return dl::trunc_i32(32767.0f * ((s + s) - 1.0f));
+}
+
+}  // namespace
+
 int32_t dl_tanh_op_q(int32_t x)
 {
     // Divided by 32767, not 32768, although x is Q15: the float tanh then
     // runs on a value a little above x's.
     const fptp_t a = static_cast<fptp_t>(x) / 32767.0f;
+    // The sigmoid's interpolation is defined with a double product and a
+    // double sum, which a microcontroller computes in software. In floats
+    // alone it comes out within 2^-23 + 2^-25 of the exact one: each of
+    // 1 - f, the lower entry's product and the sum rounds by at most 2^-25,
+    // 2^-25 and 2^-24, and the exact result by 2^-25. The result in Q15 only
+    // grows with s, so when s - 2^-22 and s + 2^-22 give the same item, so
+    // does the exact s. Otherwise, for about one input in thirty, and on the
+    // flat ends, the double formula decides.
+    const fptp_t y = a + a;
+    const bool negative = 0.0f > y;
+    const fptp_t t = (negative ? -y : y) / kSigmoidStepsize;
+    const int32_t i = dl::trunc_i32(t);
+    if (i >= 0 && i < 15) {
+        const fptp_t f = t - static_cast<fptp_t>(i);
+        const fptp_t s = kSigmoidSteps[i + 1] * f + kSigmoidSteps[i] * (1.0f - f);
+        constexpr fptp_t kMargin = 1.0f / 4194304.0f;  // 2^-22
+        const int32_t below = tanh_q15_of_sigmoid(s - kMargin, negative);
+        if (below == tanh_q15_of_sigmoid(s + kMargin, negative)) return below;
+    }
     return dl::trunc_i32(32767.0f * dl_tanh_op(a));
 }
 
