@@ -129,10 +129,36 @@ template <class Op>
 void map_items_q15(const dl_matrix2dq_t *in, dl_matrix2dq_t *out, Op op)
 {
     const int s = in->exponent + 15;
-    for (int y = 0; y < in->h; y++)
-        for (int x = 0; x < in->w; x++)
-            out->itemq[y + out->stride * x] = dl::low16(op(align_q15(in->itemq[y + in->stride * x], s)));
+    // align_q15 with its case chosen once: a right shift, a left shift of
+    // at most 15 (which no item leaves 32 bits by), or the general case.
+    if (s <= 0) {
+        const int k = -s < 31 ? -s : 31;
+        dl::map_items(in, out, [k, op](qtp_t v) { return dl::low16(op(static_cast<int32_t>(v) >> k)); });
+    } else if (s < 16) {
+        dl::map_items(in, out, [s, op](qtp_t v) { return dl::low16(op(dl::shl(v, s))); });
+    } else {
+        dl::map_items(in, out, [s, op](qtp_t v) { return dl::low16(op(align_q15(v, s))); });
+    }
     out->exponent = -15;
+}
+
+}  // namespace
+
+namespace {
+
+// The sigmoid in Q15 of x >= 0.
+inline int32_t sigmoid_q15_nonnegative(int32_t x)
+{
+    // t = x / 0.5, still Q15: its upper bits index the table.
+    if (x > INT32_MAX / 2) return 32767;
+    const int32_t t = 2 * x;
+    const int32_t i = t >> 15;
+    if (i >= 15) return 32767;
+    const int32_t f = t - (i << 15);
+    // The weights add up to 32767 and the shift divides by 32768 (rounding
+    // down), so a table point comes out one below its entry. At most
+    // 32767 * 32767: 32 bits suffice.
+    return (kSigmoidStepsQ[i] * (32767 - f) + kSigmoidStepsQ[i + 1] * f) >> 15;
 }
 
 }  // namespace
@@ -141,18 +167,8 @@ int32_t dl_sigmoid_op_q(int32_t x)
 {
     // The complement is taken against 32767, the table's 1.0. INT32_MIN, no
     // valid input, is taken as its neighbour instead of overflowing.
-    if (x < 0) return 32767 - dl_sigmoid_op_q(x == INT32_MIN ? INT32_MAX : -x);
-    // t = x / 0.5, still Q15: its upper bits index the table.
-    const int64_t t2 = INT64_C(2) * x;
-    if (t2 > INT32_MAX) return 32767;
-    const int32_t t = static_cast<int32_t>(t2);
-    const int32_t i = t >> 15;
-    if (i >= 15) return 32767;
-    const int32_t f = t - (i << 15);
-    // The weights add up to 32767 and the shift divides by 32768 (rounding
-    // down), so a table point comes out one below its entry. At most
-    // 32767 * 32767: 32 bits suffice.
-    return (kSigmoidStepsQ[i] * (32767 - f) + kSigmoidStepsQ[i + 1] * f) >> 15;
+    if (x < 0) return 32767 - sigmoid_q15_nonnegative(x == INT32_MIN ? INT32_MAX : -x);
+    return sigmoid_q15_nonnegative(x);
 }
 
 void dl_sigmoid_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
@@ -227,19 +243,13 @@ void dl_relu_q(const dl_matrix2dq_t *in, fptp_t clip, dl_matrix2dq_t *out)
     else if (scaled != scaled) limit = 0;
     else limit = dl::trunc_i32(scaled);
     const qtp_t c = static_cast<qtp_t>(limit);
-    for (int y = 0; y < in->h; y++)
-        for (int x = 0; x < in->w; x++)
-            out->itemq[y + out->stride * x] = dl_relu_q_op(in->itemq[y + in->stride * x], c);
+    dl::map_items(in, out, [c](qtp_t v) { return dl_relu_q_op(v, c); });
 }
 
 void dl_relu_noclip_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
 {
     DL_ASSERT(dl_matrixq_same_shape(in, out));
-    for (int x = 0; x < in->w; x++)
-        for (int y = 0; y < in->h; y++) {
-            const qtp_t v = in->itemq[y + in->stride * x];
-            out->itemq[y + out->stride * x] = v < 0 ? 0 : v;
-        }
+    dl::map_items(in, out, [](qtp_t v) { return v < 0 ? static_cast<qtp_t>(0) : v; });
     out->exponent = in->exponent;
 }
 
