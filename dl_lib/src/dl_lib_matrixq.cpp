@@ -335,12 +335,14 @@ dl_matrix2dq_t *dl_matrixq_concat(const dl_matrix2dq_t *a, const dl_matrix2dq_t 
     // The result takes the larger exponent; the other operand is aligned.
     const int exponent = a->exponent > b->exponent ? a->exponent : b->exponent;
     const int da = exponent - a->exponent, db = exponent - b->exponent;
-    for (int x = 0; x < a->w; x++)
-        for (int y = 0; y < a->h; y++)
-            ret->itemq[y + ret->stride * x] = static_cast<qtp_t>(align(a->itemq[y + a->stride * x], da));
-    for (int x = 0; x < b->w; x++)
-        for (int y = 0; y < b->h; y++)
-            ret->itemq[y + ret->stride * (a->w + x)] = static_cast<qtp_t>(align(b->itemq[y + b->stride * x], db));
+    // The new record is flat: a's columns, then b's.
+    dl_matrix2dq_t left = *ret, right = *ret;
+    left.w = a->w;
+    right.w = b->w;
+    right.itemq += static_cast<size_t>(ret->stride) * a->w;
+    const int ka = da < 31 ? da : 31, kb = db < 31 ? db : 31;  // align() in one place
+    dl::map_items(a, &left, [ka](qtp_t v) { return static_cast<qtp_t>(static_cast<int32_t>(v) >> ka); });
+    dl::map_items(b, &right, [kb](qtp_t v) { return static_cast<qtp_t>(static_cast<int32_t>(v) >> kb); });
     ret->exponent = exponent;
     return ret;
 }
@@ -397,8 +399,8 @@ Spread spread_of(const dl_matrix2dq_t *m)
         const qtp_t *p = m->itemq + m->stride * x;
         for (int i = 0; i < len; i++) {
             const int32_t v = p[i];
-            clipped += v == dl::kItemMax || v == -dl::kItemMax;
             const int32_t mag = v < 0 ? -v : v;
+            clipped += mag == dl::kItemMax;  // -32768 has 32768
             largest = mag > largest ? mag : largest;
         }
     }
