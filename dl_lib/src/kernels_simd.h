@@ -19,6 +19,7 @@
 #ifndef DL_LIB_KERNELS_SIMD_H
 #define DL_LIB_KERNELS_SIMD_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -180,8 +181,17 @@ void q_tile(const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *
 {
     constexpr int L = 2 * V::kLanes;  // int16 items in a vector
     const int16_t *bcol[NX];
+    // Where each column starts, and how far b's items reach, counted in
+    // items: a whole vector may be read past the end of a column, into the
+    // next one or its gap, as long as it stays within b. Those items meet
+    // the zero bytes of a and add nothing.
+    ptrdiff_t col_start[NX];
+    const ptrdiff_t b_items = static_cast<ptrdiff_t>(b->stride) * (b->w - 1) + b->h;
 #pragma GCC unroll 8
-    for (int j = 0; j < NX; j++) bcol[j] = b->itemq + b->stride * (x0 + j);
+    for (int j = 0; j < NX; j++) {
+        col_start[j] = static_cast<ptrdiff_t>(b->stride) * (x0 + j);
+        bcol[j] = b->itemq + col_start[j];
+    }
     const int16_t *alo[MY], *ahi[MY];
 #pragma GCC unroll 8
     for (int i = 0; i < MY; i++) {
@@ -202,7 +212,9 @@ void q_tile(const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *
             const int n = cend - k;
             typename V::I bv[NX];
 #pragma GCC unroll 8
-            for (int j = 0; j < NX; j++) bv[j] = n >= L ? V::load16(bcol[j] + k) : V::load16_part(bcol[j] + k, n);
+            for (int j = 0; j < NX; j++)
+                bv[j] =
+                    n >= L || col_start[j] + k + L <= b_items ? V::load16(bcol[j] + k) : V::load16_part(bcol[j] + k, n);
 #pragma GCC unroll 8
             for (int i = 0; i < MY; i++) {
                 const typename V::I al = V::load16(alo[i] + k);
