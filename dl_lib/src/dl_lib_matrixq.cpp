@@ -76,6 +76,16 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t 
     // zero: positives round to nearest (halves up), negatives end up to one
     // unit above their nearest item. The row count bounds the column walk
     // too: an empty matrix may still have two billion columns.
+    if (m->h == 1 && dl::is_flat(out)) {
+        // One row, the layers' case: both records are one run of items.
+        for (int x = 0; x < m->w; x++) {
+            const fptp_t s = m->item[x] + half;
+            const fptp_t p = s * mult;
+            out->itemq[x] = low16(trunc_i32(p));
+        }
+        out->exponent = e;
+        return out;
+    }
     for (int x = 0; x < m->w && m->h > 0; x++) {
         for (int y = 0; y < m->h; y++) {
             fptp_t s = m->item[x + m->stride * y] + half;
