@@ -1,11 +1,12 @@
 # cmake -DPROGRAM=<fixed_trace> -DARGS=<its arguments> -DEXPECTED=<committed> -DACTUAL=<output>
 #       -P trace_test.cmake
+# (PROGRAM may be a list: an emulator and its arguments first, in a cross build.)
 #
 # Runs fixed_trace and fails unless its output equals the committed file
 # byte for byte. With the environment variable KELVANE_UPDATE_GOLDEN=1 the
 # committed file is rewritten instead (review its diff, then run the
 # exporter's tests, which read it).
-execute_process(COMMAND "${PROGRAM}" ${ARGS} OUTPUT_FILE "${ACTUAL}" RESULT_VARIABLE status)
+execute_process(COMMAND ${PROGRAM} ${ARGS} OUTPUT_FILE "${ACTUAL}" RESULT_VARIABLE status)
 if(NOT status STREQUAL "0")
   message(FATAL_ERROR "${PROGRAM}: status ${status}")
 endif()

@@ -6,20 +6,21 @@
 #    user-mode emulation;
 #  - build/h-arm-m4: the library at -Os for a bare-metal Cortex-M4F, with the
 #    firmware image run on QEMU's mps2-an386 board.
-# Both compare the firmware's output byte for byte with the program built
-# for the host.
+# Both compare the output of the firmware and of the keyword spotter's
+# firmware (examples/wakeword/firmware) byte for byte with the same programs
+# built for the host.
 #
 #   tests/arm/run_arm_tests.sh [host build dir]      (default: build/ci)
 #
-# The host build must hold the converter (tool/kelvane) and the firmware
-# (examples/firmware/firmware): a cross build cannot run what it compiles.
+# The host build must hold the converter (tool/kelvane) and both firmware
+# programs: a cross build cannot run what it compiles.
 # Installs the cross compilers, newlib, QEMU and GoogleTest's sources when
 # they are missing (Debian).
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
 host=$(realpath "${1:-build/ci}")
-for f in tool/kelvane examples/firmware/firmware; do
+for f in tool/kelvane examples/firmware/firmware examples/wakeword/firmware/kws_firmware; do
     [ -x "$host/$f" ] || { echo "$0: $host/$f missing: build the host tree first" >&2; exit 1; }
 done
 
@@ -38,7 +39,8 @@ fi
 
 common=(-DDL_LIB_WERROR=ON -DDL_LIB_BUILD_TOOL=OFF
         "-DDL_LIB_HOST_KELVANE=$host/tool/kelvane"
-        "-DDL_LIB_HOST_FIRMWARE=$host/examples/firmware/firmware")
+        "-DDL_LIB_HOST_FIRMWARE=$host/examples/firmware/firmware"
+        "-DDL_LIB_HOST_KWS_FIRMWARE=$host/examples/wakeword/firmware/kws_firmware")
 
 cmake -S . -B build/h-arm-linux --toolchain cmake/toolchain-arm-linux-gnueabihf.cmake \
       -DCMAKE_BUILD_TYPE=Release -DDL_LIB_GTEST_SOURCE_DIR=/usr/src/googletest "${common[@]}"
@@ -47,7 +49,7 @@ cmake --build build/h-arm-linux -j2
 # test (as CTest does) would cost more than the tests themselves.
 qemu-arm -L /usr/arm-linux-gnueabihf build/h-arm-linux/tests/dl_lib_tests --gtest_brief=1
 qemu-arm -L /usr/arm-linux-gnueabihf build/h-arm-linux/tests/audio_tests --gtest_brief=1
-ctest --test-dir build/h-arm-linux -j2 --output-on-failure -R '^(generated\.|c_api$|examples\.|firmware\.)'
+ctest --test-dir build/h-arm-linux -j2 --output-on-failure -R '^(generated\.|c_api$|examples\.|firmware\.|kws_firmware\.)'
 
 cmake -S . -B build/h-arm-m4 --toolchain cmake/toolchain-cortex-m4f.cmake \
       -DCMAKE_BUILD_TYPE=MinSizeRel -DDL_LIB_FILE_IO=OFF -DDL_LIB_BUILD_TESTS=OFF "${common[@]}"
