@@ -78,8 +78,8 @@ kws_pipeline_t *kws_pipeline_new(kws_network_t network, kws_format_t format)
             free(p);
             return NULL;
         }
-        p->features = dl_audio_features_new_q(&config, mel, NULL);
-        if (p->features) p->stream = dl_audio_stream_new_q(p->features, frames, info->word_num, run_fixed, p);
+        p->features = dl_audio_features_alloc_q(&config, mel, NULL);
+        if (p->features) p->stream = dl_audio_stream_alloc_q(p->features, frames, info->word_num, run_fixed, p);
     } else {
 #ifdef KWS_FIXED_ONLY
         fprintf(stderr, "kws: built for the fixed-point form only\n");
@@ -92,11 +92,11 @@ kws_pipeline_t *kws_pipeline_new(kws_network_t network, kws_format_t format)
             free(p);
             return NULL;
         }
-        p->features = dl_audio_features_new(&config, mel, NULL);
-        if (p->features) p->stream = dl_audio_stream_new(p->features, frames, info->word_num, run_float, p);
+        p->features = dl_audio_features_alloc(&config, mel, NULL);
+        if (p->features) p->stream = dl_audio_stream_alloc(p->features, frames, info->word_num, run_float, p);
 #endif
     }
-    p->detector = dl_detector_new_from_info(info);
+    p->detector = dl_detector_alloc_from_info(info);
     if (!p->features || !p->stream || !p->detector) {
         fprintf(stderr, "kws: out of memory\n");
         kws_pipeline_free(p);

@@ -188,7 +188,7 @@ static int run(kws_network_t network, kws_format_t format, const audio_t *a, spo
     if (timing) {
         /* The detector alone, on the scores the stream gave it. */
         o->network = kws_pipeline_network_time(p);
-        dl_detector_t *d = dl_detector_new_from_info(info);
+        dl_detector_t *d = dl_detector_alloc_from_info(info);
         const int64_t runs = kws_pipeline_runs(p) < max_runs ? kws_pipeline_runs(p) : max_runs;
         const double t0 = now();
         for (int64_t r = 0; r < runs; r++) {
@@ -265,8 +265,8 @@ static int accuracy(kws_network_t network, kws_format_t format, const audio_t *a
     }
     const dl_audio_config_t config = KWS_AUDIO_CONFIG;
     dl_audio_features_t *feat = NULL;
-    if (format == KWS_FIXED) feat = dl_audio_features_new_q(&config, get_coeff_mel_q.getter_q("mel", NULL, 0), NULL);
-    else feat = dl_audio_features_new(&config, get_coeff_mel_f.getter_f("mel", NULL, 0), NULL);
+    if (format == KWS_FIXED) feat = dl_audio_features_alloc_q(&config, get_coeff_mel_q.getter_q("mel", NULL, 0), NULL);
+    else feat = dl_audio_features_alloc(&config, get_coeff_mel_f.getter_f("mel", NULL, 0), NULL);
     int clips = 0, right = 0, label;
     while (fscanf(f, "%d", &label) == 1 && (clips + 1) * RATE <= a->n) {
         const int16_t *clip = a->samples + clips * RATE;
