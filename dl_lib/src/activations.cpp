@@ -207,8 +207,10 @@ int32_t dl_tanh_op_q(int32_t x)
     const fptp_t y = a + a;
     const bool negative = 0.0f > y;
     const fptp_t t = (negative ? -y : y) / kSigmoidStepsize;
-    const int32_t i = dl::trunc_i32(t);
-    if (i >= 0 && i < 15) {
+    // |t| is at most 4 * 2^31 / 32767, about 2^18: the plain conversion
+    // truncates it.
+    const int32_t i = static_cast<int32_t>(t);
+    if (i < 15) {
         const fptp_t f = t - static_cast<fptp_t>(i);
         const fptp_t s = kSigmoidSteps[i + 1] * f + kSigmoidSteps[i] * (1.0f - f);
         constexpr fptp_t kMargin = 1.0f / 4194304.0f;  // 2^-22
