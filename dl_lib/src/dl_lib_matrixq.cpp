@@ -401,22 +401,29 @@ struct Spread {
 Spread spread_of(const dl_matrix2dq_t *m)
 {
     // One run of w * h items when the record is flat, else one per column.
+    // The first pass keeps only the extremes; clipped items are counted in
+    // a second one, and only when an extreme says there may be any.
     const bool flat = dl::is_flat(m);
     const int runs = flat ? 1 : m->w, len = flat ? m->w * m->h : m->h;
-    int clipped = 0;
-    int32_t largest = 0;
+    int32_t hi = 0, lo = 0;
     for (int x = 0; x < runs; x++) {
         const qtp_t *p = m->itemq + m->stride * x;
         for (int i = 0; i < len; i++) {
             const int32_t v = p[i];
-            const int32_t mag = v < 0 ? -v : v;
-            clipped += mag == dl::kItemMax;  // -32768 has 32768
-            largest = mag > largest ? mag : largest;
+            hi = v > hi ? v : hi;
+            lo = v < lo ? v : lo;
         }
     }
     Spread s;
-    s.clipped = clipped;
-    s.largest = largest;
+    s.largest = hi > -lo ? hi : -lo;  // -32768 has 32768
+    if (hi == dl::kItemMax || lo <= -dl::kItemMax) {
+        int clipped = 0;
+        for (int x = 0; x < runs; x++) {
+            const qtp_t *p = m->itemq + m->stride * x;
+            for (int i = 0; i < len; i++) clipped += p[i] == dl::kItemMax || p[i] == -dl::kItemMax;
+        }
+        s.clipped = clipped;
+    }
     return s;
 }
 
