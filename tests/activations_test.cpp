@@ -133,6 +133,48 @@ TEST(SigmoidQ, TablePointsAndLimits)
     EXPECT_EQ(dl_tanh_op_q(16384), static_cast<int>(32767.0f * dl_tanh_op(16384 / 32767.0f)));
 }
 
+// dl_sigmoid_op with its interpolation in double precision, as the model
+// defines it: dl_tanh_op_q must give what it gives.
+float sigmoid_in_double(float x)
+{
+    static const float steps[16] = {0.5f,     0.62256f, 0.73096f, 0.81738f, 0.88086f, 0.92432f, 0.95264f, 0.9707f,
+                                    0.98193f, 0.98877f, 0.99316f, 0.99609f, 0.99756f, 0.99854f, 0.99902f, 1.0f};
+    if (0.0f > x) return 1.0f - sigmoid_in_double(-x);
+    const float t = x / 0.5f;
+    if (!(t < 15.0f)) return 1.0f;
+    const int i = static_cast<int>(t);
+    const float f = t - static_cast<float>(i);
+    return static_cast<float>(static_cast<double>(steps[i + 1] * f) +
+                              static_cast<double>(steps[i]) * (1.0 - static_cast<double>(f)));
+}
+
+int tanh_q_in_double(int32_t x)
+{
+    const float a = static_cast<float>(x) / 32767.0f;
+    const float s = sigmoid_in_double(a + a);
+    return static_cast<int>(32767.0f * ((s + s) - 1.0f));
+}
+
+// Every input that dl_tanh_q can hand to dl_tanh_op_q: each int16 item
+// aligned by any shift. Right shifts and small left shifts stay within
+// +-2^18, which is covered whole; larger ones are items times 2^s (or
+// saturated), far into the flat ends, and checked item by item.
+TEST(TanhQ, SameAsTheDoubleFormulaForEveryAlignedItem)
+{
+    int64_t mismatches = 0, first = 0;
+    auto check = [&](int32_t x) {
+        if (dl_tanh_op_q(x) != tanh_q_in_double(x) && mismatches++ == 0) first = x;
+    };
+    for (int32_t x = -(1 << 18); x <= (1 << 18); x++) check(x);
+    for (int s = 1; s <= 17; s++)
+        for (int32_t item = -32768; item <= 32767; item++) {
+            const int64_t v = static_cast<int64_t>(item) * (INT64_C(1) << s);
+            if (v > -(1 << 18) && v < (1 << 18)) continue;
+            check(v > INT32_MAX ? INT32_MAX : v < -INT32_MAX ? -INT32_MAX : static_cast<int32_t>(v));
+        }
+    EXPECT_EQ(mismatches, 0) << "first at " << first;
+}
+
 // Items run through dl_sigmoid_q in place, one row: the alignment to Q15 by
 // the input's exponent.
 struct AlignCase {

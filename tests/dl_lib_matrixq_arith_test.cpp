@@ -94,27 +94,32 @@ TEST_P(QDotKernelTest, MatchesReferenceBitForBit)
 
 // Sums of many extreme products, the largest that 32-bit partial sums inside
 // a kernel could meet: every lane holds the largest products for thousands
-// of steps. A float result shows an overflow of 2^32 at once.
+// of steps, or every lane of a short run, summed across lanes. A float
+// result shows an overflow of 2^32 at once. One row and three, two columns
+// and five: the tiles of one-row products are wider.
 TEST_P(QDotKernelTest, ExtremeItemsOverLongSums)
 {
     const dl::Isa isa = GetParam();
     if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
-    const int K = 9001;
     const int corner[][2] = {{32767, -32768}, {-32768, -32768}, {-32767, 32767}, {255, -32768}, {-32513, -32768}};
-    for (const auto &c : corner) {
-        ItemBox a(K, 3, 1), b(2, K, 0);
-        a.each([&](int) { return c[0]; });
-        b.each([&](int) { return c[1]; });
-        a.at(K - 1, 2) = 0;  // one sum slightly off the others
-        FloatBox res(2, 3, 0);
-        const dl::QDotOut out = dl::qdot_to_floats(&res.m, 1.0f);
-        if (isa == dl::Isa::none) dl::matrixq_dot_plain(&a.m, &b.m, out);
-        else ASSERT_TRUE(dl::matrixq_dot_kernel(isa, &a.m, &b.m, out));
-        for (int y = 0; y < 3; y++) {
-            const int64_t sum = static_cast<int64_t>(c[0]) * c[1] * (y == 2 ? K - 1 : K);
-            for (int x = 0; x < 2; x++) ASSERT_EQ(res.at(x, y), static_cast<float>(sum)) << c[0] << " " << c[1];
-        }
-    }
+    for (const int K : {256, 258, 9001})
+        for (const int rows : {1, 3})
+            for (const int cols : {2, 5})
+                for (const auto &c : corner) {
+                    ItemBox a(K, rows, 1), b(cols, K, 0);
+                    a.each([&](int) { return c[0]; });
+                    b.each([&](int) { return c[1]; });
+                    a.at(K - 1, rows - 1) = 0;  // one sum slightly off the others
+                    FloatBox res(cols, rows, 0);
+                    const dl::QDotOut out = dl::qdot_to_floats(&res.m, 1.0f);
+                    if (isa == dl::Isa::none) dl::matrixq_dot_plain(&a.m, &b.m, out);
+                    else ASSERT_TRUE(dl::matrixq_dot_kernel(isa, &a.m, &b.m, out));
+                    for (int y = 0; y < rows; y++) {
+                        const int64_t sum = static_cast<int64_t>(c[0]) * c[1] * (y == rows - 1 ? K - 1 : K);
+                        for (int x = 0; x < cols; x++)
+                            ASSERT_EQ(res.at(x, y), static_cast<float>(sum)) << c[0] << " " << c[1] << " K " << K;
+                    }
+                }
 }
 
 INSTANTIATE_TEST_SUITE_P(Paths, QDotKernelTest,

@@ -129,23 +129,29 @@ template <class Op>
 void map_items_q15(const dl_matrix2dq_t *in, dl_matrix2dq_t *out, Op op)
 {
     const int s = in->exponent + 15;
-    for (int y = 0; y < in->h; y++)
-        for (int x = 0; x < in->w; x++)
-            out->itemq[y + out->stride * x] = dl::low16(op(align_q15(in->itemq[y + in->stride * x], s)));
+    // align_q15 with its case chosen once: a right shift, a left shift of
+    // at most 15 (which no item leaves 32 bits by), or the general case.
+    if (s <= 0) {
+        const int k = -s < 31 ? -s : 31;
+        dl::map_items(in, out, [k, op](qtp_t v) { return dl::low16(op(static_cast<int32_t>(v) >> k)); });
+    } else if (s < 16) {
+        dl::map_items(in, out, [s, op](qtp_t v) { return dl::low16(op(dl::shl(v, s))); });
+    } else {
+        dl::map_items(in, out, [s, op](qtp_t v) { return dl::low16(op(align_q15(v, s))); });
+    }
     out->exponent = -15;
 }
 
 }  // namespace
 
-int32_t dl_sigmoid_op_q(int32_t x)
+namespace {
+
+// The sigmoid in Q15 of x >= 0.
+inline int32_t sigmoid_q15_nonnegative(int32_t x)
 {
-    // The complement is taken against 32767, the table's 1.0. INT32_MIN, no
-    // valid input, is taken as its neighbour instead of overflowing.
-    if (x < 0) return 32767 - dl_sigmoid_op_q(x == INT32_MIN ? INT32_MAX : -x);
     // t = x / 0.5, still Q15: its upper bits index the table.
-    const int64_t t2 = INT64_C(2) * x;
-    if (t2 > INT32_MAX) return 32767;
-    const int32_t t = static_cast<int32_t>(t2);
+    if (x > INT32_MAX / 2) return 32767;
+    const int32_t t = 2 * x;
     const int32_t i = t >> 15;
     if (i >= 15) return 32767;
     const int32_t f = t - (i << 15);
@@ -155,24 +161,69 @@ int32_t dl_sigmoid_op_q(int32_t x)
     return (kSigmoidStepsQ[i] * (32767 - f) + kSigmoidStepsQ[i + 1] * f) >> 15;
 }
 
+}  // namespace
+
+int32_t dl_sigmoid_op_q(int32_t x)
+{
+    // The complement is taken against 32767, the table's 1.0. INT32_MIN, no
+    // valid input, is taken as its neighbour instead of overflowing.
+    if (x < 0) return 32767 - sigmoid_q15_nonnegative(x == INT32_MIN ? INT32_MAX : -x);
+    return sigmoid_q15_nonnegative(x);
+}
+
 void dl_sigmoid_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
 {
     DL_ASSERT(dl_matrixq_same_shape(in, out));
-    map_items_q15(in, out, dl_sigmoid_op_q);
+    map_items_q15(in, out, [](int32_t x) { return dl_sigmoid_op_q(x); });
 }
+
+namespace {
+
+// tanh in Q15 from the sigmoid s at 2a that dl_tanh_op takes, for 2a >= 0
+// (s itself) or 2a < 0 (s of -2a, complemented).
+int32_t tanh_q15_of_sigmoid(fptp_t s, bool negative)
+{
+    if (negative) s = 1.0f - s;
+    // s lies within 2^-21 of [0, 1], so the product lies within (-32768,
+    // 32768): the plain conversion truncates it as trunc_i32 would.
+    return static_cast<int32_t>(32767.0f * ((s + s) - 1.0f));
+}
+
+}  // namespace
 
 int32_t dl_tanh_op_q(int32_t x)
 {
     // Divided by 32767, not 32768, although x is Q15: the float tanh then
     // runs on a value a little above x's.
     const fptp_t a = static_cast<fptp_t>(x) / 32767.0f;
+    // The sigmoid's interpolation is defined with a double product and a
+    // double sum, which a microcontroller computes in software. In floats
+    // alone it comes out within 2^-23 + 2^-25 of the exact one: each of
+    // 1 - f, the lower entry's product and the sum rounds by at most 2^-25,
+    // 2^-25 and 2^-24, and the exact result by 2^-25. The result in Q15 only
+    // grows with s, so when s - 2^-22 and s + 2^-22 give the same item, so
+    // does the exact s. Otherwise, for about one input in thirty, and on the
+    // flat ends, the double formula decides.
+    const fptp_t y = a + a;
+    const bool negative = 0.0f > y;
+    const fptp_t t = (negative ? -y : y) / kSigmoidStepsize;
+    // |t| is at most 4 * 2^31 / 32767, about 2^18: the plain conversion
+    // truncates it.
+    const int32_t i = static_cast<int32_t>(t);
+    if (i < 15) {
+        const fptp_t f = t - static_cast<fptp_t>(i);
+        const fptp_t s = kSigmoidSteps[i + 1] * f + kSigmoidSteps[i] * (1.0f - f);
+        constexpr fptp_t kMargin = 1.0f / 4194304.0f;  // 2^-22
+        const int32_t below = tanh_q15_of_sigmoid(s - kMargin, negative);
+        if (below == tanh_q15_of_sigmoid(s + kMargin, negative)) return below;
+    }
     return dl::trunc_i32(32767.0f * dl_tanh_op(a));
 }
 
 void dl_tanh_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
 {
     DL_ASSERT(dl_matrixq_same_shape(in, out));
-    map_items_q15(in, out, dl_tanh_op_q);
+    map_items_q15(in, out, [](int32_t x) { return dl_tanh_op_q(x); });
 }
 
 qtp_t dl_relu_q_op(qtp_t x, qtp_t clip)
@@ -196,19 +247,13 @@ void dl_relu_q(const dl_matrix2dq_t *in, fptp_t clip, dl_matrix2dq_t *out)
     else if (scaled != scaled) limit = 0;
     else limit = dl::trunc_i32(scaled);
     const qtp_t c = static_cast<qtp_t>(limit);
-    for (int y = 0; y < in->h; y++)
-        for (int x = 0; x < in->w; x++)
-            out->itemq[y + out->stride * x] = dl_relu_q_op(in->itemq[y + in->stride * x], c);
+    dl::map_items(in, out, [c](qtp_t v) { return dl_relu_q_op(v, c); });
 }
 
 void dl_relu_noclip_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
 {
     DL_ASSERT(dl_matrixq_same_shape(in, out));
-    for (int x = 0; x < in->w; x++)
-        for (int y = 0; y < in->h; y++) {
-            const qtp_t v = in->itemq[y + in->stride * x];
-            out->itemq[y + out->stride * x] = v < 0 ? 0 : v;
-        }
+    dl::map_items(in, out, [](qtp_t v) { return v < 0 ? static_cast<qtp_t>(0) : v; });
     out->exponent = in->exponent;
 }
 

@@ -162,12 +162,16 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     // As in the float layer, a row of positions is one product: each window
     // flattened once into a row of `windows` (at the input's one exponent),
     // each position's channels formed as exact sums, rounded once to float
-    // and scaled, straight into out; then the bias, position by position.
+    // and scaled, straight into out; then the bias.
     const int places = filter_w * filter_h;
     const int wo = geo.x.n;
     dl_matrix2dq_t *windows = dl_matrixq_alloc(places, wo);
     DL_ASSERT_ALLOCATED(windows);
     windows->exponent = source->exponent;
+    // The bias has one item per channel, as dl_matrix_add requires of a
+    // position's row; it is added as position + bias, in that order.
+    const dl_matrix2d_t first = view_of(out->item, out_channels, 1, out_channels);
+    DL_ASSERT(dl_matrix_same_shape(&first, bias));
     for (int oy = 0; oy < geo.y.n; oy++) {
         const int y0 = oy * stride_y + geo.y.offset;
         for (int ox = 0; ox < wo; ox++) {
@@ -180,10 +184,9 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
         fptp_t *row = out->item + static_cast<size_t>(oy) * wo * out_channels;
         dl_matrix2d_t sums = view_of(row, out_channels, wo, out_channels);
         dl_matrixq_dot_matrix_out(windows, filter, &sums);
-        for (int ox = 0; ox < wo; ox++) {
-            dl_matrix2d_t position = view_of(row + ox * out_channels, out_channels, 1, out_channels);
-            dl_matrix_add(&position, bias, &position);
-        }
+        for (int ox = 0; ox < wo; ox++)
+            for (int oc = 0; oc < out_channels; oc++)
+                row[ox * out_channels + oc] = row[ox * out_channels + oc] + bias->item[oc];
     }
     dl_matrixq_free(windows);
     dl_matrixq_free(qin);

@@ -58,6 +58,42 @@ inline int32_t saturate(int64_t v)
     return static_cast<int32_t>(v);
 }
 
+/* A fixed-point record whose items lie back to back in their column-major
+ * order: one column, or a stride equal to the height. */
+inline bool is_flat(const dl_matrix2dq_t *m) { return m->w <= 1 || m->stride == m->h; }
+
+/* r(x, y) = op(a(x, y)) for records of one shape, column by column; records
+ * that are all flat take one run of w * h items, which the compiler can
+ * unroll and vectorise. One loop body either way, so that a build for size
+ * still inlines op. r may be a. */
+template <class Op>
+inline void map_items(const dl_matrix2dq_t *a, dl_matrix2dq_t *r, Op op)
+{
+    const bool flat = is_flat(a) && is_flat(r);
+    const int runs = flat ? 1 : a->w, len = flat ? a->w * a->h : a->h;
+    for (int x = 0; x < runs; x++) {
+        const qtp_t *pa = a->itemq + a->stride * x;
+        qtp_t *pr = r->itemq + r->stride * x;
+        for (int i = 0; i < len; i++) pr[i] = op(pa[i]);
+    }
+}
+
+/* r(x, y) = op(a(x, y), b(x, y)), walked as map_items walks. r may be a or b. */
+template <class Op>
+inline void map_items(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *r, Op op)
+{
+    const bool flat = is_flat(a) && is_flat(b) && is_flat(r);
+    const int runs = flat ? 1 : a->w, len = flat ? a->w * a->h : a->h;
+    for (int x = 0; x < runs; x++) {
+        const qtp_t *pa = a->itemq + a->stride * x, *pb = b->itemq + b->stride * x;
+        qtp_t *pr = r->itemq + r->stride * x;
+        for (int i = 0; i < len; i++) pr[i] = op(pa[i], pb[i]);
+    }
+}
+
+/* v held to the saturation range, as saturate() does, in 32 bits. */
+inline int32_t saturate32(int32_t v) { return v > kItemMax ? kItemMax : v < -kItemMax ? -kItemMax : v; }
+
 /* v * 2^n in 32-bit two's complement, for negative v too (n from 0 to 31). */
 inline int32_t shl(int32_t v, int n) { return static_cast<int32_t>(static_cast<uint32_t>(v) << n); }
 

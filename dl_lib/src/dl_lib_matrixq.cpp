@@ -76,6 +76,16 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t 
     // zero: positives round to nearest (halves up), negatives end up to one
     // unit above their nearest item. The row count bounds the column walk
     // too: an empty matrix may still have two billion columns.
+    if (m->h == 1 && dl::is_flat(out)) {
+        // One row, the layers' case: both records are one run of items.
+        for (int x = 0; x < m->w; x++) {
+            const fptp_t s = m->item[x] + half;
+            const fptp_t p = s * mult;
+            out->itemq[x] = low16(trunc_i32(p));
+        }
+        out->exponent = e;
+        return out;
+    }
     for (int x = 0; x < m->w && m->h > 0; x++) {
         for (int y = 0; y < m->h; y++) {
             fptp_t s = m->item[x + m->stride * y] + half;
@@ -211,7 +221,22 @@ void dl_matrix_matrixq_dot(const dl_matrix2d_t *a, const dl_matrix2dq_t *b, dl_m
 static int32_t align(int32_t item, int d) { return item >> (d < 31 ? d : 31); }
 
 // Add and subtract share the alignment: the operand with the smaller
-// exponent is shifted to the other's, and only it loses bits.
+// exponent is shifted to the other's, and only it loses bits. The
+// difference keeps the order of the arguments, not of the alignment: kOp 0
+// adds, 1 takes high - low, 2 low - high. kHalve (shift 0) halves, rounding
+// down, so that the sum always fits; otherwise the exponent stays and the
+// sum saturates.
+template <int kOp, bool kHalve>
+static void add_or_sub_items(const dl_matrix2dq_t *high, const dl_matrix2dq_t *low, dl_matrix2dq_t *res, int d)
+{
+    const int k = d < 31 ? d : 31;  // align() in one place
+    dl::map_items(high, low, res, [k](qtp_t hi, qtp_t lo) {
+        const int32_t p = hi, q = static_cast<int32_t>(lo) >> k;
+        const int32_t t = kOp == 0 ? p + q : kOp == 1 ? p - q : q - p;
+        return static_cast<qtp_t>(kHalve ? t >> 1 : dl::saturate32(t));
+    });
+}
+
 static void add_or_sub(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *res, int shift, bool sub)
 {
     const bool a_high = a->exponent >= b->exponent;
@@ -219,17 +244,15 @@ static void add_or_sub(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matr
     const dl_matrix2dq_t *low = a_high ? b : a;
     const int d = high->exponent - low->exponent;
     const int exponent = shift == 0 ? high->exponent + 1 : high->exponent;
-    for (int x = 0; x < a->w; x++) {
-        for (int y = 0; y < a->h; y++) {
-            const int32_t p = high->itemq[y + high->stride * x];
-            const int32_t q = align(low->itemq[y + low->stride * x], d);
-            // The difference keeps the order of the arguments, not of the
-            // alignment.
-            const int32_t t = !sub ? p + q : a_high ? p - q : q - p;
-            // shift 0 halves (rounding down) so that the sum always fits;
-            // shift 1 keeps the exponent and saturates.
-            res->itemq[y + res->stride * x] = static_cast<qtp_t>(shift == 0 ? t >> 1 : dl::saturate(t));
-        }
+    const int op = !sub ? 0 : a_high ? 1 : 2;
+    if (shift == 0) {
+        if (op == 0) add_or_sub_items<0, true>(high, low, res, d);
+        else if (op == 1) add_or_sub_items<1, true>(high, low, res, d);
+        else add_or_sub_items<2, true>(high, low, res, d);
+    } else {
+        if (op == 0) add_or_sub_items<0, false>(high, low, res, d);
+        else if (op == 1) add_or_sub_items<1, false>(high, low, res, d);
+        else add_or_sub_items<2, false>(high, low, res, d);
     }
     res->exponent = exponent;
 }
@@ -256,11 +279,9 @@ void dl_matrixq_mul(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2
     const int exponent = a->exponent + b->exponent + 16;
     // The upper half of the 32-bit product, rounded down. It lies within
     // -16384..16384, so nothing needs saturating.
-    for (int x = 0; x < a->w; x++)
-        for (int y = 0; y < a->h; y++) {
-            const int32_t p = static_cast<int32_t>(a->itemq[y + a->stride * x]) * b->itemq[y + b->stride * x];
-            res->itemq[y + res->stride * x] = static_cast<qtp_t>(p >> 16);
-        }
+    dl::map_items(a, b, res, [](qtp_t p, qtp_t q) {
+        return static_cast<qtp_t>((static_cast<int32_t>(p) * static_cast<int32_t>(q)) >> 16);
+    });
     res->exponent = exponent;
 }
 
@@ -306,14 +327,14 @@ void dl_matrixq_add_const(dl_matrix2dq_t *m, fptp_t value, int shift)
     }
     if (shift == 0) m->exponent += 1;
     m->exponent += n;
-    for (int x = 0; x < m->w; x++) {
-        for (int y = 0; y < m->h; y++) {
-            qtp_t &item = m->itemq[y + m->stride * x];
-            const int32_t t = (static_cast<int32_t>(item) >> n) + c;
-            // Halving truncates toward zero here, unlike dl_matrixq_add.
-            item = static_cast<qtp_t>(shift == 0 ? t / 2 : dl::saturate(t));
-        }
-    }
+    // Halving truncates toward zero here, unlike dl_matrixq_add.
+    if (shift == 0)
+        dl::map_items(m, m,
+                      [n, c](qtp_t item) { return static_cast<qtp_t>(((static_cast<int32_t>(item) >> n) + c) / 2); });
+    else
+        dl::map_items(m, m, [n, c](qtp_t item) {
+            return static_cast<qtp_t>(dl::saturate32((static_cast<int32_t>(item) >> n) + c));
+        });
 }
 
 dl_matrix2dq_t *dl_matrixq_concat(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b)
@@ -324,12 +345,14 @@ dl_matrix2dq_t *dl_matrixq_concat(const dl_matrix2dq_t *a, const dl_matrix2dq_t 
     // The result takes the larger exponent; the other operand is aligned.
     const int exponent = a->exponent > b->exponent ? a->exponent : b->exponent;
     const int da = exponent - a->exponent, db = exponent - b->exponent;
-    for (int x = 0; x < a->w; x++)
-        for (int y = 0; y < a->h; y++)
-            ret->itemq[y + ret->stride * x] = static_cast<qtp_t>(align(a->itemq[y + a->stride * x], da));
-    for (int x = 0; x < b->w; x++)
-        for (int y = 0; y < b->h; y++)
-            ret->itemq[y + ret->stride * (a->w + x)] = static_cast<qtp_t>(align(b->itemq[y + b->stride * x], db));
+    // The new record is flat: a's columns, then b's.
+    dl_matrix2dq_t left = *ret, right = *ret;
+    left.w = a->w;
+    right.w = b->w;
+    right.itemq += static_cast<size_t>(ret->stride) * a->w;
+    const int ka = da < 31 ? da : 31, kb = db < 31 ? db : 31;  // align() in one place
+    dl::map_items(a, &left, [ka](qtp_t v) { return static_cast<qtp_t>(static_cast<int32_t>(v) >> ka); });
+    dl::map_items(b, &right, [kb](qtp_t v) { return static_cast<qtp_t>(static_cast<int32_t>(v) >> kb); });
     ret->exponent = exponent;
     return ret;
 }
@@ -377,14 +400,29 @@ struct Spread {
 
 Spread spread_of(const dl_matrix2dq_t *m)
 {
-    Spread s;
-    for (int x = 0; x < m->w; x++) {
-        for (int y = 0; y < m->h; y++) {
-            const int32_t v = m->itemq[y + m->stride * x];
-            if (v == dl::kItemMax || v == -dl::kItemMax) s.clipped++;
-            const int32_t mag = v < 0 ? -v : v;
-            if (mag > s.largest) s.largest = mag;
+    // One run of w * h items when the record is flat, else one per column.
+    // The first pass keeps only the extremes; clipped items are counted in
+    // a second one, and only when an extreme says there may be any.
+    const bool flat = dl::is_flat(m);
+    const int runs = flat ? 1 : m->w, len = flat ? m->w * m->h : m->h;
+    int32_t hi = 0, lo = 0;
+    for (int x = 0; x < runs; x++) {
+        const qtp_t *p = m->itemq + m->stride * x;
+        for (int i = 0; i < len; i++) {
+            const int32_t v = p[i];
+            hi = v > hi ? v : hi;
+            lo = v < lo ? v : lo;
         }
+    }
+    Spread s;
+    s.largest = hi > -lo ? hi : -lo;  // -32768 has 32768
+    if (hi == dl::kItemMax || lo <= -dl::kItemMax) {
+        int clipped = 0;
+        for (int x = 0; x < runs; x++) {
+            const qtp_t *p = m->itemq + m->stride * x;
+            for (int i = 0; i < len; i++) clipped += p[i] == dl::kItemMax || p[i] == -dl::kItemMax;
+        }
+        s.clipped = clipped;
     }
     return s;
 }
@@ -462,13 +500,8 @@ void dl_matrixq_readjust_exp(dl_matrix2dq_t *m)
         }
     }
     if (adjust == 0) return;
-    for (int x = 0; x < m->w; x++) {
-        for (int y = 0; y < m->h; y++) {
-            qtp_t &item = m->itemq[y + m->stride * x];
-            const int32_t v = item;
-            item = static_cast<qtp_t>(adjust < 0 ? v >> 1 : dl::shl(v, adjust));
-        }
-    }
+    if (adjust < 0) dl::map_items(m, m, [](qtp_t v) { return static_cast<qtp_t>(static_cast<int32_t>(v) >> 1); });
+    else dl::map_items(m, m, [adjust](qtp_t v) { return static_cast<qtp_t>(dl::shl(v, adjust)); });
     m->exponent -= adjust;
 }
 

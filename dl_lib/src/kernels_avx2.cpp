@@ -49,6 +49,19 @@ struct Avx2 {
         const __m128i t = _mm_add_epi64(_mm256_castsi256_si128(s), _mm256_extracti128_si256(s, 1));
         return _mm_cvtsi128_si64(t) + _mm_extract_epi64(t, 1);
     }
+    // The lane sums of eight vectors at once, in 32 bits: for sums that the
+    // caller knows to fit, as the eight hsum64 calls would give them.
+    static void hsum32x8(const I v[8], int32_t out[8])
+    {
+        const __m256i t0 = _mm256_hadd_epi32(v[0], v[1]), t1 = _mm256_hadd_epi32(v[2], v[3]);
+        const __m256i t2 = _mm256_hadd_epi32(v[4], v[5]), t3 = _mm256_hadd_epi32(v[6], v[7]);
+        const __m256i u0 = _mm256_hadd_epi32(t0, t1), u1 = _mm256_hadd_epi32(t2, t3);
+        // Each 128-bit half of u0 holds the half sums of v[0..3], of u1 those
+        // of v[4..7]: adding the halves completes them, in order.
+        const __m256i sums =
+            _mm256_add_epi32(_mm256_permute2x128_si256(u0, u1, 0x20), _mm256_permute2x128_si256(u0, u1, 0x31));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(out), sums);
+    }
 };
 
 }  // namespace

@@ -54,7 +54,12 @@ static inline void qdot_store(const QDotOut &out, int x, int y, int64_t sum)
         const int64_t v = sum >> out.shift;
         out.items->itemq[y + out.items->stride * x] = static_cast<qtp_t>(v > 32767 ? 32767 : v < -32767 ? -32767 : v);
     } else {
-        out.floats->item[x + out.floats->stride * y] = static_cast<fptp_t>(sum) * out.factor;
+        // A sum within 32 bits is converted as a 32-bit integer: the same
+        // rounding to nearest of the same value, but one instruction on a
+        // 32-bit core, where the 64-bit conversion is a library routine.
+        const fptp_t f = sum >= INT32_MIN && sum <= INT32_MAX ? static_cast<fptp_t>(static_cast<int32_t>(sum))
+                                                              : static_cast<fptp_t>(sum);
+        out.floats->item[x + out.floats->stride * y] = f * out.factor;
     }
 }
 

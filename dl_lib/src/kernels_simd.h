@@ -19,6 +19,7 @@
 #ifndef DL_LIB_KERNELS_SIMD_H
 #define DL_LIB_KERNELS_SIMD_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -167,14 +168,30 @@ bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *r
 
 constexpr int kFlushChunks = 128;  // 128 * 2 * 32768 * 255 < 2^31
 
+// The same bound over all lanes together: a run of at most this many items
+// gives at most 128 pairwise products per sum, whose total over every lane
+// fits in 32 bits. A tile of eight accumulators then reduces them all at
+// once in 32-bit lanes, where V has hsum32x8, instead of one 64-bit
+// horizontal sum each.
+constexpr int kShortRun = 256;
+
 template <class V, int MY, int NX>
 void q_tile(const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *b, int x0, int y0, int K,
             const QDotOut &out)
 {
     constexpr int L = 2 * V::kLanes;  // int16 items in a vector
     const int16_t *bcol[NX];
+    // Where each column starts, and how far b's items reach, counted in
+    // items: a whole vector may be read past the end of a column, into the
+    // next one or its gap, as long as it stays within b. Those items meet
+    // the zero bytes of a and add nothing.
+    ptrdiff_t col_start[NX];
+    const ptrdiff_t b_items = static_cast<ptrdiff_t>(b->stride) * (b->w - 1) + b->h;
 #pragma GCC unroll 8
-    for (int j = 0; j < NX; j++) bcol[j] = b->itemq + b->stride * (x0 + j);
+    for (int j = 0; j < NX; j++) {
+        col_start[j] = static_cast<ptrdiff_t>(b->stride) * (x0 + j);
+        bcol[j] = b->itemq + col_start[j];
+    }
     const int16_t *alo[MY], *ahi[MY];
 #pragma GCC unroll 8
     for (int i = 0; i < MY; i++) {
@@ -195,7 +212,9 @@ void q_tile(const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *
             const int n = cend - k;
             typename V::I bv[NX];
 #pragma GCC unroll 8
-            for (int j = 0; j < NX; j++) bv[j] = n >= L ? V::load16(bcol[j] + k) : V::load16_part(bcol[j] + k, n);
+            for (int j = 0; j < NX; j++)
+                bv[j] =
+                    n >= L || col_start[j] + k + L <= b_items ? V::load16(bcol[j] + k) : V::load16_part(bcol[j] + k, n);
 #pragma GCC unroll 8
             for (int i = 0; i < MY; i++) {
                 const typename V::I al = V::load16(alo[i] + k);
@@ -205,6 +224,28 @@ void q_tile(const int16_t *lo, const int16_t *hi, int kp, const dl_matrix2dq_t *
                     acc_lo[i][j] = V::add32(acc_lo[i][j], V::madd(bv[j], al));
                     acc_hi[i][j] = V::add32(acc_hi[i][j], V::madd(bv[j], ah));
                 }
+            }
+        }
+        if constexpr (MY * NX <= 4 && requires(const typename V::I *v, int32_t *t) { V::hsum32x8(v, t); }) {
+            if (cend - c0 <= kShortRun) {
+                typename V::I all[8];
+                int32_t t[8];
+#pragma GCC unroll 8
+                for (int n = 0; n < 8; n++) all[n] = V::izero();
+#pragma GCC unroll 8
+                for (int i = 0; i < MY; i++)
+#pragma GCC unroll 8
+                    for (int j = 0; j < NX; j++) {
+                        all[2 * (i * NX + j)] = acc_lo[i][j];
+                        all[2 * (i * NX + j) + 1] = acc_hi[i][j];
+                    }
+                V::hsum32x8(all, t);
+#pragma GCC unroll 8
+                for (int i = 0; i < MY; i++)
+#pragma GCC unroll 8
+                    for (int j = 0; j < NX; j++)
+                        sum[i][j] += static_cast<int64_t>(t[2 * (i * NX + j) + 1]) * 256 + t[2 * (i * NX + j)];
+                continue;
             }
         }
 #pragma GCC unroll 8
@@ -257,10 +298,17 @@ bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut
         }
         for (int k = K; k < kp; k++) l[k] = h[k] = 0;
     }
-    for (int x0 = 0; x0 < N; x0 += V::kQTileCols) {
-        const int nx = min_int(V::kQTileCols, N - x0);
-        for (int y0 = 0; y0 < M; y0 += V::kQTileRows)
-            q_tile_my<V>(min_int(V::kQTileRows, M - y0), nx, lo, hi, kp, b, x0, y0, K, out);
+    if (M == 1) {
+        // One row (the layers' case): its accumulators go to twice the
+        // columns instead.
+        constexpr int C = V::kQTileRows * V::kQTileCols;
+        for (int x0 = 0; x0 < N; x0 += C) q_tile_nx<V, 1, C>(min_int(C, N - x0), lo, hi, kp, b, x0, 0, K, out);
+    } else {
+        for (int x0 = 0; x0 < N; x0 += V::kQTileCols) {
+            const int nx = min_int(V::kQTileCols, N - x0);
+            for (int y0 = 0; y0 < M; y0 += V::kQTileRows)
+                q_tile_my<V>(min_int(V::kQTileRows, M - y0), nx, lo, hi, kp, b, x0, y0, K, out);
+        }
     }
     dl::mem_free(lo);
     return true;
