@@ -36,6 +36,7 @@ import torch.nn as nn
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "python"))
 from kelvane_export import TensorModelWriter  # noqa: E402
+from kelvane_export import fixedpoint as fx  # noqa: E402
 from train import CLIP, split, train  # noqa: E402
 
 
@@ -51,16 +52,9 @@ def cnn():
 
 
 def block_exponent(peak):
-    """The exponent the library's tensor quantiser gives a peak magnitude:
-    the peak over 2^exponent lands in 16383..32767."""
-    peak, e = np.float32(peak), 0
-    if peak == 0:
-        return 0
-    while peak > 32767:
-        e, peak = e + 1, np.float32(peak / 2)
-    while peak < 16383:
-        e, peak = e - 1, np.float32(peak * 2)
-    return e
+    """The exponent the library's quantiser gives a peak magnitude (the
+    fixed-point twin's search)."""
+    return int(fx.block_exponent(peak)[0])
 
 
 def choose_shifts(net, out, x_train):

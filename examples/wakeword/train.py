@@ -379,15 +379,9 @@ def voice_streams(net, audio, labels, voices, mel_q):
 # -- fixed-point shifts ----------------------------------------------------------
 
 def block_exponent(peak):
-    """The exponent the library's quantiser gives a peak magnitude."""
-    peak, e = np.float32(peak), 0
-    if peak == 0:
-        return 0
-    while peak > 32767:
-        e, peak = e + 1, np.float32(peak / 2)
-    while peak < 16383:
-        e, peak = e - 1, np.float32(peak * 2)
-    return e
+    """The exponent the library's quantiser gives a peak magnitude (the
+    fixed-point twin's search)."""
+    return int(fx.block_exponent(peak)[0])
 
 
 def choose_shifts(net, out, x_train, directory):
