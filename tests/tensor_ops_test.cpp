@@ -158,13 +158,6 @@ void ref_bias_q(std::vector<qtp_t> &out, int &e, const dl_matrix3dq_t *bias)
     e = sums.exponent;
 }
 
-// The expected results of the three forms, and of the image forms.
-struct Expected {
-    std::vector<float> f, fq;
-    std::vector<qtp_t> q;
-    int e = 0;
-};
-
 template <class In, class Val>
 std::vector<float> ref_float(const ConvCase &k, const Geometry &g, bool dw, const In *in, Val val,
                              const dl_matrix3d_t *filter, const dl_matrix3d_t *bias)
