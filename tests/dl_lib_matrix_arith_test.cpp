@@ -133,21 +133,7 @@ TEST(FloatDot, SumsInAscendingOrder)
     EXPECT_EQ(res->item[1], 0.0f);
 }
 
-// ---- Concatenation and error measure -------------------------------------
-
-TEST(FloatConcat, JoinsViewsDensely)
-{
-    Rng rng(5);
-    for (int round = 0; round < 30; round++) {
-        const int h = uniform(rng, 0, 5), wa = uniform(rng, 0, 4), wb = uniform(rng, 0, 4);
-        FloatBox a(rng, wa, h, uniform(rng, 0, 2)), b(rng, wb, h, uniform(rng, 0, 2));
-        MatrixPtr r = own(dl_matrix_concat(&a.m, &b.m));
-        ASSERT_EQ(std::tuple(r->w, r->h, r->stride), std::tuple(wa + wb, h, wa + wb));
-        for (int y = 0; y < h; y++)
-            for (int x = 0; x < wa + wb; x++)
-                ASSERT_EQ(bits(r->item[x + r->stride * y]), bits(x < wa ? a.at(x, y) : b.at(x - wa, y)));
-    }
-}
+// ---- Error measure --------------------------------------------------------
 
 struct ErrCase {
     const char *name;
