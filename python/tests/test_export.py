@@ -98,17 +98,6 @@ class LayoutTest(ExportCase):
         want, _ = lstm(torch.from_numpy(sequence))
         self.assertLess(np.abs(got - want.detach().numpy()).max(), 1e-5)
 
-    def test_lstm_shapes_and_forget_bias(self):
-        lstm = nn.LSTM(5, 7)
-        for p in (lstm.bias_ih_l0, lstm.bias_hh_l0):
-            p.data.zero_()
-        self.out.lstm("cell", lstm)
-        bias = self.load("cell_b")
-        self.assertEqual(self.load("cell_w").shape, (12, 28))
-        # Quarters: input, candidate, forget (lowered by the cell's 1.0), output.
-        np.testing.assert_array_equal(bias.reshape(4, 7).min(axis=1), [0, 0, -1, 0])
-        np.testing.assert_array_equal(bias.reshape(4, 7).max(axis=1), [0, 0, -1, 0])
-
     CONVS = [  # name, module, input (height, width), library padding
         ("same 3x3", lambda: nn.Conv2d(1, 3, 3, padding=1), (8, 8), 1),
         ("valid 2x3", lambda: nn.Conv2d(1, 2, (2, 3)), (5, 6), 0),
