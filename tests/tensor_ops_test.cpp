@@ -136,13 +136,6 @@ struct Operands {
     }
 };
 
-int product_shift(int k)
-{
-    int s = 15;
-    while (k > 1) s++, k /= 2;
-    return s;
-}
-
 // The bias added to items as dl_matrixq_add(sums, bias, sums, 1) adds it.
 void ref_bias_q(std::vector<qtp_t> &out, int &e, const dl_matrix3dq_t *bias)
 {
