@@ -51,25 +51,8 @@ class GeometryTest(unittest.TestCase):
                 self.assertEqual((axis.positions, axis.padded, axis.offset, axis.margin),
                                  (n, padded, offset, margin))
 
-    def test_without_padding_remainders_are_dropped(self):
-        axis = library_axis(7, 3, 2, 0)
-        self.assertEqual(axis.starts(2), [0, 2, 4])
-
 
 class LayoutTest(ExportCase):
-    def test_linear(self):
-        for bias in (True, False):
-            with self.subTest(bias=bias):
-                out = ModelWriter(os.path.join(self.dir, str(bias)))
-                fc = nn.Linear(6, 4, bias=bias)
-                out.linear("fc", fc)
-                out.close()
-                x = self.randn(3, 6)
-                b = ref.load(out.directory, "fc_b") if bias else None
-                got = ref.fully_connect(x, ref.load(out.directory, "fc_w"), b)
-                np.testing.assert_allclose(got, fc(torch.from_numpy(x)).detach().numpy(), atol=1e-5)
-                self.assertEqual(os.path.exists(os.path.join(out.directory, "fc_b.npy")), bias)
-
     def test_batchnorm(self):
         for eps, affine in ((1e-3, True), (1e-5, True), (1e-3, False)):
             with self.subTest(eps=eps, affine=affine):
