@@ -7,6 +7,8 @@
 
 #include <immintrin.h>
 
+#include <cmath>
+
 #include "dl_lib_internal.h"
 #include "tensor_ops_internal.h"
 
@@ -20,92 +22,66 @@ __m256i first8(int n) { return _mm256_cmpgt_epi32(_mm256_set1_epi32(n), _mm256_s
 
 // ---- Float convolution on few input channels --------------------------------
 //
-// Without gathering the windows: the kh input rows under one output row are
-// first laid out as floats with their zero padding (a row outside the input
-// is all zeros), so that every window row is a run of kw * c floats. Then
-// kPositions neighbouring positions by two vectors of output channels at a
-// time, each output's sum taken over the window's places in ascending order
-// from +0.0, one rounding per product and per sum, as the gathered product
-// computes it; a padded place adds 0.0 times the weight there too. The
-// weights come transposed, places x channels (row k at wt + k * out_c).
+// Without gathering the windows: the input is first laid out as floats with
+// its zero padding, so that every window row is a run of kw * c floats.
+// Then kPositions positions (in output order, across row ends) by two
+// vectors of output channels at a time, each output's sum taken over the
+// window's places in ascending order from +0.0, one rounding per product and
+// per sum, as the gathered product computes it; a padded place adds 0.0
+// times the weight there too. The weights come transposed, places x
+// channels (row k at wt + k * out_c).
 
 constexpr int kPositions = 4;
 
 inline float value_of(float v) { return v; }
 inline float value_of(uc_t b) { return static_cast<float>(b) * 0.00390625f; }  // b * 2^-8, exactly
 
-// The kh input rows under one output row as floats with their zero padding,
-// so that every window row is a run of kw * c floats (a row outside the
-// input is all zeros). They are reused as the windows move down: input row
-// y sits in slot y mod kh (kh neighbouring rows never share a slot) and is
-// laid out once however many output rows read it.
+// The input as floats inside its zero padding: padded row r, column x
+// stands for input row r - top, column x - left, and holds every place that
+// a window reads.
 template <class T>
-class PaddedRows {
+class PaddedInput {
   public:
-    PaddedRows(const T *in, int w, int h, int c, const Windows &g) : in_(in), w_(w), h_(h), c_(c), g_(g)
+    PaddedInput(const T *in, int w, int h, int c, const Windows &g)
     {
-        // Columns: enough for the last window, at least the input's.
         int pw = (g.wo - 1) * g.sx + g.kw;
         if (pw < g.left + w) pw = g.left + w;
+        const int ph = (g.ho - 1) * g.sy + g.kh;
         row_floats_ = static_cast<size_t>(pw) * c;
-        before_ = static_cast<size_t>(g.left) * c;
-        end_ = before_ + static_cast<size_t>(pw - g.left < w ? pw - g.left : w) * c;
-        buf_ = static_cast<float *>(dl::mem_calloc(1, sizeof(float) * row_floats_ * g.kh + 1));
-        rows_ = static_cast<const float **>(dl::mem_calloc(1, sizeof(float *) * g.kh));
-        slot_row_ = static_cast<int *>(dl::mem_calloc(1, sizeof(int) * g.kh));
-        if (slot_row_)
-            for (int dy = 0; dy < g.kh; dy++) slot_row_[dy] = INT32_MIN;
-    }
-    ~PaddedRows()
-    {
-        dl::mem_free(buf_);
-        dl::mem_free(rows_);
-        dl::mem_free(slot_row_);
-    }
-    PaddedRows(const PaddedRows &) = delete;
-    PaddedRows &operator=(const PaddedRows &) = delete;
-
-    bool ok() const { return buf_ && rows_ && slot_row_; }
-
-    // The rows under output row oy: element dy is window row dy, column 0
-    // of the padded row standing for input column -left.
-    const float *const *under(int oy)
-    {
-        for (int dy = 0; dy < g_.kh; dy++) {
-            const int y = oy * g_.sy - g_.top + dy;
-            const int slot = ((y % g_.kh) + g_.kh) % g_.kh;
-            float *r = buf_ + row_floats_ * slot;
-            rows_[dy] = r;
-            if (slot_row_[slot] == y) continue;
-            slot_row_[slot] = y;
-            // Zeros before the input's columns, the row, zeros after; a row
-            // outside the input is zeros throughout.
-            const bool inside = y >= 0 && y < h_;
-            const T *src = in_ + static_cast<size_t>(inside ? y : 0) * w_ * c_;
-            const size_t from = inside ? before_ : row_floats_, to = inside ? end_ : row_floats_;
-            for (size_t k = 0; k < from; k++) r[k] = 0.0f;
-            for (size_t k = from; k < to; k++) r[k] = value_of(src[k - from]);
-            for (size_t k = to; k < row_floats_; k++) r[k] = 0.0f;
+        buf_ = static_cast<float *>(dl::mem_calloc(1, sizeof(float) * row_floats_ * ph + 1));
+        if (!buf_) return;
+        // Columns and rows past the padded size are read by no window.
+        const int cols = pw - g.left < w ? pw - g.left : w;
+        for (int r = 0; r < ph; r++) {
+            const int y = r - g.top;
+            if (y < 0 || y >= h) continue;  // mem_calloc gave zeros
+            float *d = buf_ + row_floats_ * r + static_cast<size_t>(g.left) * c;
+            const T *s = in + static_cast<size_t>(y) * w * c;
+            for (size_t k = 0; k < static_cast<size_t>(cols) * c; k++) d[k] = value_of(s[k]);
         }
-        return rows_;
+    }
+    ~PaddedInput() { dl::mem_free(buf_); }
+    PaddedInput(const PaddedInput &) = delete;
+    PaddedInput &operator=(const PaddedInput &) = delete;
+
+    bool ok() const { return buf_ != nullptr; }
+    size_t row_floats() const { return row_floats_; }
+    // The window corner of output (oy, ox).
+    const float *corner(int oy, int ox, const Windows &g, int c) const
+    {
+        return buf_ + row_floats_ * static_cast<size_t>(oy * g.sy) + static_cast<size_t>(ox * g.sx) * c;
     }
 
   private:
-    const T *in_;
-    int w_, h_, c_;
-    const Windows &g_;
-    size_t row_floats_ = 0, before_ = 0, end_ = 0;
+    size_t row_floats_ = 0;
     float *buf_ = nullptr;
-    const float **rows_ = nullptr;
-    int *slot_row_ = nullptr;
 };
 
-// The positions ox0 .. ox0+np-1 of one output row; rows[dy] is the padded
-// input row under window row dy. Positions past np repeat the last one and
-// are not stored.
+// kPositions positions whose window corners are corner[i]; those past np
+// repeat the last one and are not stored. out is the first position's.
 template <int NV, bool Part>
-void conv_tile(const float *const *rows, int c, const Windows &g, const float *wt, int out_c, const float *bias,
-               float *out, int ox0, int np, int oc0, int part)
+void conv_tile(const float *const *corner, size_t row_floats, int c, const Windows &g, const float *wt, int out_c,
+               const float *bias, float *out, int np, int oc0, int part)
 {
     const __m256i mask = first8(part);
     auto load = [&](const float *p, int j) {
@@ -120,8 +96,7 @@ void conv_tile(const float *const *rows, int c, const Windows &g, const float *w
     for (int dy = 0; dy < g.kh; dy++) {
         const float *r[kPositions];
 #pragma GCC unroll 8
-        for (int i = 0; i < kPositions; i++)
-            r[i] = rows[dy] + static_cast<size_t>(ox0 + (i < np ? i : np - 1)) * g.sx * c;
+        for (int i = 0; i < kPositions; i++) r[i] = corner[i] + row_floats * dy;
         const float *wrow = wt + static_cast<size_t>(dy * span) * out_c + oc0;
         for (int k = 0; k < span; k++) {
             const float *wk = wrow + static_cast<size_t>(k) * out_c;
@@ -141,7 +116,7 @@ void conv_tile(const float *const *rows, int c, const Windows &g, const float *w
 #pragma GCC unroll 8
     for (int i = 0; i < kPositions; i++) {
         if (i >= np) break;
-        float *o = out + static_cast<size_t>(ox0 + i) * out_c + oc0;
+        float *o = out + static_cast<size_t>(i) * out_c + oc0;
 #pragma GCC unroll 8
         for (int j = 0; j < NV; j++) {
             __m256 v = acc[i][j];
@@ -156,73 +131,86 @@ template <class T>
 bool conv_few_channels(const T *in, int w, int h, int c, const Windows &g, const float *wt, int out_c,
                        const float *bias, float *out)
 {
-    PaddedRows<T> padded(in, w, h, c, g);
+    PaddedInput<T> padded(in, w, h, c, g);
     if (!padded.ok()) return false;
-    for (int oy = 0; oy < g.ho; oy++) {
-        const float *const *rows = padded.under(oy);
-        float *o = out + static_cast<size_t>(oy) * g.wo * out_c;
-        for (int ox0 = 0; ox0 < g.wo; ox0 += kPositions) {
-            const int np = g.wo - ox0 < kPositions ? g.wo - ox0 : kPositions;
-            int oc0 = 0;
-            for (; oc0 + 2 * kLanes <= out_c; oc0 += 2 * kLanes)
-                conv_tile<2, false>(rows, c, g, wt, out_c, bias, o, ox0, np, oc0, 0);
-            if (out_c - oc0 > kLanes)
-                conv_tile<2, true>(rows, c, g, wt, out_c, bias, o, ox0, np, oc0, out_c - oc0 - kLanes);
-            else if (out_c - oc0 == kLanes) conv_tile<1, false>(rows, c, g, wt, out_c, bias, o, ox0, np, oc0, 0);
-            else if (out_c > oc0) conv_tile<1, true>(rows, c, g, wt, out_c, bias, o, ox0, np, oc0, out_c - oc0);
+    const size_t rf = padded.row_floats();
+    const int P = g.wo * g.ho;
+    for (int p0 = 0; p0 < P; p0 += kPositions) {
+        const int np = P - p0 < kPositions ? P - p0 : kPositions;
+        const float *corner[kPositions];
+        for (int i = 0; i < kPositions; i++) {
+            const int p = p0 + (i < np ? i : np - 1);
+            corner[i] = padded.corner(p / g.wo, p % g.wo, g, c);
         }
+        float *o = out + static_cast<size_t>(p0) * out_c;
+        int oc0 = 0;
+        for (; oc0 + 2 * kLanes <= out_c; oc0 += 2 * kLanes)
+            conv_tile<2, false>(corner, rf, c, g, wt, out_c, bias, o, np, oc0, 0);
+        if (out_c - oc0 > kLanes)
+            conv_tile<2, true>(corner, rf, c, g, wt, out_c, bias, o, np, oc0, out_c - oc0 - kLanes);
+        else if (out_c - oc0 == kLanes) conv_tile<1, false>(corner, rf, c, g, wt, out_c, bias, o, np, oc0, 0);
+        else if (out_c > oc0) conv_tile<1, true>(corner, rf, c, g, wt, out_c, bias, o, np, oc0, out_c - oc0);
     }
     return true;
 }
 
 // ---- Depthwise float convolution -----------------------------------------------
 //
-// kDwPositions neighbouring positions of one output row by NV vectors of
-// channels from c0, bias (if any) added last; with Part, only `part` lanes
-// of the last vector. Each channel's sum runs over the window's places in
-// order from +0.0, one rounding per product and per sum, as the portable
-// loop's: the lanes only take several channels at once (and several
-// positions would share each load of the weights; on rows as short as a
-// spectrogram's, one position at a time measured fastest). Windows read
-// padded rows, where a padded place adds 0.0 times the weight.
+// kDwPositions positions at a time by NV vectors of channels from c0, bias
+// (if any) added last; with Part, only `part` lanes of the last vector. Each
+// channel's sum runs over the window's places in order from +0.0, one
+// rounding per product and per sum, as the portable loop's: the lanes only
+// take several channels at once, and the positions of a tile share each
+// load of the weights. The accumulators stay in registers across the window.
+//
+// A padded place adds 0.0 times its weight, which leaves a sum unchanged
+// when the weight is finite: a sum that starts at +0.0 is never -0.0, and
+// +0.0 + -0.0 is +0.0. So with finite weights a window visits only its
+// places inside the input. The positions are taken in blocks that share
+// those places (the interior, each border row and column, the corners), so
+// that the places of a tile are one list: place k of position i is at
+// corner[i] + offset[k] with weights weight[k], and no place costs a test.
 
-constexpr int kDwPositions = 1, kDwVectors = 4;
+constexpr int kDwPositions = 4, kDwVectors = 2;
+
+struct DwTile {
+    const float *corner[kDwPositions];  // each position's first place inside
+    float *out[kDwPositions];           // each position's output channels
+    int np;                             // positions stored; the rest repeat the last
+};
 
 template <int NV, bool Part>
-void dw_tile(const float *const *rows, int c, const Windows &g, const float *filter, const float *bias, float *out,
-             int ox0, int np, int c0, int part)
+void dw_tile(const DwTile &t, int places, const ptrdiff_t *offset, const float *const *weight, const float *bias,
+             int c0, int part)
 {
     const __m256i mask = first8(part);
     auto load = [&](const float *p, int j) {
         return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
     };
     __m256 acc[kDwPositions][NV];
+    const float *x[kDwPositions];
 #pragma GCC unroll 8
-    for (int i = 0; i < kDwPositions; i++)
+    for (int i = 0; i < kDwPositions; i++) {
+        x[i] = t.corner[i] + c0;
 #pragma GCC unroll 8
         for (int j = 0; j < NV; j++) acc[i][j] = _mm256_setzero_ps();
-    for (int dy = 0; dy < g.kh; dy++) {
-        const float *x[kDwPositions];
+    }
+    for (int k = 0; k < places; k++) {
+        const float *fw = weight[k] + c0;
+        const ptrdiff_t off = offset[k];
+        __m256 wv[NV];
+#pragma GCC unroll 8
+        for (int j = 0; j < NV; j++) wv[j] = load(fw, j);
 #pragma GCC unroll 8
         for (int i = 0; i < kDwPositions; i++)
-            x[i] = rows[dy] + static_cast<size_t>(ox0 + (i < np ? i : np - 1)) * g.sx * c + c0;
-        const float *fw = filter + static_cast<size_t>(dy * g.kw) * c + c0;
-        for (int dx = 0; dx < g.kw; dx++) {
-            __m256 wv[NV];
 #pragma GCC unroll 8
-            for (int j = 0; j < NV; j++) wv[j] = load(fw + static_cast<size_t>(dx) * c, j);
-#pragma GCC unroll 8
-            for (int i = 0; i < kDwPositions; i++)
-#pragma GCC unroll 8
-                for (int j = 0; j < NV; j++)
-                    acc[i][j] =
-                        _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], load(x[i] + static_cast<size_t>(dx) * c, j)));
-        }
+            for (int j = 0; j < NV; j++)
+                acc[i][j] = _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], load(x[i] + off, j)));
     }
 #pragma GCC unroll 8
     for (int i = 0; i < kDwPositions; i++) {
-        if (i >= np) break;
-        float *o = out + static_cast<size_t>(ox0 + i) * c + c0;
+        if (i >= t.np) break;
+        float *o = t.out[i] + c0;
 #pragma GCC unroll 8
         for (int j = 0; j < NV; j++) {
             __m256 v = acc[i][j];
@@ -231,6 +219,44 @@ void dw_tile(const float *const *rows, int c, const Windows &g, const float *fil
             else _mm256_storeu_ps(o + kLanes * j, v);
         }
     }
+}
+
+void dw_channels(const DwTile &t, int places, const ptrdiff_t *offset, const float *const *weight, int c,
+                 const float *bias)
+{
+    int c0 = 0;
+    for (; c0 + kDwVectors * kLanes <= c; c0 += kDwVectors * kLanes)
+        dw_tile<kDwVectors, false>(t, places, offset, weight, bias, c0, 0);
+    for (; c0 + kLanes <= c; c0 += kLanes) dw_tile<1, false>(t, places, offset, weight, bias, c0, 0);
+    if (c0 < c) dw_tile<1, true>(t, places, offset, weight, bias, c0, c - c0);
+}
+
+// Whether no item is infinite or NaN: one comparison of the magnitudes with
+// infinity per vector (unordered, so that a NaN fails it too).
+bool all_finite(const float *v, size_t n)
+{
+    const __m256 magnitude = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+    const __m256 inf = _mm256_set1_ps(INFINITY);
+    __m256 bad = _mm256_setzero_ps();
+    size_t i = 0;
+    for (; i + kLanes <= n; i += kLanes)
+        bad = _mm256_or_ps(bad, _mm256_cmp_ps(_mm256_and_ps(_mm256_loadu_ps(v + i), magnitude), inf, _CMP_NLT_UQ));
+    if (!_mm256_testz_ps(bad, bad)) return false;
+    for (; i < n; i++)
+        if (!std::isfinite(v[i])) return false;
+    return true;
+}
+
+// The window places d0 .. d1-1 (d1 <= d0: none) of output o along one axis
+// that fall inside the input's n items; the window starts at o * s - before.
+struct Span {
+    int d0, d1;
+    bool operator==(const Span &o) const { return d0 == o.d0 && d1 == o.d1; }
+};
+Span inside_span(int o, int s, int before, int k, int n)
+{
+    const int start = o * s - before;
+    return {start < 0 ? -start : 0, start + k > n ? n - start : k};
 }
 
 }  // namespace
@@ -249,21 +275,49 @@ bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const f
 
 bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out)
 {
-    const int c = in->c;
-    PaddedRows<float> padded(in->item, in->w, in->h, c, g);
-    if (!padded.ok()) return false;
-    for (int oy = 0; oy < g.ho; oy++) {
-        const float *const *rows = padded.under(oy);
-        float *o = out + static_cast<size_t>(oy) * g.wo * c;
-        for (int ox0 = 0; ox0 < g.wo; ox0 += kDwPositions) {
-            const int np = g.wo - ox0 < kDwPositions ? g.wo - ox0 : kDwPositions;
-            int c0 = 0;
-            for (; c0 + kDwVectors * kLanes <= c; c0 += kDwVectors * kLanes)
-                dw_tile<kDwVectors, false>(rows, c, g, filter, bias, o, ox0, np, c0, 0);
-            for (; c0 + kLanes <= c; c0 += kLanes) dw_tile<1, false>(rows, c, g, filter, bias, o, ox0, np, c0, 0);
-            if (c0 < c) dw_tile<1, true>(rows, c, g, filter, bias, o, ox0, np, c0, c - c0);
+    const int c = in->c, w = in->w, places = g.kh * g.kw;
+    if (!all_finite(filter, static_cast<size_t>(places) * c)) return false;
+    ptrdiff_t *offset = static_cast<ptrdiff_t *>(dl::mem_calloc(1, sizeof(ptrdiff_t) * places));
+    const float **weight = static_cast<const float **>(dl::mem_calloc(1, sizeof(float *) * places));
+    if (!offset || !weight) {
+        dl::mem_free(offset);
+        dl::mem_free(weight);
+        return false;
+    }
+    // Blocks of rows by their window rows inside, and within them blocks of
+    // columns alike: the window ranges only shrink toward the ends, so equal
+    // ranges are neighbours.
+    for (int oy0 = 0, oy1; oy0 < g.ho; oy0 = oy1) {
+        const Span sy = inside_span(oy0, g.sy, g.top, g.kh, in->h);
+        for (oy1 = oy0 + 1; oy1 < g.ho && inside_span(oy1, g.sy, g.top, g.kh, in->h) == sy;) oy1++;
+        for (int ox0 = 0, ox1; ox0 < g.wo; ox0 = ox1) {
+            const Span sx = inside_span(ox0, g.sx, g.left, g.kw, w);
+            for (ox1 = ox0 + 1; ox1 < g.wo && inside_span(ox1, g.sx, g.left, g.kw, w) == sx;) ox1++;
+            int n = 0;
+            for (int dy = sy.d0; dy < sy.d1; dy++)
+                for (int dx = sx.d0; dx < sx.d1; dx++, n++) {
+                    offset[n] = (static_cast<ptrdiff_t>(dy - sy.d0) * w + (dx - sx.d0)) * c;
+                    weight[n] = filter + static_cast<size_t>(dy * g.kw + dx) * c;
+                }
+            // A window wholly in the padding has no place: its sum is +0.0.
+            const int cols = ox1 - ox0, count = (oy1 - oy0) * cols;
+            for (int q0 = 0; q0 < count; q0 += kDwPositions) {
+                DwTile t;
+                t.np = count - q0 < kDwPositions ? count - q0 : kDwPositions;
+                for (int i = 0; i < kDwPositions; i++) {
+                    const int q = q0 + (i < t.np ? i : t.np - 1);
+                    const int oy = oy0 + q / cols, ox = ox0 + q % cols;
+                    const int y = oy * g.sy - g.top + sy.d0, x = ox * g.sx - g.left + sx.d0;
+                    // Only read when the window has places, so inside then.
+                    t.corner[i] = n ? in->item + (static_cast<size_t>(y) * w + x) * c : in->item;
+                    t.out[i] = out + (static_cast<size_t>(oy) * g.wo + ox) * c;
+                }
+                dw_channels(t, n, offset, weight, c, bias);
+            }
         }
     }
+    dl::mem_free(offset);
+    dl::mem_free(weight);
     return true;
 }
 
