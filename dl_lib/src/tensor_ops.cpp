@@ -24,6 +24,13 @@ bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const f
 #else
 #define DL_X86_KERNELS 0
 #endif
+// The DSP kernels are built where the target has the extension, and then
+// always used for the fixed-point sums.
+#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
+#define DL_DSP_KERNELS 1
+#else
+#define DL_DSP_KERNELS 0
+#endif
 
 namespace {
 
@@ -275,7 +282,7 @@ template <class T, class Tensor>
 bool conv_float_kernel(Isa isa, const Tensor *input, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
                        const dl_matrix3d_t *bias, const dl_padding_t *padding, fptp_t *out)
 {
-    if (isa == Isa::none) return false;
+    if (isa == Isa::none || isa == Isa::dsp) return false;  // no float product kernel
     const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
     fptp_t *wt = static_cast<fptp_t *>(dl::mem_calloc(1, sizeof(fptp_t) * static_cast<size_t>(K) * out_c + 1));
     if (!wt) return false;
@@ -326,6 +333,9 @@ bool conv_sums_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix
                       const dl_padding_t *padding, const dl::QDotOut &sums)
 {
     if (isa == Isa::none) return false;
+#if DL_DSP_KERNELS
+    if (isa == Isa::dsp) return dl::dsp::conv_sums(in.item, in.w, in.h, in.c, g, filter->item, filter->n, sums);
+#endif
     const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
     const int B = block_positions(K, P);
     auto conv = [](T v) { return static_cast<qtp_t>(item(v)); };
@@ -505,6 +515,17 @@ void depthwise_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, const
             }
         }
     }
+}
+
+// The exact sums by isa's kernel where there is one, else by the loop above.
+void depthwise_sums_by(Isa isa, const Plane<qtp_t> &in, const Geo &g, const qtp_t *filter, const dl::QDotOut &sums)
+{
+#if DL_DSP_KERNELS
+    if (isa == Isa::dsp && dl::dsp::depthwise_sums(in.item, in.w, in.h, in.c, g, filter, sums)) return;
+#else
+    (void)isa;
+#endif
+    depthwise_sums(in, g, filter, sums);
 }
 
 template <class Filter, class In>
@@ -717,9 +738,11 @@ dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const d
     return dl::depthwise_conv_layer(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out);
 }
 
-dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
-                                                                 const dl_matrix3d_t *bias, int stride_x, int stride_y,
-                                                                 const dl_padding_t *padding, dl_matrix3d_t *out)
+namespace dl {
+
+dl_matrix3d_t *depthwise_conv_layer_quantised_weight(Isa isa, const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                     const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                     const dl_padding_t *padding, dl_matrix3d_t *out)
 {
     DL_ASSERT(out!=in);
     const Geo g = depthwise_geometry(plane_of(in), filter, stride_x, stride_y, padding);
@@ -730,15 +753,16 @@ dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix
     DL_ASSERT_ALLOCATED(q);
     const int P = g.wo * g.ho;
     dl_matrix2d_t all = fview(out->item, in->c, P, in->c);
-    depthwise_sums(plane_of(q), g, filter->item, dl::qdot_to_floats(&all, dl::pow2f(q->exponent + filter->exponent)));
+    depthwise_sums_by(isa, plane_of(q), g, filter->item,
+                      dl::qdot_to_floats(&all, dl::pow2f(q->exponent + filter->exponent)));
     dl_matrix3dq_free(q);
     add_bias(out->item, P, bias);
     return out;
 }
 
-dl_matrix3dq_t *dl_matrix3dq_depthwise_conv_layer_q(const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
-                                                    const dl_matrix3dq_t *bias, int stride_x, int stride_y,
-                                                    const dl_padding_t *padding, dl_matrix3dq_t *out, int shift)
+dl_matrix3dq_t *depthwise_conv_layer_q(Isa isa, const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                                       const dl_matrix3dq_t *bias, int stride_x, int stride_y,
+                                       const dl_padding_t *padding, dl_matrix3dq_t *out, int shift)
 {
     DL_ASSERT(out!=in);
     const Plane<qtp_t> p = plane_of(in);
@@ -752,9 +776,26 @@ dl_matrix3dq_t *dl_matrix3dq_depthwise_conv_layer_q(const dl_matrix3dq_t *in, co
     const int s = product_shift(places) - shift;
     const int P = g.wo * g.ho;
     dl_matrix2dq_t all = qview(out->item, P, in->c, in->c, 0);
-    depthwise_sums(p, g, filter->item, dl::qdot_to_items(&all, s));
+    depthwise_sums_by(isa, p, g, filter->item, dl::qdot_to_items(&all, s));
     out->exponent = add_bias_q(out->item, P, in->exponent + filter->exponent + s, bias);
     return out;
+}
+
+}  // namespace dl
+
+dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                                 const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                                 const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return dl::depthwise_conv_layer_quantised_weight(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding,
+                                                     out);
+}
+
+dl_matrix3dq_t *dl_matrix3dq_depthwise_conv_layer_q(const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                                                    const dl_matrix3dq_t *bias, int stride_x, int stride_y,
+                                                    const dl_padding_t *padding, dl_matrix3dq_t *out, int shift)
+{
+    return dl::depthwise_conv_layer_q(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out, shift);
 }
 
 dl_matrix3d_t *dl_matrix3d_max_pool(const dl_matrix3d_t *in, int filter_w, int filter_h, int stride_x, int stride_y,

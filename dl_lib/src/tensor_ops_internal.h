@@ -52,6 +52,28 @@ dl_matrix3d_t *depthwise_conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_m
                                     const dl_matrix3d_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
                                     dl_matrix3d_t *out);
 
+/* The fixed-point depthwise convolution's exact sums by isa's kernel or, for
+ * Isa::none, the portable loop; the public functions pass detected_isa(). */
+dl_matrix3d_t *depthwise_conv_layer_quantised_weight(Isa isa, const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                     const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                     const dl_padding_t *padding, dl_matrix3d_t *out);
+dl_matrix3dq_t *depthwise_conv_layer_q(Isa isa, const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                                       const dl_matrix3dq_t *bias, int stride_x, int stride_y,
+                                       const dl_padding_t *padding, dl_matrix3dq_t *out, int shift);
+
+/* The DSP kernels (tensor_ops_dsp.cpp, built where the target has the
+ * extension): the exact sums of a convolution (filter oc's places at
+ * filter + oc * K) or of a depthwise one, for position p and channel ch sent
+ * where `sums` sends item (p, ch) (items) or (ch, p) (floats). False, with
+ * nothing written, for windows too large for an image's stack copy. */
+namespace dsp {
+bool conv_sums(const qtp_t *in, int w, int h, int c, const Windows &g, const qtp_t *filter, int out_c,
+               const QDotOut &sums);
+bool conv_sums(const uc_t *in, int w, int h, int c, const Windows &g, const qtp_t *filter, int out_c,
+               const QDotOut &sums);
+bool depthwise_sums(const qtp_t *in, int w, int h, int c, const Windows &g, const qtp_t *filter, const QDotOut &sums);
+}  // namespace dsp
+
 }  // namespace dl
 
 #endif /* DL_LIB_TENSOR_OPS_INTERNAL_H */
