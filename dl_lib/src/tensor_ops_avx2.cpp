@@ -31,7 +31,7 @@ __m256i first8(int n) { return _mm256_cmpgt_epi32(_mm256_set1_epi32(n), _mm256_s
 // times the weight there too. The weights come transposed, places x
 // channels (row k at wt + k * out_c).
 
-constexpr int kPositions = 4;
+constexpr int kPositions = 6;
 
 inline float value_of(float v) { return v; }
 inline float value_of(uc_t b) { return static_cast<float>(b) * 0.00390625f; }  // b * 2^-8, exactly
