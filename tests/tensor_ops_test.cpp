@@ -628,4 +628,17 @@ INSTANTIATE_TEST_SUITE_P(Kernels, DepthwiseKernelTest,
                                           testing::ValuesIn(kDepthwiseCases)),
                          PathName());
 
+// Convolution shapes at the kernels' edges: twelve output channels (a
+// vector and part of a second), and a window too long for the DSP kernel's
+// stack copy whose rows are short.
+const ConvCase kKernelEdgeCases[] = {
+    {"partial_second_vector", 11, 7, 2, 3, 3, 12, 1, 1, {1, 1, 1, 1}, true},
+    {"long_window_short_rows", 14, 14, 2, 13, 13, 3, 1, 1, {6, 6, 6, 6}, false},
+};
+
+INSTANTIATE_TEST_SUITE_P(KernelEdges, ConvPathTest,
+                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
+                                          testing::ValuesIn(kKernelEdgeCases)),
+                         PathName());
+
 }  // namespace

@@ -11,11 +11,12 @@
 #define DL_X86_KERNELS 1
 namespace dl::avx2 {
 // The depthwise convolution, bias (NULL for none) included. False, with
-// nothing written, without memory for its padded rows.
+// nothing written, without memory for its place lists or when a weight is
+// infinite or NaN (the portable loop then adds its products with padding).
 bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
-// The convolution of an input of few channels from its padded rows, bias
-// (NULL for none) included; wt is the filter bank transposed, places x
-// channels. False, with nothing written, without memory for the rows.
+// The convolution of an input of few channels from a padded copy of it,
+// bias (NULL for none) included; wt is the filter bank transposed, places x
+// channels. False, with nothing written, without memory for the copy.
 bool conv_float_few_channels(const dl_matrix3d_t *in, const Windows &g, const fptp_t *wt, int out_c, const fptp_t *bias,
                              fptp_t *out);
 bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const fptp_t *wt, int out_c,

@@ -17,7 +17,7 @@
 
 #if defined(__ARM_FEATURE_DSP) && defined(__arm__)
 #include <arm_acle.h>
-#include <string.h>
+#include <stddef.h>
 
 namespace dl::dsp {
 namespace {
@@ -127,9 +127,9 @@ inline Span inside(int start, int k, int n) { return {start < 0 ? -start : 0, st
 inline int32_t item_of(qtp_t v) { return v; }
 inline int32_t item_of(uc_t b) { return static_cast<int32_t>(b) << 7; }
 
-// Windows of up to this many items are copied to the stack when their rows
-// are short.
-constexpr int kWindowItems = 512;
+// Windows of up to this many items (512 bytes of stack, as the product
+// kernel allows itself) are copied when their rows are short.
+constexpr int kWindowItems = 256;
 // Window rows of at least this many items are summed where they stand.
 constexpr int kLongRun = 16;
 
@@ -177,8 +177,9 @@ void in_place(const qtp_t *in, int w, int h, int c, const Windows &g, const qtp_
     for (int p = 0; p < g.wo * g.ho; p++) {
         const int y0 = p / g.wo * g.sy - g.top, x0 = p % g.wo * g.sx - g.left;
         const Span sy = inside(y0, g.kh, h), sx = inside(x0, g.kw, w);
-        const int run = sx.d1 > sx.d0 ? (sx.d1 - sx.d0) * c : 0, rows = run ? sy.d1 - sy.d0 : 0;
-        const qtp_t *x = in + (static_cast<size_t>(y0 + sy.d0) * w + x0 + sx.d0) * c;
+        const int run = sx.d1 > sx.d0 ? (sx.d1 - sx.d0) * c : 0, rows = run && sy.d1 > sy.d0 ? sy.d1 - sy.d0 : 0;
+        // A window with no place inside has the sum 0 (and reads nothing).
+        const qtp_t *x = rows ? in + (static_cast<size_t>(y0 + sy.d0) * w + x0 + sx.d0) * c : in;
         const size_t first = static_cast<size_t>(sy.d0 * g.kw + sx.d0) * c, in_row = static_cast<size_t>(w) * c;
         for (int oc = 0; oc < out_c; oc += 2) {
             const int oc1 = oc + 1 < out_c ? oc + 1 : oc;
