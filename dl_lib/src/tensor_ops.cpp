@@ -254,10 +254,11 @@ void gather(const Plane<T> &in, const Geo &g, int p0, int p1, D *dst, size_t pst
     }
 }
 
-// Positions per gathered block: about 64K places, at least 16 positions.
-int block_positions(int K, int positions)
+// Positions per gathered block: about `places` places, at least 16
+// positions.
+int block_positions(int K, int positions, int places = 65536)
 {
-    int b = 65536 / (K > 0 ? K : 1);
+    int b = places / (K > 0 ? K : 1);
     if (b < 16) b = 16;
     return b < positions ? b : positions;
 }
@@ -338,10 +339,13 @@ bool conv_sums_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix
     if (isa == Isa::dsp) return dl::dsp::conv_sums(in.item, in.w, in.h, in.c, g, filter->item, filter->n, sums);
 #endif
     const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
-    const int B = block_positions(K, P);
     auto conv = [](T v) { return static_cast<qtp_t>(item(v)); };
     bool ok = true;
     if (!sums.items) {
+        // A window's places go to a's rows, one column apart: blocks of
+        // 8K places keep those scattered writes within the first-level
+        // cache.
+        const int B = block_positions(K, P, 8192);
         const dl_matrix2dq_t b = qview(filter->item, out_c, K, K, filter->exponent);
         qtp_t *win = static_cast<qtp_t *>(dl::mem_calloc(1, sizeof(qtp_t) * static_cast<size_t>(K) * B + 1));
         if (!win) return false;
@@ -355,6 +359,7 @@ bool conv_sums_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix
         dl::mem_free(win);
         return ok;
     }
+    const int B = block_positions(K, P);
     qtp_t *ft = static_cast<qtp_t *>(dl::mem_calloc(1, sizeof(qtp_t) * static_cast<size_t>(K) * out_c + 1));
     if (!ft) return false;
     for (int oc = 0; oc < out_c; oc++)
