@@ -156,8 +156,8 @@ bool conv_few_channels(const T *in, int w, int h, int c, const Windows &g, const
 
 // ---- Depthwise float convolution -----------------------------------------------
 //
-// kDwPositions positions at a time by NV vectors of channels from c0, bias
-// (if any) added last; with Part, only `part` lanes of the last vector. Each
+// NP positions (up to kDwPositions) at a time by NV vectors of channels from
+// c0, bias (if any) added last; with Part, only `part` lanes of the last vector. Each
 // channel's sum runs over the window's places in order from +0.0, one
 // rounding per product and per sum, as the portable loop's: the lanes only
 // take several channels at once, and the positions of a tile share each
@@ -176,10 +176,9 @@ constexpr int kDwPositions = 4, kDwVectors = 2;
 struct DwTile {
     const float *corner[kDwPositions];  // each position's first place inside
     float *out[kDwPositions];           // each position's output channels
-    int np;                             // positions stored; the rest repeat the last
 };
 
-template <int NV, bool Part>
+template <int NP, int NV, bool Part>
 void dw_tile(const DwTile &t, int places, const ptrdiff_t *offset, const float *const *weight, const float *bias,
              int c0, int part)
 {
@@ -187,10 +186,10 @@ void dw_tile(const DwTile &t, int places, const ptrdiff_t *offset, const float *
     auto load = [&](const float *p, int j) {
         return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
     };
-    __m256 acc[kDwPositions][NV];
-    const float *x[kDwPositions];
+    __m256 acc[NP][NV];
+    const float *x[NP];
 #pragma GCC unroll 8
-    for (int i = 0; i < kDwPositions; i++) {
+    for (int i = 0; i < NP; i++) {
         x[i] = t.corner[i] + c0;
 #pragma GCC unroll 8
         for (int j = 0; j < NV; j++) acc[i][j] = _mm256_setzero_ps();
@@ -202,14 +201,13 @@ void dw_tile(const DwTile &t, int places, const ptrdiff_t *offset, const float *
 #pragma GCC unroll 8
         for (int j = 0; j < NV; j++) wv[j] = load(fw, j);
 #pragma GCC unroll 8
-        for (int i = 0; i < kDwPositions; i++)
+        for (int i = 0; i < NP; i++)
 #pragma GCC unroll 8
             for (int j = 0; j < NV; j++)
                 acc[i][j] = _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], load(x[i] + off, j)));
     }
 #pragma GCC unroll 8
-    for (int i = 0; i < kDwPositions; i++) {
-        if (i >= t.np) break;
+    for (int i = 0; i < NP; i++) {
         float *o = t.out[i] + c0;
 #pragma GCC unroll 8
         for (int j = 0; j < NV; j++) {
@@ -221,14 +219,15 @@ void dw_tile(const DwTile &t, int places, const ptrdiff_t *offset, const float *
     }
 }
 
+template <int NP>
 void dw_channels(const DwTile &t, int places, const ptrdiff_t *offset, const float *const *weight, int c,
                  const float *bias)
 {
     int c0 = 0;
     for (; c0 + kDwVectors * kLanes <= c; c0 += kDwVectors * kLanes)
-        dw_tile<kDwVectors, false>(t, places, offset, weight, bias, c0, 0);
-    for (; c0 + kLanes <= c; c0 += kLanes) dw_tile<1, false>(t, places, offset, weight, bias, c0, 0);
-    if (c0 < c) dw_tile<1, true>(t, places, offset, weight, bias, c0, c - c0);
+        dw_tile<NP, kDwVectors, false>(t, places, offset, weight, bias, c0, 0);
+    for (; c0 + kLanes <= c; c0 += kLanes) dw_tile<NP, 1, false>(t, places, offset, weight, bias, c0, 0);
+    if (c0 < c) dw_tile<NP, 1, true>(t, places, offset, weight, bias, c0, c - c0);
 }
 
 // Whether no item is infinite or NaN: one comparison of the magnitudes with
@@ -303,16 +302,22 @@ bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *fi
             const int cols = ox1 - ox0, count = (oy1 - oy0) * cols;
             for (int q0 = 0; q0 < count; q0 += kDwPositions) {
                 DwTile t;
-                t.np = count - q0 < kDwPositions ? count - q0 : kDwPositions;
-                for (int i = 0; i < kDwPositions; i++) {
-                    const int q = q0 + (i < t.np ? i : t.np - 1);
+                const int np = count - q0 < kDwPositions ? count - q0 : kDwPositions;
+                for (int i = 0; i < np; i++) {
+                    const int q = q0 + i;
                     const int oy = oy0 + q / cols, ox = ox0 + q % cols;
                     const int y = oy * g.sy - g.top + sy.d0, x = ox * g.sx - g.left + sx.d0;
                     // Only read when the window has places, so inside then.
                     t.corner[i] = n ? in->item + (static_cast<size_t>(y) * w + x) * c : in->item;
                     t.out[i] = out + (static_cast<size_t>(oy) * g.wo + ox) * c;
                 }
-                dw_channels(t, n, offset, weight, c, bias);
+                // A block's last tile takes only the positions left.
+                switch (np) {
+                case 1: dw_channels<1>(t, n, offset, weight, c, bias); break;
+                case 2: dw_channels<2>(t, n, offset, weight, c, bias); break;
+                case 3: dw_channels<3>(t, n, offset, weight, c, bias); break;
+                default: dw_channels<4>(t, n, offset, weight, c, bias); break;
+                }
             }
         }
     }
