@@ -168,8 +168,8 @@ bool conv_few_channels(const T *in, int w, int h, int c, const Windows &g, const
 // +0.0 + -0.0 is +0.0. So with finite weights a window visits only its
 // places inside the input. The positions are taken in blocks that share
 // those places (the interior, each border row and column, the corners), so
-// that the places of a tile are one list: place k of position i is at
-// corner[i] + offset[k] with weights weight[k], and no place costs a test.
+// that the places of a tile are one rectangle of the window at the same
+// offsets from each position's first place, and no place costs a test.
 
 constexpr int kDwPositions = 4, kDwVectors = 2;
 
@@ -178,33 +178,41 @@ struct DwTile {
     float *out[kDwPositions];           // each position's output channels
 };
 
+// The places of a tile's windows: rows x cols of them, window row r and
+// column q at corner + r * in_row + q * c in the input and at
+// weight + r * filter_row + q * c in the filter.
+struct DwPlaces {
+    int rows, cols, c;
+    size_t in_row, filter_row;
+    const float *weight;
+};
+
 template <int NP, int NV, bool Part>
-void dw_tile(const DwTile &t, int places, const ptrdiff_t *offset, const float *const *weight, const float *bias,
-             int c0, int part)
+void dw_tile(const DwTile &t, const DwPlaces &pl, const float *bias, int c0, int part)
 {
     const __m256i mask = first8(part);
     auto load = [&](const float *p, int j) {
         return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
     };
     __m256 acc[NP][NV];
-    const float *x[NP];
 #pragma GCC unroll 8
-    for (int i = 0; i < NP; i++) {
-        x[i] = t.corner[i] + c0;
+    for (int i = 0; i < NP; i++)
 #pragma GCC unroll 8
         for (int j = 0; j < NV; j++) acc[i][j] = _mm256_setzero_ps();
-    }
-    for (int k = 0; k < places; k++) {
-        const float *fw = weight[k] + c0;
-        const ptrdiff_t off = offset[k];
-        __m256 wv[NV];
+    for (int r = 0; r < pl.rows; r++) {
+        const float *fw = pl.weight + pl.filter_row * r + c0;
+        const size_t row = pl.in_row * r + c0;
+        for (int q = 0; q < pl.cols; q++, fw += pl.c) {
+            const size_t at = row + static_cast<size_t>(q) * pl.c;
+            __m256 wv[NV];
 #pragma GCC unroll 8
-        for (int j = 0; j < NV; j++) wv[j] = load(fw, j);
+            for (int j = 0; j < NV; j++) wv[j] = load(fw, j);
 #pragma GCC unroll 8
-        for (int i = 0; i < NP; i++)
+            for (int i = 0; i < NP; i++)
 #pragma GCC unroll 8
-            for (int j = 0; j < NV; j++)
-                acc[i][j] = _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], load(x[i] + off, j)));
+                for (int j = 0; j < NV; j++)
+                    acc[i][j] = _mm256_add_ps(acc[i][j], _mm256_mul_ps(wv[j], load(t.corner[i] + at, j)));
+        }
     }
 #pragma GCC unroll 8
     for (int i = 0; i < NP; i++) {
@@ -220,14 +228,13 @@ void dw_tile(const DwTile &t, int places, const ptrdiff_t *offset, const float *
 }
 
 template <int NP>
-void dw_channels(const DwTile &t, int places, const ptrdiff_t *offset, const float *const *weight, int c,
-                 const float *bias)
+void dw_channels(const DwTile &t, const DwPlaces &pl, const float *bias)
 {
+    const int c = pl.c;
     int c0 = 0;
-    for (; c0 + kDwVectors * kLanes <= c; c0 += kDwVectors * kLanes)
-        dw_tile<NP, kDwVectors, false>(t, places, offset, weight, bias, c0, 0);
-    for (; c0 + kLanes <= c; c0 += kLanes) dw_tile<NP, 1, false>(t, places, offset, weight, bias, c0, 0);
-    if (c0 < c) dw_tile<NP, 1, true>(t, places, offset, weight, bias, c0, c - c0);
+    for (; c0 + kDwVectors * kLanes <= c; c0 += kDwVectors * kLanes) dw_tile<NP, kDwVectors, false>(t, pl, bias, c0, 0);
+    for (; c0 + kLanes <= c; c0 += kLanes) dw_tile<NP, 1, false>(t, pl, bias, c0, 0);
+    if (c0 < c) dw_tile<NP, 1, true>(t, pl, bias, c0, c - c0);
 }
 
 // Whether no item is infinite or NaN: one comparison of the magnitudes with
@@ -274,15 +281,8 @@ bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const f
 
 bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out)
 {
-    const int c = in->c, w = in->w, places = g.kh * g.kw;
-    if (!all_finite(filter, static_cast<size_t>(places) * c)) return false;
-    ptrdiff_t *offset = static_cast<ptrdiff_t *>(dl::mem_calloc(1, sizeof(ptrdiff_t) * places));
-    const float **weight = static_cast<const float **>(dl::mem_calloc(1, sizeof(float *) * places));
-    if (!offset || !weight) {
-        dl::mem_free(offset);
-        dl::mem_free(weight);
-        return false;
-    }
+    const int c = in->c, w = in->w;
+    if (!all_finite(filter, static_cast<size_t>(g.kh) * g.kw * c)) return false;
     // Blocks of rows by their window rows inside, and within them blocks of
     // columns alike: the window ranges only shrink toward the ends, so equal
     // ranges are neighbours.
@@ -292,13 +292,14 @@ bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *fi
         for (int ox0 = 0, ox1; ox0 < g.wo; ox0 = ox1) {
             const Span sx = inside_span(ox0, g.sx, g.left, g.kw, w);
             for (ox1 = ox0 + 1; ox1 < g.wo && inside_span(ox1, g.sx, g.left, g.kw, w) == sx;) ox1++;
-            int n = 0;
-            for (int dy = sy.d0; dy < sy.d1; dy++)
-                for (int dx = sx.d0; dx < sx.d1; dx++, n++) {
-                    offset[n] = (static_cast<ptrdiff_t>(dy - sy.d0) * w + (dx - sx.d0)) * c;
-                    weight[n] = filter + static_cast<size_t>(dy * g.kw + dx) * c;
-                }
             // A window wholly in the padding has no place: its sum is +0.0.
+            const bool empty = sy.d1 <= sy.d0 || sx.d1 <= sx.d0;
+            const DwPlaces pl = {empty ? 0 : sy.d1 - sy.d0,
+                                 empty ? 0 : sx.d1 - sx.d0,
+                                 c,
+                                 static_cast<size_t>(w) * c,
+                                 static_cast<size_t>(g.kw) * c,
+                                 filter + static_cast<size_t>(sy.d0 * g.kw + sx.d0) * c};
             const int cols = ox1 - ox0, count = (oy1 - oy0) * cols;
             for (int q0 = 0; q0 < count; q0 += kDwPositions) {
                 DwTile t;
@@ -308,21 +309,19 @@ bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *fi
                     const int oy = oy0 + q / cols, ox = ox0 + q % cols;
                     const int y = oy * g.sy - g.top + sy.d0, x = ox * g.sx - g.left + sx.d0;
                     // Only read when the window has places, so inside then.
-                    t.corner[i] = n ? in->item + (static_cast<size_t>(y) * w + x) * c : in->item;
+                    t.corner[i] = empty ? in->item : in->item + (static_cast<size_t>(y) * w + x) * c;
                     t.out[i] = out + (static_cast<size_t>(oy) * g.wo + ox) * c;
                 }
                 // A block's last tile takes only the positions left.
                 switch (np) {
-                case 1: dw_channels<1>(t, n, offset, weight, c, bias); break;
-                case 2: dw_channels<2>(t, n, offset, weight, c, bias); break;
-                case 3: dw_channels<3>(t, n, offset, weight, c, bias); break;
-                default: dw_channels<4>(t, n, offset, weight, c, bias); break;
+                case 1: dw_channels<1>(t, pl, bias); break;
+                case 2: dw_channels<2>(t, pl, bias); break;
+                case 3: dw_channels<3>(t, pl, bias); break;
+                default: dw_channels<4>(t, pl, bias); break;
                 }
             }
         }
     }
-    dl::mem_free(offset);
-    dl::mem_free(weight);
     return true;
 }
 
