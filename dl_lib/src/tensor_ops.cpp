@@ -11,8 +11,8 @@
 #define DL_X86_KERNELS 1
 namespace dl::avx2 {
 // The depthwise convolution, bias (NULL for none) included. False, with
-// nothing written, without memory for its place lists or when a weight is
-// infinite or NaN (the portable loop then adds its products with padding).
+// nothing written, when a weight is infinite or NaN (the portable loop then
+// adds its products with the padding).
 bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
 // The convolution of an input of few channels from a padded copy of it,
 // bias (NULL for none) included; wt is the filter bank transposed, places x

@@ -108,12 +108,19 @@ struct Out {
             r = __ssat(r, 16);
             items[at] = static_cast<qtp_t>(r < -32767 ? -32767 : r);
         } else {
-            // A sum within 32 bits converts as a 32-bit integer: the same
-            // rounding of the same value, in one instruction.
-            const fptp_t f = sum >= INT32_MIN && sum <= INT32_MAX ? static_cast<fptp_t>(static_cast<int32_t>(sum))
-                                                                  : static_cast<fptp_t>(sum);
-            floats[at] = f * factor;
+            put_float(at, sum);
         }
+    }
+
+    // Kept out of line: the float results are the quantised-weight forms',
+    // whose cost lies in quantising the input.
+    __attribute__((noinline)) void put_float(size_t at, int64_t sum) const
+    {
+        // A sum within 32 bits converts as a 32-bit integer: the same
+        // rounding of the same value, in one instruction.
+        const fptp_t f = sum >= INT32_MIN && sum <= INT32_MAX ? static_cast<fptp_t>(static_cast<int32_t>(sum))
+                                                              : static_cast<fptp_t>(sum);
+        floats[at] = f * factor;
     }
 };
 
@@ -267,13 +274,10 @@ bool depthwise_sums(const qtp_t *in, int w, int h, int c, const Windows &g, cons
         // A window with no place inside has the sum 0 (and reads nothing).
         const qtp_t *x = rows ? in + (static_cast<size_t>(y0 + sy.d0) * w + x0 + sx.d0) * c : in;
         const qtp_t *f = filter + static_cast<size_t>(sy.d0 * g.kw + sx.d0) * c;
-        // The rows of the common narrow windows written out.
-        switch (rows ? cols : 0) {
-        case 1: depthwise_position<1>(x, f, rows, cols, c, in_row, filter_row, out, p); break;
-        case 2: depthwise_position<2>(x, f, rows, cols, c, in_row, filter_row, out, p); break;
-        case 3: depthwise_position<3>(x, f, rows, cols, c, in_row, filter_row, out, p); break;
-        default: depthwise_position<0>(x, f, rows, cols, c, in_row, filter_row, out, p); break;
-        }
+        // The rows of 3 x 3 windows, inside and at a side, written out.
+        if (cols == 3) depthwise_position<3>(x, f, rows, cols, c, in_row, filter_row, out, p);
+        else if (cols == 2) depthwise_position<2>(x, f, rows, cols, c, in_row, filter_row, out, p);
+        else depthwise_position<0>(x, f, rows, cols, c, in_row, filter_row, out, p);
     }
     return true;
 }
