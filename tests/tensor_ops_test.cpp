@@ -578,13 +578,16 @@ INSTANTIATE_TEST_SUITE_P(Conditions, TensorOpsDeathTest, testing::ValuesIn(kDeat
 
 // Shapes for the depthwise kernels: 16-channel groups with tiles of positions
 // that run across row ends, a partial vector and an odd channel, windows
-// that lie wholly in the padding.
+// that lie wholly in the padding, rows of 3-wide windows that share their
+// input (an odd number of rows, 10 and 7 positions a row).
 const ConvCase kDepthwiseCases[] = {
     {"kws_64", 5, 25, 64, 3, 3, 64, 1, 1, {1, 1, 1, 1}, true},
     {"channels_21_strided", 7, 6, 21, 3, 3, 21, 2, 2, {0, 1, 0, 1}, true},
     {"channels_24_asymmetric", 9, 4, 24, 2, 3, 24, 1, 1, {2, 0, 1, 3}, false},
     {"windows_in_padding", 2, 2, 9, 1, 1, 9, 1, 1, {2, 1, 1, 2}, true},
     {"wide_window", 6, 5, 3, 5, 4, 3, 1, 2, {4, 0, 3, 1}, true},
+    {"wide_rows", 12, 5, 11, 3, 3, 11, 1, 1, {1, 1, 1, 1}, true},
+    {"rows_strided", 9, 9, 8, 3, 3, 8, 1, 2, {0, 0, 1, 1}, false},
 };
 
 class DepthwiseKernelTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};

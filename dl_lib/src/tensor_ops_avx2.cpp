@@ -237,6 +237,74 @@ void dw_channels(const DwTile &t, const DwPlaces &pl, const float *bias)
     if (c0 < c) dw_tile<NP, 1, true>(t, pl, bias, c0, c - c0);
 }
 
+// Blocks of 3-wide windows at stride 1 along the rows share most of their
+// input: R output rows by NP neighbouring positions each, 8 channels from c0
+// (with Part, `part` of them). Each input vector of a window row is loaded
+// once and serves the up to three positions that read it; a position's sum
+// still takes its places in order, row by row and, within a row, column by
+// column, since the columns are visited in ascending order.
+constexpr int kRowWindow = 3;
+
+template <int R, int NP, bool Part>
+void dw_rows_tile(const float *const *first, float *const *out, const DwPlaces &pl, const float *bias, int c0, int part)
+{
+    const __m256i mask = first8(part);
+    auto load = [&](const float *p) { return Part ? _mm256_maskload_ps(p, mask) : _mm256_loadu_ps(p); };
+    const size_t c = static_cast<size_t>(pl.c);
+    __m256 acc[R][NP];
+#pragma GCC unroll 8
+    for (int o = 0; o < R; o++)
+#pragma GCC unroll 8
+        for (int i = 0; i < NP; i++) acc[o][i] = _mm256_setzero_ps();
+    for (int r = 0; r < pl.rows; r++) {
+        const float *fw = pl.weight + pl.filter_row * r + c0;
+        __m256 wv[kRowWindow];
+#pragma GCC unroll 8
+        for (int dx = 0; dx < kRowWindow; dx++) wv[dx] = load(fw + dx * c);
+#pragma GCC unroll 8
+        for (int o = 0; o < R; o++) {
+            const float *x = first[o] + pl.in_row * r + c0;
+#pragma GCC unroll 8
+            for (int j = 0; j < NP + kRowWindow - 1; j++) {
+                const __m256 v = load(x + j * c);
+#pragma GCC unroll 8
+                for (int dx = 0; dx < kRowWindow; dx++)
+                    if (j - dx >= 0 && j - dx < NP)
+                        acc[o][j - dx] = _mm256_add_ps(acc[o][j - dx], _mm256_mul_ps(wv[dx], v));
+            }
+        }
+    }
+#pragma GCC unroll 8
+    for (int o = 0; o < R; o++)
+#pragma GCC unroll 8
+        for (int i = 0; i < NP; i++) {
+            __m256 v = acc[o][i];
+            if (bias) v = _mm256_add_ps(v, load(bias + c0));
+            float *d = out[o] + i * c + c0;
+            if (Part) _mm256_maskstore_ps(d, mask, v);
+            else _mm256_storeu_ps(d, v);
+        }
+}
+
+template <int R, int NP>
+void dw_rows_channels(const float *const *first, float *const *out, const DwPlaces &pl, const float *bias)
+{
+    int c0 = 0;
+    for (; c0 + kLanes <= pl.c; c0 += kLanes) dw_rows_tile<R, NP, false>(first, out, pl, bias, c0, 0);
+    if (c0 < pl.c) dw_rows_tile<R, NP, true>(first, out, pl, bias, c0, pl.c - c0);
+}
+
+template <int R>
+void dw_rows(int np, const float *const *first, float *const *out, const DwPlaces &pl, const float *bias)
+{
+    switch (np) {
+    case 1: dw_rows_channels<R, 1>(first, out, pl, bias); break;
+    case 2: dw_rows_channels<R, 2>(first, out, pl, bias); break;
+    case 3: dw_rows_channels<R, 3>(first, out, pl, bias); break;
+    default: dw_rows_channels<R, 4>(first, out, pl, bias); break;
+    }
+}
+
 // Whether no item is infinite or NaN: one comparison of the magnitudes with
 // infinity per vector (unordered, so that a NaN fails it too).
 bool all_finite(const float *v, size_t n)
@@ -301,6 +369,25 @@ bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *fi
                                  static_cast<size_t>(g.kw) * c,
                                  filter + static_cast<size_t>(sy.d0 * g.kw + sx.d0) * c};
             const int cols = ox1 - ox0, count = (oy1 - oy0) * cols;
+            if (g.sx == 1 && pl.cols == kRowWindow && cols >= 2) {
+                // Two output rows at a time, up to four positions of each.
+                for (int oy = oy0; oy < oy1; oy += 2) {
+                    const int rows = oy1 - oy < 2 ? 1 : 2;
+                    for (int ox = ox0; ox < ox1; ox += 4) {
+                        const int np = ox1 - ox < 4 ? ox1 - ox : 4;
+                        const float *first[2];
+                        float *o[2];
+                        for (int k = 0; k < rows; k++) {
+                            const int y = (oy + k) * g.sy - g.top + sy.d0, x = ox - g.left + sx.d0;
+                            first[k] = in->item + (static_cast<size_t>(y) * w + x) * c;
+                            o[k] = out + (static_cast<size_t>(oy + k) * g.wo + ox) * c;
+                        }
+                        if (rows == 2) dw_rows<2>(np, first, o, pl, bias);
+                        else dw_rows<1>(np, first, o, pl, bias);
+                    }
+                }
+                continue;
+            }
             for (int q0 = 0; q0 < count; q0 += kDwPositions) {
                 DwTile t;
                 const int np = count - q0 < kDwPositions ? count - q0 : kDwPositions;
