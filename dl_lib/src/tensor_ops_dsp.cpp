@@ -56,24 +56,41 @@ DL_DSP_INLINE int64_t smlaltt(uint32_t x, uint32_t y, int64_t sum)
 // s0 += x . f0 and s1 += x . f1 over n neighbouring items.
 DL_DSP_INLINE void dot2(const qtp_t *x, const qtp_t *f0, const qtp_t *f1, int n, int64_t &s0, int64_t &s1)
 {
-    int k = 0;
-    for (; k + 4 <= n; k += 4) {
-        const uint32_t p0 = load_pair(x + k), p1 = load_pair(x + k + 2);
-        s0 = smlald(p0, load_pair(f0 + k), s0);
-        s1 = smlald(p0, load_pair(f1 + k), s1);
-        s0 = smlald(p1, load_pair(f0 + k + 2), s0);
-        s1 = smlald(p1, load_pair(f1 + k + 2), s1);
+    int64_t a0 = s0, a1 = s1;
+    // A step takes one pair of x and of each filter; four steps a turn.
+    auto step = [&]() {
+        const uint32_t p = load_pair(x);
+        x += 2;
+        a0 = smlald(p, load_pair(f0), a0);
+        f0 += 2;
+        a1 = smlald(p, load_pair(f1), a1);
+        f1 += 2;
+    };
+    for (const qtp_t *end = x + (n & ~7); x != end;) {
+        step();
+        step();
+        step();
+        step();
     }
-    if (k + 2 <= n) {
-        const uint32_t p = load_pair(x + k);
-        s0 = smlald(p, load_pair(f0 + k), s0);
-        s1 = smlald(p, load_pair(f1 + k), s1);
-        k += 2;
+    if (n & 4) {
+        step();
+        step();
     }
-    if (k < n) {
-        s0 += static_cast<int64_t>(x[k]) * f0[k];
-        s1 += static_cast<int64_t>(x[k]) * f1[k];
+    if (n & 2) step();
+    if (n & 1) {
+        a0 += static_cast<int64_t>(*x) * *f0;
+        a1 += static_cast<int64_t>(*x) * *f1;
     }
+    s0 = a0;
+    s1 = a1;
+}
+
+// The same as a call of its own, for loops that keep too much else in
+// registers to leave them to dot2's.
+__attribute__((noinline)) void dot2_call(const qtp_t *x, const qtp_t *f0, const qtp_t *f1, int n, int64_t &s0,
+                                         int64_t &s1)
+{
+    dot2(x, f0, f1, n, s0, s1);
 }
 
 // Where the sums go: both the item and the float results of the tensor
@@ -195,7 +212,7 @@ void in_place(const qtp_t *in, int w, int h, int c, const Windows &g, const qtp_
             int64_t s0 = 0, s1 = 0;
             for (int r = 0; r < rows; r++) {
                 const size_t fr = static_cast<size_t>(r) * g.kw * c;
-                dot2(x + in_row * r, f0 + fr, f1 + fr, run, s0, s1);
+                dot2_call(x + in_row * r, f0 + fr, f1 + fr, run, s0, s1);
             }
             out.put(p, oc, s0);
             if (oc1 != oc) out.put(p, oc1, s1);
