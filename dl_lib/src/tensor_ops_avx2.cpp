@@ -1,6 +1,7 @@
 // The tensor operators' kernels for processors with AVX2: 8 float lanes.
-// Each returns false, with nothing written, when it cannot get its scratch
-// memory; the caller then runs the portable loop.
+// Each returns false, with nothing written, when it cannot run (no scratch
+// memory; for the depthwise one, a weight that is not finite); the caller
+// then runs the portable loop.
 // Built with -mavx2 for this file alone (no -mfma: products and sums must
 // round apart), and run only after the run-time check in kernels.cpp.
 #if defined(__x86_64__)
@@ -157,11 +158,12 @@ bool conv_few_channels(const T *in, int w, int h, int c, const Windows &g, const
 // ---- Depthwise float convolution -----------------------------------------------
 //
 // NP positions (up to kDwPositions) at a time by NV vectors of channels from
-// c0, bias (if any) added last; with Part, only `part` lanes of the last vector. Each
-// channel's sum runs over the window's places in order from +0.0, one
-// rounding per product and per sum, as the portable loop's: the lanes only
-// take several channels at once, and the positions of a tile share each
-// load of the weights. The accumulators stay in registers across the window.
+// c0, bias (if any) added last; with Part, only `part` lanes of the last
+// vector. Each channel's sum runs over the window's places in order from
+// +0.0, one rounding per product and per sum, as the portable loop's: the
+// lanes only take several channels at once, and the positions of a tile
+// share each load of the weights. The accumulators stay in registers across
+// the window.
 //
 // A padded place adds 0.0 times its weight, which leaves a sum unchanged
 // when the weight is finite: a sum that starts at +0.0 is never -0.0, and
