@@ -524,4 +524,74 @@ TEST_P(TensorOpsDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().cal
 
 INSTANTIATE_TEST_SUITE_P(Conditions, TensorOpsDeathTest, testing::ValuesIn(kDeaths), testutil::CaseName());
 
+// ---- Depthwise kernels, each against the reference ------------------------------
+
+// Shapes for the depthwise kernels: 16-channel groups with tiles of positions
+// that run across row ends, a partial vector and an odd channel, windows
+// that lie wholly in the padding, rows of 3-wide windows that share their
+// input (an odd number of rows, 10 and 7 positions a row).
+const ConvCase kDepthwiseCases[] = {
+    {"kws_64", 5, 25, 64, 3, 3, 64, 1, 1, {1, 1, 1, 1}, true},
+    {"channels_21_strided", 7, 6, 21, 3, 3, 21, 2, 2, {0, 1, 0, 1}, true},
+    {"channels_24_asymmetric", 9, 4, 24, 2, 3, 24, 1, 1, {2, 0, 1, 3}, false},
+    {"windows_in_padding", 2, 2, 9, 1, 1, 9, 1, 1, {2, 1, 1, 2}, true},
+    {"wide_window", 6, 5, 3, 5, 4, 3, 1, 2, {4, 0, 3, 1}, true},
+    {"wide_rows", 12, 5, 11, 3, 3, 11, 1, 1, {1, 1, 1, 1}, true},
+    {"rows_strided", 9, 9, 8, 3, 3, 8, 1, 2, {0, 0, 1, 1}, false},
+};
+
+class DepthwiseKernelTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};
+
+// The last round puts an infinite and a NaN weight in: a padded place then
+// adds NaN (infinity times 0.0) where the window reaches the padding.
+TEST_P(DepthwiseKernelTest, SameBitsAsReference)
+{
+    const auto [isa, k] = GetParam();
+    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
+    const std::string what = std::string(dl::isa_name(isa)) + " " + k.name;
+    const Geometry g = geometry(k.w, k.h, k.kw, k.kh, k.sx, k.sy, k.pad);
+    const auto iv = [](qtp_t v) { return static_cast<int32_t>(v); };
+    Rng rng(13);
+    for (int round = 0; round < 4; round++) {
+        Operands o(rng, k, true);
+        if (round == 3) {
+            o.ffilter->item[0] = INFINITY;
+            o.ffilter->item[count(o.ffilter.get()) - 1] = NAN;
+        }
+        T3 f = own(
+            dl::depthwise_conv_layer(isa, o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, &k.pad, nullptr));
+        expect_floats(ref_float(
+                          k, g, true, o.fin->item, [](float v) { return v; }, o.ffilter.get(), o.fbias.get()),
+                      f.get(), what + " float");
+        T3q qin = own(dl_matrixq_from_matrix3d(o.fin.get()));
+        T3 fq = own(dl::depthwise_conv_layer_quantised_weight(isa, o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx,
+                                                              k.sy, &k.pad, nullptr));
+        expect_floats(ref_qweight(k, g, true, qin->item, qin->exponent, iv, o), fq.get(), what + " quantised_weight");
+        std::vector<qtp_t> want;
+        int e;
+        ref_q(k, g, true, o.qin->item, o.qin->exponent, iv, o, want, e);
+        T3q q = own(dl::depthwise_conv_layer_q(isa, o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, &k.pad,
+                                               nullptr, o.shift));
+        expect_items(want, e, q.get(), what + " q");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernels, DepthwiseKernelTest,
+                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
+                                          testing::ValuesIn(kDepthwiseCases)),
+                         PathName());
+
+// Convolution shapes at the kernels' edges: twelve output channels (a
+// vector and part of a second), and a window too long for the DSP kernel's
+// stack copy whose rows are short.
+const ConvCase kKernelEdgeCases[] = {
+    {"partial_second_vector", 11, 7, 2, 3, 3, 12, 1, 1, {1, 1, 1, 1}, true},
+    {"long_window_short_rows", 14, 14, 2, 13, 13, 3, 1, 1, {6, 6, 6, 6}, false},
+};
+
+INSTANTIATE_TEST_SUITE_P(KernelEdges, ConvPathTest,
+                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
+                                          testing::ValuesIn(kKernelEdgeCases)),
+                         PathName());
+
 }  // namespace

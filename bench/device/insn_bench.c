@@ -300,12 +300,18 @@ static void convolution(void)
     dl_matrix_free(c.out);
 }
 
-/* Tensor convolutions at keyword-spotting shapes: a 3 x 3 depthwise layer
- * and a 1 x 1 pointwise layer on 25 x 5 positions of 32 channels (the
- * middle of a small depthwise-separable network), in fixed point and float. */
+/* Tensor convolutions at keyword-spotting shapes: a 3 x 3 depthwise layer,
+ * a 1 x 1 pointwise layer and a 3 x 3 convolution on 25 x 5 positions of 32
+ * channels (the middle of a small depthwise-separable network), in fixed
+ * point and float; the first layer of that network (10 x 4 windows at
+ * stride 2 over a 49 x 10 spectrogram) and of a small vision network (3 x 3
+ * windows over a 32 x 32 RGB image), in fixed point. */
 struct tensor_conv {
-    dl_matrix3dq_t *in, *dw, *pw, *out;
+    dl_matrix3dq_t *in, *dw, *pw, *k3, *out;
     dl_matrix3d_t *fin, *fdw, *fpw, *fout;
+    dl_matrix3dq_t *spectrogram, *k10x4, *first_out;
+    dl_matrix3du_t *image;
+    dl_matrix3dq_t *k_rgb, *image_out;
 };
 
 static const dl_padding_t same3 = {1, 1, 1, 1};
@@ -320,6 +326,31 @@ static void run_pointwise_q(void *ctx)
 {
     struct tensor_conv *t = ctx;
     dl_matrix3dq_conv_layer_q(t->in, t->pw, NULL, 1, 1, NULL, t->out, 0);
+}
+
+static void run_depthwise_qw(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    dl_matrix3d_depthwise_conv_layer_quantised_weight(t->fin, t->dw, NULL, 1, 1, &same3, t->fout);
+}
+
+static void run_conv3x3_q(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    dl_matrix3dq_conv_layer_q(t->in, t->k3, NULL, 1, 1, &same3, t->out, 0);
+}
+
+static void run_first_layer_q(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    const dl_padding_t same = dl_padding_same(10, 49, 4, 10, 2, 2, 1);
+    dl_matrix3dq_conv_layer_q(t->spectrogram, t->k10x4, NULL, 2, 2, &same, t->first_out, 0);
+}
+
+static void run_image_q(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    dl_matrix3du_conv_layer_q(t->image, t->k_rgb, NULL, 1, 1, &same3, t->image_out, 0);
 }
 
 static void run_depthwise_f(void *ctx)
@@ -358,15 +389,40 @@ static void tensor_convolutions(void)
     t.fdw = dl_matrix3d_from_matrixq(t.dw);
     t.fpw = dl_matrix3d_from_matrixq(t.pw);
     t.fout = dl_matrix3d_alloc(1, W, H, C);
+    t.k3 = dl_matrix3dq_alloc(C, 3, 3, C, -15);
+    fill_tensor(t.k3, 11u);
+    t.spectrogram = dl_matrix3dq_alloc(1, 10, 49, 1, -15);
+    t.k10x4 = dl_matrix3dq_alloc(C, 4, 10, 1, -15);
+    t.first_out = dl_matrix3dq_alloc(1, W, H, C, 0);
+    fill_tensor(t.spectrogram, 12u);
+    fill_tensor(t.k10x4, 13u);
+    t.image = dl_matrix3du_alloc(1, 32, 32, 3);
+    for (int i = 0; i < 32 * 32 * 3; i++) t.image->item[i] = (uc_t)(i * 37u + 11u);
+    t.k_rgb = dl_matrix3dq_alloc(16, 3, 3, 3, -15);
+    fill_tensor(t.k_rgb, 14u);
+    t.image_out = dl_matrix3dq_alloc(1, 32, 32, 16, 0);
     report("tensor depthwise 25x5x32 3x3 dl_matrix3dq_depthwise_conv_layer_q", run_depthwise_q, &t,
            (long)W * H * C * 9);
     report("tensor depthwise 25x5x32 3x3 dl_matrix3d_depthwise_conv_layer", run_depthwise_f, &t, (long)W * H * C * 9);
     report("tensor pointwise 25x5x32 1x1x32 dl_matrix3dq_conv_layer_q", run_pointwise_q, &t, (long)W * H * C * C);
     report("tensor pointwise 25x5x32 1x1x32 dl_matrix3d_conv_layer", run_pointwise_f, &t, (long)W * H * C * C);
+    report("tensor depthwise 25x5x32 3x3 dl_matrix3d_depthwise_conv_layer_quantised_weight", run_depthwise_qw, &t,
+           (long)W * H * C * 9);
+    report("tensor conv 25x5x32 3x3x32 dl_matrix3dq_conv_layer_q", run_conv3x3_q, &t, (long)W * H * C * 9 * C);
+    report("tensor conv 49x10x1 10x4 stride 2 to 32 dl_matrix3dq_conv_layer_q", run_first_layer_q, &t,
+           (long)W * H * C * 40);
+    report("tensor conv 32x32x3 image 3x3 to 16 dl_matrix3du_conv_layer_q", run_image_q, &t, 32L * 32 * 16 * 27);
     dl_matrix3dq_free(t.in);
     dl_matrix3dq_free(t.dw);
     dl_matrix3dq_free(t.pw);
     dl_matrix3dq_free(t.out);
+    dl_matrix3dq_free(t.k3);
+    dl_matrix3dq_free(t.spectrogram);
+    dl_matrix3dq_free(t.k10x4);
+    dl_matrix3dq_free(t.first_out);
+    dl_matrix3du_free(t.image);
+    dl_matrix3dq_free(t.k_rgb);
+    dl_matrix3dq_free(t.image_out);
     dl_matrix3d_free(t.fin);
     dl_matrix3d_free(t.fdw);
     dl_matrix3d_free(t.fpw);

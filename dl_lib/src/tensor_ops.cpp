@@ -11,11 +11,12 @@
 #define DL_X86_KERNELS 1
 namespace dl::avx2 {
 // The depthwise convolution, bias (NULL for none) included. False, with
-// nothing written, without memory for its padded rows.
+// nothing written, when a weight is infinite or NaN (the portable loop then
+// adds its products with the padding).
 bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
-// The convolution of an input of few channels from its padded rows, bias
-// (NULL for none) included; wt is the filter bank transposed, places x
-// channels. False, with nothing written, without memory for the rows.
+// The convolution of an input of few channels from a padded copy of it,
+// bias (NULL for none) included; wt is the filter bank transposed, places x
+// channels. False, with nothing written, without memory for the copy.
 bool conv_float_few_channels(const dl_matrix3d_t *in, const Windows &g, const fptp_t *wt, int out_c, const fptp_t *bias,
                              fptp_t *out);
 bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const fptp_t *wt, int out_c,
@@ -23,6 +24,13 @@ bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const f
 }  // namespace dl::avx2
 #else
 #define DL_X86_KERNELS 0
+#endif
+// The DSP kernels are built where the target has the extension, and then
+// always used for the fixed-point sums.
+#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
+#define DL_DSP_KERNELS 1
+#else
+#define DL_DSP_KERNELS 0
 #endif
 
 namespace {
@@ -246,10 +254,11 @@ void gather(const Plane<T> &in, const Geo &g, int p0, int p1, D *dst, size_t pst
     }
 }
 
-// Positions per gathered block: about 64K places, at least 16 positions.
-int block_positions(int K, int positions)
+// Positions per gathered block: about `places` places, at least 16
+// positions.
+int block_positions(int K, int positions, int places = 65536)
 {
-    int b = 65536 / (K > 0 ? K : 1);
+    int b = places / (K > 0 ? K : 1);
     if (b < 16) b = 16;
     return b < positions ? b : positions;
 }
@@ -275,7 +284,7 @@ template <class T, class Tensor>
 bool conv_float_kernel(Isa isa, const Tensor *input, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
                        const dl_matrix3d_t *bias, const dl_padding_t *padding, fptp_t *out)
 {
-    if (isa == Isa::none) return false;
+    if (isa == Isa::none || isa == Isa::dsp) return false;  // no float product kernel
     const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
     fptp_t *wt = static_cast<fptp_t *>(dl::mem_calloc(1, sizeof(fptp_t) * static_cast<size_t>(K) * out_c + 1));
     if (!wt) return false;
@@ -326,11 +335,17 @@ bool conv_sums_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix
                       const dl_padding_t *padding, const dl::QDotOut &sums)
 {
     if (isa == Isa::none) return false;
+#if DL_DSP_KERNELS
+    if (isa == Isa::dsp) return dl::dsp::conv_sums(in.item, in.w, in.h, in.c, g, filter->item, filter->n, sums);
+#endif
     const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
-    const int B = block_positions(K, P);
     auto conv = [](T v) { return static_cast<qtp_t>(item(v)); };
     bool ok = true;
     if (!sums.items) {
+        // A window's places go to a's rows, one column apart: blocks of
+        // 8K places keep those scattered writes within the first-level
+        // cache.
+        const int B = block_positions(K, P, 8192);
         const dl_matrix2dq_t b = qview(filter->item, out_c, K, K, filter->exponent);
         qtp_t *win = static_cast<qtp_t *>(dl::mem_calloc(1, sizeof(qtp_t) * static_cast<size_t>(K) * B + 1));
         if (!win) return false;
@@ -344,6 +359,7 @@ bool conv_sums_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix
         dl::mem_free(win);
         return ok;
     }
+    const int B = block_positions(K, P);
     qtp_t *ft = static_cast<qtp_t *>(dl::mem_calloc(1, sizeof(qtp_t) * static_cast<size_t>(K) * out_c + 1));
     if (!ft) return false;
     for (int oc = 0; oc < out_c; oc++)
@@ -505,6 +521,17 @@ void depthwise_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, const
             }
         }
     }
+}
+
+// The exact sums by isa's kernel where there is one, else by the loop above.
+void depthwise_sums_by(Isa isa, const Plane<qtp_t> &in, const Geo &g, const qtp_t *filter, const dl::QDotOut &sums)
+{
+#if DL_DSP_KERNELS
+    if (isa == Isa::dsp && dl::dsp::depthwise_sums(in.item, in.w, in.h, in.c, g, filter, sums)) return;
+#else
+    (void)isa;
+#endif
+    depthwise_sums(in, g, filter, sums);
 }
 
 template <class Filter, class In>
@@ -717,9 +744,11 @@ dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer(const dl_matrix3d_t *in, const d
     return dl::depthwise_conv_layer(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out);
 }
 
-dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
-                                                                 const dl_matrix3d_t *bias, int stride_x, int stride_y,
-                                                                 const dl_padding_t *padding, dl_matrix3d_t *out)
+namespace dl {
+
+dl_matrix3d_t *depthwise_conv_layer_quantised_weight(Isa isa, const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                     const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                     const dl_padding_t *padding, dl_matrix3d_t *out)
 {
     DL_ASSERT(out!=in);
     const Geo g = depthwise_geometry(plane_of(in), filter, stride_x, stride_y, padding);
@@ -730,15 +759,16 @@ dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix
     DL_ASSERT_ALLOCATED(q);
     const int P = g.wo * g.ho;
     dl_matrix2d_t all = fview(out->item, in->c, P, in->c);
-    depthwise_sums(plane_of(q), g, filter->item, dl::qdot_to_floats(&all, dl::pow2f(q->exponent + filter->exponent)));
+    depthwise_sums_by(isa, plane_of(q), g, filter->item,
+                      dl::qdot_to_floats(&all, dl::pow2f(q->exponent + filter->exponent)));
     dl_matrix3dq_free(q);
     add_bias(out->item, P, bias);
     return out;
 }
 
-dl_matrix3dq_t *dl_matrix3dq_depthwise_conv_layer_q(const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
-                                                    const dl_matrix3dq_t *bias, int stride_x, int stride_y,
-                                                    const dl_padding_t *padding, dl_matrix3dq_t *out, int shift)
+dl_matrix3dq_t *depthwise_conv_layer_q(Isa isa, const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                                       const dl_matrix3dq_t *bias, int stride_x, int stride_y,
+                                       const dl_padding_t *padding, dl_matrix3dq_t *out, int shift)
 {
     DL_ASSERT(out!=in);
     const Plane<qtp_t> p = plane_of(in);
@@ -752,9 +782,26 @@ dl_matrix3dq_t *dl_matrix3dq_depthwise_conv_layer_q(const dl_matrix3dq_t *in, co
     const int s = product_shift(places) - shift;
     const int P = g.wo * g.ho;
     dl_matrix2dq_t all = qview(out->item, P, in->c, in->c, 0);
-    depthwise_sums(p, g, filter->item, dl::qdot_to_items(&all, s));
+    depthwise_sums_by(isa, p, g, filter->item, dl::qdot_to_items(&all, s));
     out->exponent = add_bias_q(out->item, P, in->exponent + filter->exponent + s, bias);
     return out;
+}
+
+}  // namespace dl
+
+dl_matrix3d_t *dl_matrix3d_depthwise_conv_layer_quantised_weight(const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                                 const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                                 const dl_padding_t *padding, dl_matrix3d_t *out)
+{
+    return dl::depthwise_conv_layer_quantised_weight(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding,
+                                                     out);
+}
+
+dl_matrix3dq_t *dl_matrix3dq_depthwise_conv_layer_q(const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                                                    const dl_matrix3dq_t *bias, int stride_x, int stride_y,
+                                                    const dl_padding_t *padding, dl_matrix3dq_t *out, int shift)
+{
+    return dl::depthwise_conv_layer_q(dl::detected_isa(), in, filter, bias, stride_x, stride_y, padding, out, shift);
 }
 
 dl_matrix3d_t *dl_matrix3d_max_pool(const dl_matrix3d_t *in, int filter_w, int filter_h, int stride_x, int stride_y,

@@ -1,14 +1,18 @@
 /*
- * tensor_ops_internal.h - the convolutions with their product path chosen by
- * the caller; not installed.
+ * tensor_ops_internal.h - the convolutions with their kernel chosen by the
+ * caller; not installed.
  *
- * Isa::none runs the direct loop, window by window, which allocates nothing
- * and is what a microcontroller runs. Any other instruction set gathers the
- * windows of a block of positions into a matrix and hands it to that set's
- * product kernel (kernels_internal.h), which gives the same bits: the float
- * kernel keeps each sum in ascending order with separate roundings, and the
- * fixed-point one forms the same exact 64-bit sums. The public functions
- * pass detected_isa(); the tests pass each set in turn.
+ * Isa::none runs the direct loops, window by window, which allocate nothing.
+ * On x86-64, the float convolution of few input channels and the float
+ * depthwise one have AVX2 kernels of their own (tensor_ops_avx2.cpp); every
+ * other x86 form gathers the windows of a block of positions into a matrix
+ * for that set's product kernel (kernels_internal.h). Isa::dsp (32-bit ARM
+ * with the DSP extension, what a Cortex-M4 runs) forms the fixed-point sums
+ * by its own kernels (tensor_ops_dsp.cpp), which allocate nothing either.
+ * All give the same bits: a float sum keeps its ascending order with
+ * separate roundings, and the fixed-point sums are the same exact 64-bit
+ * sums. The public functions pass detected_isa(); the tests pass each set in
+ * turn.
  */
 #ifndef DL_LIB_TENSOR_OPS_INTERNAL_H
 #define DL_LIB_TENSOR_OPS_INTERNAL_H
@@ -51,6 +55,28 @@ dl_matrix3dq_t *conv_layer_q(Isa isa, const dl_matrix3du_t *in, const dl_matrix3
 dl_matrix3d_t *depthwise_conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_matrix3d_t *filter,
                                     const dl_matrix3d_t *bias, int stride_x, int stride_y, const dl_padding_t *padding,
                                     dl_matrix3d_t *out);
+
+/* The fixed-point depthwise forms, their exact sums by isa's kernel (DSP)
+ * or the portable loop. */
+dl_matrix3d_t *depthwise_conv_layer_quantised_weight(Isa isa, const dl_matrix3d_t *in, const dl_matrix3dq_t *filter,
+                                                     const dl_matrix3d_t *bias, int stride_x, int stride_y,
+                                                     const dl_padding_t *padding, dl_matrix3d_t *out);
+dl_matrix3dq_t *depthwise_conv_layer_q(Isa isa, const dl_matrix3dq_t *in, const dl_matrix3dq_t *filter,
+                                       const dl_matrix3dq_t *bias, int stride_x, int stride_y,
+                                       const dl_padding_t *padding, dl_matrix3dq_t *out, int shift);
+
+/* The DSP kernels (tensor_ops_dsp.cpp, built where the target has the
+ * extension): the exact sums of a convolution (filter oc's places at
+ * filter + oc * K) or of a depthwise one, for position p and channel ch sent
+ * where `sums` sends item (p, ch) (items) or (ch, p) (floats). False, with
+ * nothing written, for windows too large for an image's stack copy. */
+namespace dsp {
+bool conv_sums(const qtp_t *in, int w, int h, int c, const Windows &g, const qtp_t *filter, int out_c,
+               const QDotOut &sums);
+bool conv_sums(const uc_t *in, int w, int h, int c, const Windows &g, const qtp_t *filter, int out_c,
+               const QDotOut &sums);
+bool depthwise_sums(const qtp_t *in, int w, int h, int c, const Windows &g, const qtp_t *filter, const QDotOut &sums);
+}  // namespace dsp
 
 }  // namespace dl
 
