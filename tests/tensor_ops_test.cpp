@@ -285,40 +285,6 @@ INSTANTIATE_TEST_SUITE_P(Paths, ConvPathTest,
                                           testing::ValuesIn(kCases)),
                          PathName());
 
-class DepthwiseTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};
-
-TEST_P(DepthwiseTest, SameBitsAsReference)
-{
-    const auto [isa, k] = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
-    const Geometry g = geometry(k.w, k.h, k.kw, k.kh, k.sx, k.sy, k.pad);
-    const auto fv = [](float v) { return v; };
-    const auto iv = [](qtp_t v) { return static_cast<int32_t>(v); };
-    Rng rng(11);
-    for (int round = 0; round < 3; round++) {
-        Operands o(rng, k, true);
-        T3 f = own(
-            dl_matrix3d_depthwise_conv_layer(o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, &k.pad, nullptr));
-        expect_floats(ref_float(k, g, true, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(),
-                      dl::isa_name(isa));
-        T3q qin = own(dl_matrixq_from_matrix3d(o.fin.get()));
-        T3 fq = own(dl_matrix3d_depthwise_conv_layer_quantised_weight(o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx,
-                                                                      k.sy, &k.pad, nullptr));
-        expect_floats(ref_qweight(k, g, true, qin->item, qin->exponent, iv, o), fq.get(), "quantised_weight");
-        std::vector<qtp_t> want;
-        int e;
-        ref_q(k, g, true, o.qin->item, o.qin->exponent, iv, o, want, e);
-        T3q q = own(dl_matrix3dq_depthwise_conv_layer_q(o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, &k.pad,
-                                                        nullptr, o.shift));
-        expect_items(want, e, q.get(), "q");
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Paths, DepthwiseTest,
-                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
-                                          testing::ValuesIn(kCases)),
-                         PathName());
-
 // ---- Hand-checked goldens -------------------------------------------------------
 
 // 3 x 3 input 1..9, one 2 x 2 filter of ones: each output is a window sum.
@@ -576,6 +542,10 @@ TEST_P(DepthwiseKernelTest, SameBitsAsReference)
     }
 }
 
+INSTANTIATE_TEST_SUITE_P(Paths, DepthwiseKernelTest,
+                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
+                                          testing::ValuesIn(kCases)),
+                         PathName());
 INSTANTIATE_TEST_SUITE_P(Kernels, DepthwiseKernelTest,
                          testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
                                           testing::ValuesIn(kDepthwiseCases)),
