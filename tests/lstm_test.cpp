@@ -338,7 +338,9 @@ TEST_P(LstmQComposedTest, SameItemsExponentsAndWarnings)
                   h.get());
         dl_set_sanity_handler(nullptr, nullptr);
         EXPECT_EQ(got, want) << "step " << t;
-        if (p.limit) EXPECT_NE(want, "");  // the checks do warn here
+        if (p.limit) {
+            EXPECT_NE(want, "");  // the checks do warn here
+        }
         for (auto [got_state, want_state] : {std::pair{&c, &rc}, std::pair{&h, &rh}}) {
             const dl_matrix2dq_t *m = got_state->get(), *r = want_state->get();
             EXPECT_EQ(m->exponent, r->exponent) << "step " << t;
