@@ -8,7 +8,7 @@
 // so a word load reads a pair; a row of a does too when a has one row of its
 // own (the layers' case), and is otherwise copied to the stack once per row
 // (or, when too long for that, packed pair by pair). Two columns of b share
-// each pair of a, and the loop takes four pairs a step.
+// each pair of a.
 #include "kernels_internal.h"
 
 #if defined(__ARM_FEATURE_DSP) && defined(__arm__)
@@ -41,6 +41,78 @@ inline int64_t smlald(uint32_t x, uint32_t y, int64_t sum)
     return sum;
 }
 
+// s0 and s1 plus the products of the pairs of n words of a with those of b0
+// and b1, the plain way (a's pairs packed when its items stand apart).
+template <bool kRowContiguous>
+inline void pair_sums(const qtp_t *a, int step, const qtp_t *b0, const qtp_t *b1, int n, int64_t &s0, int64_t &s1)
+{
+    for (int k = 0; k < n; k++) {
+        const uint32_t p = kRowContiguous ? load_pair(a + 2 * k) : pack_pair(a + 2 * step * k, step);
+        s0 = smlald(p, load_pair(b0 + 2 * k), s0);
+        s1 = smlald(p, load_pair(b1 + 2 * k), s1);
+    }
+}
+
+// The same for a contiguous row, two pairs a turn, written out: left to
+// the compiler, a build for size spills the sums and pointers to the stack
+// in this loop, tripling its cost. Six loads, four SMLALD and the count:
+// 12 instructions for 8 multiply-accumulates.
+template <>
+inline void pair_sums<true>(const qtp_t *a, int, const qtp_t *b0, const qtp_t *b1, int n, int64_t &s0, int64_t &s1)
+{
+    if (n & 1) {
+        const uint32_t p = load_pair(a);
+        s0 = smlald(p, load_pair(b0), s0);
+        s1 = smlald(p, load_pair(b1), s1);
+        a += 2;
+        b0 += 2;
+        b1 += 2;
+    }
+    int turns = n / 2;
+    if (turns == 0) return;
+    uint32_t x, y0, y1;
+    __asm__(
+        "1:\n\t"
+        "ldr %[x], [%[a]], #4\n\t"
+        "ldr %[y0], [%[b0]], #4\n\t"
+        "ldr %[y1], [%[b1]], #4\n\t"
+        "smlald %Q[s0], %R[s0], %[x], %[y0]\n\t"
+        "smlald %Q[s1], %R[s1], %[x], %[y1]\n\t"
+        "ldr %[x], [%[a]], #4\n\t"
+        "ldr %[y0], [%[b0]], #4\n\t"
+        "ldr %[y1], [%[b1]], #4\n\t"
+        "smlald %Q[s0], %R[s0], %[x], %[y0]\n\t"
+        "smlald %Q[s1], %R[s1], %[x], %[y1]\n\t"
+        "subs %[n], %[n], #1\n\t"
+        "bne 1b"
+        : [a] "+r"(a), [b0] "+r"(b0), [b1] "+r"(b1), [n] "+r"(turns), [s0] "+r"(s0), [s1] "+r"(s1), [x] "=&r"(x),
+          [y0] "=&r"(y0), [y1] "=&r"(y1)
+        :
+        : "cc", "memory");
+}
+
+// A sum shifted right by s (rounding down) and saturated at +-32767, as
+// qdot_store does. A sum within 32 bits takes 32-bit steps, and its shift
+// stops at 31, which leaves every such sum at its sign (0 or -1) as any
+// larger shift would.
+__attribute__((always_inline)) inline qtp_t shifted_item(int64_t sum, int s)
+{
+    int32_t v;
+    if (sum == static_cast<int32_t>(sum)) {
+        v = static_cast<int32_t>(sum) >> (s < 31 ? s : 31);
+    } else {
+        const int64_t w = sum >> s;
+        v = w > 32767 ? 32767 : w < -32767 ? -32767 : static_cast<int32_t>(w);
+    }
+    return static_cast<qtp_t>(v > 32767 ? 32767 : v < -32767 ? -32767 : v);
+}
+
+__attribute__((always_inline)) inline void store(const QDotOut &out, int x, int y, int64_t sum)
+{
+    if (out.items) out.items->itemq[y + out.items->stride * x] = shifted_item(sum, out.shift);
+    else qdot_store(out, x, y, sum);
+}
+
 // The sums of one row of a (K items, `step` apart) with columns x0 and x1 of
 // b (x1 may equal x0, when one column is left: its second sum is then
 // dropped), stored as item (x, y).
@@ -49,31 +121,15 @@ void two_columns(const qtp_t *ar, int step, int K, const dl_matrix2dq_t *b, int 
 {
     const qtp_t *b0 = b->itemq + b->stride * x0, *b1 = b->itemq + b->stride * x1;
     int64_t s0 = 0, s1 = 0;
-    auto pair_a = [&](int k) { return kRowContiguous ? load_pair(ar + k) : pack_pair(ar + step * k, step); };
-    int k = 0;
-    for (; k + 8 <= K; k += 8) {
-        const uint32_t p0 = pair_a(k), p1 = pair_a(k + 2), p2 = pair_a(k + 4), p3 = pair_a(k + 6);
-        s0 = smlald(p0, load_pair(b0 + k), s0);
-        s1 = smlald(p0, load_pair(b1 + k), s1);
-        s0 = smlald(p1, load_pair(b0 + k + 2), s0);
-        s1 = smlald(p1, load_pair(b1 + k + 2), s1);
-        s0 = smlald(p2, load_pair(b0 + k + 4), s0);
-        s1 = smlald(p2, load_pair(b1 + k + 4), s1);
-        s0 = smlald(p3, load_pair(b0 + k + 6), s0);
-        s1 = smlald(p3, load_pair(b1 + k + 6), s1);
-    }
-    for (; k + 2 <= K; k += 2) {
-        const uint32_t p = pair_a(k);
-        s0 = smlald(p, load_pair(b0 + k), s0);
-        s1 = smlald(p, load_pair(b1 + k), s1);
-    }
-    if (k < K) {
+    pair_sums<kRowContiguous>(ar, step, b0, b1, K / 2, s0, s1);
+    if (K & 1) {
+        const int k = K - 1;
         const int64_t v = ar[step * k];
         s0 += v * b0[k];
         s1 += v * b1[k];
     }
-    qdot_store(out, x0, y, s0);
-    if (x1 != x0) qdot_store(out, x1, y, s1);
+    store(out, x0, y, s0);
+    if (x1 != x0) store(out, x1, y, s1);
 }
 
 template <bool kRowContiguous>
