@@ -189,7 +189,11 @@ TEST_P(ConvReferenceTest, BothLayers)
 INSTANTIATE_TEST_SUITE_P(Shapes, ConvReferenceTest,
                          testing::Values(RandomCase{9, 7, 3, 3, 4, 1, 1, 1}, RandomCase{9, 7, 3, 2, 5, 2, 3, 1},
                                          RandomCase{10, 6, 4, 3, 3, 3, 2, 1}, RandomCase{8, 8, 5, 5, 2, 2, 2, 2},
-                                         RandomCase{9, 7, 3, 3, 4, 2, 1, 0}, RandomCase{7, 5, 2, 4, 16, 1, 1, 0}));
+                                         RandomCase{9, 7, 3, 3, 4, 2, 1, 0}, RandomCase{7, 5, 2, 4, 16, 1, 1, 0},
+                                         // one place; a tall filter; an odd filter height in an even
+                                         // column, whose last window reads one item past the input
+                                         RandomCase{6, 5, 1, 1, 3, 1, 1, 0}, RandomCase{7, 9, 2, 7, 2, 1, 2, 1},
+                                         RandomCase{8, 6, 3, 3, 2, 1, 1, 0}));
 
 // ---- Contract ------------------------------------------------------------
 

@@ -9,6 +9,7 @@
 // own (the layers' case), and is otherwise copied to the stack once per row
 // (or, when too long for that, packed pair by pair). Two columns of b share
 // each pair of a.
+#include "conv_internal.h"
 #include "kernels_internal.h"
 
 #if defined(__ARM_FEATURE_DSP) && defined(__arm__)
@@ -162,6 +163,151 @@ bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut
         }
     }
     return true;
+}
+
+namespace {
+
+// s0 and s1 plus the products of a window's runs with two channels'
+// weights: `columns` runs of `pairs` words, the next run `skip` bytes after
+// the end of one; each channel's weights follow one another. Written out,
+// as the product's pair loop is: seven instructions a pair, five a run
+// (three for runs of two pairs).
+inline void window_pairs(const qtp_t *window, const qtp_t *w0, const qtp_t *w1, int columns, int pairs, int skip,
+                         int64_t &s0, int64_t &s1)
+{
+    uint32_t x, y, n;
+    if (pairs == 2) {
+        // Runs of four items (filters three or four high), the common case:
+        // the two pairs of a run written out, no inner count.
+        __asm__(
+            "1:\n\t"
+            "ldr %[x], [%[win]], #4\n\t"
+            "ldr %[y], [%[w0]], #4\n\t"
+            "smlald %Q[s0], %R[s0], %[x], %[y]\n\t"
+            "ldr %[y], [%[w1]], #4\n\t"
+            "smlald %Q[s1], %R[s1], %[x], %[y]\n\t"
+            "ldr %[x], [%[win]], #4\n\t"
+            "ldr %[y], [%[w0]], #4\n\t"
+            "smlald %Q[s0], %R[s0], %[x], %[y]\n\t"
+            "ldr %[y], [%[w1]], #4\n\t"
+            "smlald %Q[s1], %R[s1], %[x], %[y]\n\t"
+            "add %[win], %[win], %[skip]\n\t"
+            "subs %[cols], %[cols], #1\n\t"
+            "bne 1b"
+            : [win] "+r"(window), [w0] "+r"(w0), [w1] "+r"(w1), [cols] "+r"(columns), [s0] "+r"(s0), [s1] "+r"(s1),
+              [x] "=&r"(x), [y] "=&r"(y)
+            : [skip] "r"(skip)
+            : "cc", "memory");
+        return;
+    }
+    __asm__(
+        "1:\n\t"
+        "ldr %[n], %[pairs]\n\t"
+        "2:\n\t"
+        "ldr %[x], [%[win]], #4\n\t"
+        "ldr %[y], [%[w0]], #4\n\t"
+        "smlald %Q[s0], %R[s0], %[x], %[y]\n\t"
+        "ldr %[y], [%[w1]], #4\n\t"
+        "smlald %Q[s1], %R[s1], %[x], %[y]\n\t"
+        "subs %[n], %[n], #1\n\t"
+        "bne 2b\n\t"
+        "ldr %[x], %[skip]\n\t"
+        "add %[win], %[win], %[x]\n\t"
+        "subs %[cols], %[cols], #1\n\t"
+        "bne 1b"
+        : [win] "+r"(window), [w0] "+r"(w0), [w1] "+r"(w1), [cols] "+r"(columns), [s0] "+r"(s0), [s1] "+r"(s1),
+          [x] "=&r"(x), [y] "=&r"(y), [n] "=&r"(n)
+        : [pairs] "m"(pairs), [skip] "m"(skip)
+        : "cc", "memory");
+}
+
+// Every window of a row against two channels whose runs are two pairs (the
+// filters three or four high), in one loop written out: each window's two
+// sums start at 0 and go to out (channels' sums `out_step` bytes apart).
+// Channel oc + 1's weights are read `d` bytes after channel oc's. After a
+// window, `next` bytes lead to the next one and the weights go back by
+// `rewind` bytes. About 55 instructions a window for a 3 x 3 filter.
+struct WindowRow {
+    int columns, skip, next, rewind, out_step;
+};
+
+inline void windows_two_pairs(const qtp_t *window, const qtp_t *w0, int d, int count, const WindowRow &r, int64_t *out)
+{
+    uint32_t x, y, cols, s0lo, s0hi, s1lo, s1hi;
+    // Volatile: its results go to memory only, which the compiler cannot
+    // see as outputs.
+    __asm__ volatile(
+        "1:\n\t"
+        "mov %[s0lo], #0\n\t"
+        "mov %[s0hi], #0\n\t"
+        "mov %[s1lo], #0\n\t"
+        "mov %[s1hi], #0\n\t"
+        "ldr %[cols], %[columns]\n\t"
+        "2:\n\t"
+        "ldr %[x], [%[win]], #4\n\t"
+        "ldr %[y], [%[w0], %[d]]\n\t"
+        "smlald %[s1lo], %[s1hi], %[x], %[y]\n\t"
+        "ldr %[y], [%[w0]], #4\n\t"
+        "smlald %[s0lo], %[s0hi], %[x], %[y]\n\t"
+        "ldr %[x], [%[win]], #4\n\t"
+        "ldr %[y], [%[w0], %[d]]\n\t"
+        "smlald %[s1lo], %[s1hi], %[x], %[y]\n\t"
+        "ldr %[y], [%[w0]], #4\n\t"
+        "smlald %[s0lo], %[s0hi], %[x], %[y]\n\t"
+        "ldr %[x], %[skip]\n\t"
+        "add %[win], %[win], %[x]\n\t"
+        "subs %[cols], %[cols], #1\n\t"
+        "bne 2b\n\t"
+        "str %[s0lo], [%[out]]\n\t"
+        "str %[s0hi], [%[out], #4]\n\t"
+        "str %[s1lo], [%[out], #8]\n\t"
+        "str %[s1hi], [%[out], #12]\n\t"
+        "ldr %[x], %[out_step]\n\t"
+        "add %[out], %[out], %[x]\n\t"
+        "ldr %[x], %[next]\n\t"
+        "add %[win], %[win], %[x]\n\t"
+        "ldr %[x], %[rewind]\n\t"
+        "sub %[w0], %[w0], %[x]\n\t"
+        "subs %[count], %[count], #1\n\t"
+        "bne 1b"
+        : [win] "+r"(window), [w0] "+r"(w0), [out] "+r"(out), [count] "+r"(count), [cols] "=&r"(cols),
+          [s0lo] "=&r"(s0lo), [s0hi] "=&r"(s0hi), [s1lo] "=&r"(s1lo), [s1hi] "=&r"(s1hi), [x] "=&r"(x), [y] "=&r"(y)
+        : [d] "r"(d), [columns] "m"(r.columns), [skip] "m"(r.skip), [next] "m"(r.next), [rewind] "m"(r.rewind),
+          [out_step] "m"(r.out_step)
+        : "cc", "memory");
+}
+
+}  // namespace
+
+// A convolution window's runs have an even count of items, so each run is
+// whole pairs. Two channels a step share each pair of a window; each pair
+// of channels runs over all the windows, so its weights' addresses are set
+// once.
+void window_sums(const WindowLayout &l, const qtp_t *first, int count, int step, int64_t *sums)
+{
+    const int pairs = l.run / 2, skip = static_cast<int>(sizeof(qtp_t)) * (l.stride - l.run);
+    const size_t per_channel = static_cast<size_t>(l.run) * l.columns;
+    const bool empty = l.columns <= 0 || pairs <= 0;
+    for (int oc = 0; oc < l.channels; oc += 2) {
+        // A last channel alone takes its own weights twice; the second sum
+        // is dropped.
+        const qtp_t *w0 = l.weights + per_channel * oc;
+        const qtp_t *w1 = oc + 1 < l.channels ? w0 + per_channel : w0;
+        int64_t *s = sums + oc;
+        if (pairs == 2 && w1 != w0 && count > 0 && !empty) {
+            const int bytes = static_cast<int>(sizeof(qtp_t));
+            const WindowRow r = {l.columns, skip, bytes * (step - l.stride * l.columns), bytes * l.run * l.columns,
+                                 static_cast<int>(sizeof(int64_t)) * l.channels};
+            windows_two_pairs(first, w0, bytes * static_cast<int>(per_channel), count, r, s);
+            continue;
+        }
+        for (int p = 0; p < count; p++, s += l.channels) {
+            int64_t s0 = 0, s1 = 0;
+            if (!empty) window_pairs(first + static_cast<size_t>(step) * p, w0, w1, l.columns, pairs, skip, s0, s1);
+            s[0] = s0;
+            if (oc + 1 < l.channels) s[1] = s1;
+        }
+    }
 }
 
 }  // namespace dl::dsp
