@@ -348,11 +348,18 @@ static void convolution(void)
     c.in = dl_matrix2d_from_matrixq(qin, NULL);
     c.filter = dl_matrix2d_from_matrixq(c.qfilter, NULL);
     c.bias = dl_matrix_alloc(4, 1);
+    for (int i = 0; i < 4; i++) c.bias->item[i] = 0.25f * (float)i - 0.3f;
     c.out = dl_matrix_alloc(4 * 64, 1);
     report("conv 8x8 3x3x4 dl_basic_conv_layer", run_conv_f, &c, 64L * 9 * 4);
     report("conv 8x8 3x3x4 dl_basic_conv_layer_quantised_weight", run_conv_qw, &c, 64L * 9 * 4);
     conv_reference_operands(&c);
     report("conv 8x8 3x3x4 smlald-reference", run_conv_smlald_reference, &c, 64L * 9 * 4);
+    /* The reference does the layer's work: both give the same bits. */
+    static fptp_t layer[4 * 64];
+    run_conv_qw(&c);
+    memcpy(layer, c.out->item, sizeof layer);
+    run_conv_smlald_reference(&c);
+    printf("check conv smlald-reference %s\n", memcmp(layer, c.out->item, sizeof layer) ? "differs" : "agrees");
     dl_matrixq_free(qin);
     dl_matrixq_free(c.qfilter);
     dl_matrix_free(c.in);
