@@ -85,11 +85,6 @@ namespace {
 // 0 as the spread of a sanity check does.
 struct Extremes {
     int32_t hi = 0, lo = 0;
-    void see(int32_t v)
-    {
-        hi = v > hi ? v : hi;
-        lo = v < lo ? v : lo;
-    }
     int32_t largest() const { return hi > -lo ? hi : -lo; }
     // Whether dl_matrixq_check_sanity could warn about such items: fewer
     // than 11 bits used, or items at an end of the range, which may be
@@ -97,24 +92,35 @@ struct Extremes {
     bool may_warn() const { return largest() < 1024 || hi >= dl::kItemMax || lo <= -dl::kItemMax; }
 };
 
-void check_if_needed(const Extremes &e, const dl_matrix2dq_t *m, const char *name)
+void check_if_needed(Extremes e, const dl_matrix2dq_t *m, const char *name)
 {
     if (e.may_warn()) dl_matrixq_check_sanity(m, name);
 }
 
-// An item brought to Q15 by a shift of s, as the fixed-point activations
-// align their input: right shifts round down and stop at 31; a left shift
-// that leaves 32 bits gives +-(2^31 - 1).
-inline int32_t to_q15(int32_t v, int s)
-{
-    if (s <= 0) return v >> (-s < 31 ? -s : 31);
-    if (s < 16) return dl::shl(v, s);
-    const int64_t w = static_cast<int64_t>(v) * (INT64_C(1) << (s < 32 ? s : 32));
-    return w > INT32_MAX ? INT32_MAX : w < -INT32_MAX ? -INT32_MAX : static_cast<int32_t>(w);
-}
+// Items of one exponent brought to Q15 as the fixed-point activations align
+// their input: right shifts round down and stop at 31; a left shift that
+// leaves 32 bits gives +-(2^31 - 1).
+class ToQ15 {
+  public:
+    explicit ToQ15(int exponent) : s_(exponent + 15), k_(-s_ < 31 ? -s_ : 31) {}
+    // Inlined always: a call per item would cost as much as the shift.
+    [[gnu::always_inline]] int32_t operator()(int32_t v) const { return s_ <= 0 ? v >> k_ : left(v); }
 
-inline qtp_t sigmoid_item(int32_t v, int s) { return dl::low16(dl_sigmoid_op_q(to_q15(v, s))); }
-inline qtp_t tanh_item(int32_t v, int s) { return dl::low16(dl_tanh_op_q(to_q15(v, s))); }
+  private:
+    int32_t left(int32_t v) const
+    {
+        if (s_ < 16) return dl::shl(v, s_);
+        const int64_t w = static_cast<int64_t>(v) * (INT64_C(1) << (s_ < 32 ? s_ : 32));
+        return w > INT32_MAX ? INT32_MAX : w < -INT32_MAX ? -INT32_MAX : static_cast<int32_t>(w);
+    }
+    int s_, k_;
+};
+
+[[gnu::always_inline]] inline qtp_t sigmoid_item(int32_t v, const ToQ15 &q15)
+{
+    return dl::low16(dl_sigmoid_op_q(q15(v)));
+}
+[[gnu::always_inline]] inline qtp_t tanh_item(int32_t v, const ToQ15 &q15) { return dl::low16(dl_tanh_op_q(q15(v))); }
 
 // The upper half of the product of two items, rounded down, as
 // dl_matrixq_mul forms it: the exponents add up, plus 16.
@@ -135,26 +141,124 @@ struct AlignedSum {
     qtp_t operator()(int32_t a, int32_t b) const { return static_cast<qtp_t>(dl::saturate32((a >> ka) + (b >> kb))); }
 };
 
+// The passes below are kept out of line: inlined into the step, their loops
+// lose their registers to the step's own values in a build for size and
+// cost twice as much.
+
+// How a pass walks records of one shape: one run of all items when every
+// record lies back to back, else one run per column.
+struct Walk {
+    int runs, len;
+    Walk(int w, int h, bool flat) : runs(flat ? 1 : w), len(flat ? w * h : h) {}
+};
+
+inline bool back_to_back(int w, int h, size_t stride) { return w <= 1 || stride == static_cast<size_t>(h); }
+
 // out_data + bias in place, as dl_matrixq_add(out_data, bias, out_data, 1);
 // returns the extremes of the sums.
-Extremes add_bias(dl_matrix2dq_t *out_data, const dl_matrix2dq_t *bias)
+[[gnu::noinline]] Extremes add_bias(dl_matrix2dq_t *out_data, const dl_matrix2dq_t *bias)
 {
     const AlignedSum sum(out_data->exponent, bias->exponent);
-    Extremes e;
-    dl::map_items(out_data, bias, out_data, [&](qtp_t a, qtp_t b) {
-        const qtp_t r = sum(a, b);
-        e.see(r);
-        return r;
-    });
+    const Walk walk(out_data->w, out_data->h, dl::is_flat(out_data) && dl::is_flat(bias));
+    int32_t hi = 0, lo = 0;
+    for (int x = 0; x < walk.runs; x++) {
+        qtp_t *o = out_data->itemq + static_cast<size_t>(out_data->stride) * x;
+        const qtp_t *b = bias->itemq + static_cast<size_t>(bias->stride) * x;
+        for (const qtp_t *end = o + walk.len; o != end; o++, b++) {
+            const int32_t r = sum(*o, *b);
+            *o = static_cast<qtp_t>(r);
+            hi = r > hi ? r : hi;
+            lo = r < lo ? r : lo;
+        }
+    }
     out_data->exponent = out_data->exponent > bias->exponent ? out_data->exponent : bias->exponent;
-    return e;
+    return {hi, lo};
+}
+
+// f + one in place, after a right shift of n, with saturation, as
+// dl_matrixq_add_const adds its constant; returns f's extremes after it.
+[[gnu::noinline]] Extremes add_one(dl_matrix2dq_t *f, int32_t one, int n)
+{
+    const Walk walk(f->w, f->h, dl::is_flat(f));
+    int32_t hi = 0, lo = 0;
+    for (int x = 0; x < walk.runs; x++) {
+        qtp_t *p = f->itemq + static_cast<size_t>(f->stride) * x;
+        for (const qtp_t *end = p + walk.len; p != end; p++) {
+            const int32_t r = one ? dl::saturate32((static_cast<int32_t>(*p) >> n) + one) : *p;
+            *p = static_cast<qtp_t>(r);
+            hi = r > hi ? r : hi;
+            lo = r < lo ? r : lo;
+        }
+    }
+    return {hi, lo};
+}
+
+// c * sigmoid(f) in place (exponent e_c - 15 + 16); returns c's extremes.
+[[gnu::noinline]] Extremes keep(dl_matrix2dq_t *c, const dl_matrix2dq_t *f)
+{
+    const ToQ15 q15(f->exponent);
+    const Walk walk(c->w, c->h, dl::is_flat(c) && dl::is_flat(f));
+    int32_t hi = 0, lo = 0;
+    for (int x = 0; x < walk.runs; x++) {
+        qtp_t *pc = c->itemq + static_cast<size_t>(c->stride) * x;
+        const qtp_t *pf = f->itemq + static_cast<size_t>(f->stride) * x;
+        for (const qtp_t *end = pc + walk.len; pc != end; pc++, pf++) {
+            const int32_t r = mul_item(*pc, sigmoid_item(*pf, q15));
+            *pc = static_cast<qtp_t>(r);
+            hi = r > hi ? r : hi;
+            lo = r < lo ? r : lo;
+        }
+    }
+    c->exponent += 1;
+    return {hi, lo};
+}
+
+// The gates i, g and o: columns of out_data, `column` items apart, at one
+// exponent.
+struct GateColumns {
+    const qtp_t *i, *g, *o;
+    size_t column;
+    int exponent;
+};
+
+// c + sigmoid(i) * tanh(g) (the product at -14) in place, then
+// h = tanh(c) * sigmoid(o) at -14; notes both states' extremes.
+[[gnu::noinline]] void update(const GateColumns &gates, dl_matrix2dq_t *c, dl_matrix2dq_t *h, Extremes *cell,
+                              Extremes *out)
+{
+    const AlignedSum sum(c->exponent, -14);
+    const int e_c = c->exponent > -14 ? c->exponent : -14;
+    const ToQ15 q15_c(e_c), q15_gates(gates.exponent);
+    const Walk walk(c->w, c->h, dl::is_flat(c) && dl::is_flat(h) && back_to_back(c->w, c->h, gates.column));
+    int32_t c_hi = 0, c_lo = 0, h_hi = 0, h_lo = 0;
+    for (int x = 0; x < walk.runs; x++) {
+        qtp_t *pc = c->itemq + static_cast<size_t>(c->stride) * x;
+        qtp_t *ph = h->itemq + static_cast<size_t>(h->stride) * x;
+        const size_t at = gates.column * x;
+        const qtp_t *pi = gates.i + at, *pg = gates.g + at, *po = gates.o + at;
+        for (int k = 0; k < walk.len; k++) {
+            const int32_t ig = mul_item(sigmoid_item(pi[k], q15_gates), tanh_item(pg[k], q15_gates));
+            const int32_t ct = sum(pc[k], ig);
+            pc[k] = static_cast<qtp_t>(ct);
+            c_hi = ct > c_hi ? ct : c_hi;
+            c_lo = ct < c_lo ? ct : c_lo;
+            const int32_t ht = mul_item(tanh_item(ct, q15_c), sigmoid_item(po[k], q15_gates));
+            ph[k] = static_cast<qtp_t>(ht);
+            h_hi = ht > h_hi ? ht : h_hi;
+            h_lo = ht < h_lo ? ht : h_lo;
+        }
+    }
+    c->exponent = e_c;
+    h->exponent = -14;
+    *cell = {c_hi, c_lo};
+    *out = {h_hi, h_lo};
 }
 
 // Brings the largest magnitude of a state to 16383 or more, or halves the
 // items once when some are clipped, as dl_matrixq_readjust_exp does; e are
 // the state's extremes. The states' items lie within +-32767, so an extreme
 // at an end of the range is a clipped item.
-void readjust(dl_matrix2dq_t *m, const Extremes &e)
+void readjust(dl_matrix2dq_t *m, Extremes e)
 {
     int32_t largest = e.largest();
     if (largest == 0) return;
@@ -202,18 +306,18 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
     }
 
     // The gates: quarters of out_data's columns, at its exponent.
-    const int e_gates = out_data->exponent;
     const size_t column = static_cast<size_t>(out_data->stride), quarter = column * q;
-    const qtp_t *gate_i = out_data->itemq, *gate_g = gate_i + quarter, *gate_o = gate_i + 3 * quarter;
     dl_matrix2dq_t gate_f = *out_data;
     gate_f.w = q;
     gate_f.flags = DL_MF_FOREIGNDATA;
     gate_f.itemq += 2 * quarter;
+    const GateColumns gates = {out_data->itemq, out_data->itemq + quarter, out_data->itemq + 3 * quarter, column,
+                               out_data->exponent};
 
     // f + 1.0, as dl_matrixq_add_const(f, 1.0f, 1): the constant in items
     // of f's exponent, truncated; halved with the items while beyond 32766.
-    const fptp_t units = e_gates < 0 ? dl::pow2f(-e_gates) * 1.0f : 1.0f / dl::pow2f(e_gates);
-    int32_t one = dl::trunc_i32(units);
+    const int e = out_data->exponent;
+    int32_t one = dl::trunc_i32(e < 0 ? dl::pow2f(-e) * 1.0f : 1.0f / dl::pow2f(e));
     int n = 0;
     if (one != 0) {
         while (one > 32766 || one < -32766) {
@@ -222,48 +326,10 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
         }
         gate_f.exponent += n;
     }
-    Extremes forget;
-    dl::map_items(&gate_f, &gate_f, [one, n, &forget](qtp_t item) {
-        const qtp_t v = one ? static_cast<qtp_t>(dl::saturate32((static_cast<int32_t>(item) >> n) + one)) : item;
-        forget.see(v);
-        return v;
-    });
-    check_if_needed(forget, &gate_f, "lstm f after add_const");
-
-    // state_c * sigmoid(f), in place: exponent e_c - 15 + 16.
-    const int s_f = gate_f.exponent + 15, s_gates = e_gates + 15;
-    Extremes kept;
-    for (int x = 0; x < q; x++) {
-        qtp_t *c = state_c->itemq + static_cast<size_t>(state_c->stride) * x;
-        const qtp_t *f = gate_f.itemq + column * x;
-        for (int y = 0; y < rows; y++) {
-            c[y] = mul_item(c[y], sigmoid_item(f[y], s_f));
-            kept.see(c[y]);
-        }
-    }
-    state_c->exponent += 1;
-    check_if_needed(kept, state_c, "lstm state_c after mul");
-
-    // state_c + sigmoid(i) * tanh(g) (exponent -14), then
-    // state_h = tanh(state_c) * sigmoid(o) at -14.
-    const AlignedSum sum(state_c->exponent, -14);
-    const int e_c = state_c->exponent > -14 ? state_c->exponent : -14, s_c = e_c + 15;
+    check_if_needed(add_one(&gate_f, one, n), &gate_f, "lstm f after add_const");
+    check_if_needed(keep(state_c, &gate_f), state_c, "lstm state_c after mul");
     Extremes cell, out;
-    for (int x = 0; x < q; x++) {
-        qtp_t *c = state_c->itemq + static_cast<size_t>(state_c->stride) * x;
-        qtp_t *h = state_h->itemq + static_cast<size_t>(state_h->stride) * x;
-        const size_t at = column * x;
-        for (int y = 0; y < rows; y++) {
-            const qtp_t ig = mul_item(sigmoid_item(gate_i[at + y], s_gates), tanh_item(gate_g[at + y], s_gates));
-            const qtp_t ct = sum(c[y], ig);
-            c[y] = ct;
-            cell.see(ct);
-            h[y] = mul_item(tanh_item(ct, s_c), sigmoid_item(gate_o[at + y], s_gates));
-            out.see(h[y]);
-        }
-    }
-    state_c->exponent = e_c;
-    state_h->exponent = -14;
+    update(gates, state_c, state_h, &cell, &out);
     check_if_needed(cell, state_c, "lstm state_c after add");
 
     // Both states go to the next step at full precision.
