@@ -141,6 +141,29 @@ void row_by_columns(const qtp_t *ar, int step, const dl_matrix2dq_t *a, const dl
         two_columns<kRowContiguous>(ar, step, a->w, b, y, x, x + 1 < b->w ? x + 1 : x, out);
 }
 
+// A contiguous row of a against every column of b, the sums becoming items
+// of row y of res: the layers' case, with the records' fields read once.
+void row_to_items(const qtp_t *ar, int K, const dl_matrix2dq_t *b, dl_matrix2dq_t *res, int y, int shift)
+{
+    const size_t b_step = static_cast<size_t>(b->stride), r_step = static_cast<size_t>(res->stride);
+    const int N = b->w, pairs = K / 2;
+    const qtp_t *b0 = b->itemq;
+    qtp_t *r = res->itemq + y;
+    for (int x = 0; x < N; x += 2, b0 += 2 * b_step, r += 2 * r_step) {
+        const bool two = x + 1 < N;
+        const qtp_t *b1 = two ? b0 + b_step : b0;
+        int64_t s0 = 0, s1 = 0;
+        pair_sums<true>(ar, 1, b0, b1, pairs, s0, s1);
+        if (K & 1) {
+            const int64_t v = ar[K - 1];
+            s0 += v * b0[K - 1];
+            s1 += v * b1[K - 1];
+        }
+        r[0] = shifted_item(s0, shift);
+        if (two) r[r_step] = shifted_item(s1, shift);
+    }
+}
+
 // A row of a whose items stand apart (a record of several rows, or a view)
 // is laid out once in this many items of stack, when it fits, rather than
 // packed anew for every pair of columns.
@@ -153,11 +176,13 @@ bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut
     qtp_t row[kRowBuffer];
     for (int y = 0; y < a->h; y++) {
         const qtp_t *ar = a->itemq + y;
-        if (a->stride == 1) {
-            row_by_columns<true>(ar, 1, a, b, y, out);
-        } else if (a->w <= kRowBuffer) {
-            for (int k = 0; k < a->w; k++) row[k] = ar[a->stride * k];
-            row_by_columns<true>(row, 1, a, b, y, out);
+        if (a->stride == 1 || a->w <= kRowBuffer) {
+            if (a->stride != 1) {
+                for (int k = 0; k < a->w; k++) row[k] = ar[a->stride * k];
+                ar = row;
+            }
+            if (out.items) row_to_items(ar, a->w, b, out.items, y, out.shift);
+            else row_by_columns<true>(ar, 1, a, b, y, out);
         } else {
             row_by_columns<false>(ar, a->stride, a, b, y, out);
         }
