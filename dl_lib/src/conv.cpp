@@ -164,8 +164,8 @@ namespace {
 // where it fits, one instruction on a 32-bit core, the same value otherwise.
 fptp_t to_float(int64_t sum)
 {
-    return sum >= INT32_MIN && sum <= INT32_MAX ? static_cast<fptp_t>(static_cast<int32_t>(sum))
-                                                : static_cast<fptp_t>(sum);
+    const int32_t low = static_cast<int32_t>(sum);
+    return low == sum ? static_cast<fptp_t>(low) : static_cast<fptp_t>(sum);
 }
 
 }  // namespace
@@ -230,8 +230,9 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     for (int oy = 0; oy < geo.y.n; oy++) {
         const qtp_t *first = frame + static_cast<size_t>(column) * geo.x.offset + (oy * stride_y + geo.y.offset);
         dl::window_sums(layout, first, geo.x.n, step, sums);
-        for (size_t k = 0; k < row_sums; k += out_channels, o += out_channels)
-            for (int oc = 0; oc < out_channels; oc++) o[oc] = to_float(sums[k + oc]) * factor + b[oc];
+        const int64_t *s = sums;
+        for (int ox = 0; ox < geo.x.n; ox++, s += out_channels, o += out_channels)
+            for (int oc = 0; oc < out_channels; oc++) o[oc] = to_float(s[oc]) * factor + b[oc];
     }
     dl::mem_free(block);
     return out;
