@@ -13,9 +13,12 @@
  *
  * Beside the library, on the same data: an exact fixed-point dot product
  * written with the M4's dual 16-bit multiply-accumulate into a 64-bit sum
- * (SMLALD, <arm_acle.h>), two columns and eight items a step, and a plain
- * float multiply-accumulate loop. Output, one line each:
+ * (SMLALD, <arm_acle.h>), two columns and eight items a step, a plain float
+ * multiply-accumulate loop, and the digits convolution's product written
+ * the same way (its windows laid out beforehand), checked to give the
+ * layer's bits. Output, one line each:
  *     insn <label> <instructions per call> +- <error> macs <count>
+ *     check <what> agrees|differs
  */
 #include <arm_acle.h>
 #include <stdint.h>
