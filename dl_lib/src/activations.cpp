@@ -208,12 +208,13 @@ constexpr StepsQ31 kStepsQ31 = steps_q31();
 // lies near the flat ends or its result near a step between two items; the
 // float path then decides. t = 4|x| / 32767 in Q32 (the constant 2^34 /
 // 32767 rounded), the interpolated sigmoid s in Q31, v = 32767 (2s - 1) in
-// Q31. They stray from the defined float and double roundings by less than
-// 1/256 of an item (the exhaustive test of every aligned input finds items
-// that differ at 1/512), so with a margin of 1/64: when v - 1/64 and
-// v + 1/64 fall on one item, that is the item; about one input in thirty
-// falls between. The negative side is the mirror image: the float formula
-// complements s, and truncation runs toward 0.
+// Q31. Over every input that can reach here (the exhaustive test of every
+// aligned item) v strays from the defined float and double roundings by
+// less than 1/256 of an item: a margin of 1/512 gives wrong items, 1/256
+// none. With a margin of 1/64, when v - 1/64 and v + 1/64 fall on one item,
+// that is the item; about one input in thirty falls between. The negative
+// side is the mirror image: the float formula complements s, and
+// truncation runs toward 0.
 bool tanh_q15_in_integers(int32_t x, int32_t *result)
 {
     const uint32_t u = x < 0 ? 0u - static_cast<uint32_t>(x) : static_cast<uint32_t>(x);
@@ -231,10 +232,6 @@ bool tanh_q15_in_integers(int32_t x, int32_t *result)
     *result = x < 0 ? -item : item;
     return true;
 }
-
-}  // namespace
-
-namespace {
 
 // The float path of dl_tanh_op_q, out of line so that the integer one needs
 // no floating-point registers saved.

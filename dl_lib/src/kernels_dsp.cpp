@@ -9,6 +9,9 @@
 // own (the layers' case), and is otherwise copied to the stack once per row
 // (or, when too long for that, packed pair by pair). Two columns of b share
 // each pair of a.
+//
+// The convolution's window sums (conv_internal.h) are the same kind of
+// product, its weights packed in even runs so that every run is whole pairs.
 #include "conv_internal.h"
 #include "kernels_internal.h"
 
@@ -96,7 +99,7 @@ inline void pair_sums<true>(const qtp_t *a, int, const qtp_t *b0, const qtp_t *b
 // qdot_store does. A sum within 32 bits takes 32-bit steps, and its shift
 // stops at 31, which leaves every such sum at its sign (0 or -1) as any
 // larger shift would.
-__attribute__((always_inline)) inline qtp_t shifted_item(int64_t sum, int s)
+[[gnu::always_inline]] inline qtp_t shifted_item(int64_t sum, int s)
 {
     int32_t v;
     if (sum == static_cast<int32_t>(sum)) {
@@ -108,7 +111,7 @@ __attribute__((always_inline)) inline qtp_t shifted_item(int64_t sum, int s)
     return static_cast<qtp_t>(v > 32767 ? 32767 : v < -32767 ? -32767 : v);
 }
 
-__attribute__((always_inline)) inline void store(const QDotOut &out, int x, int y, int64_t sum)
+[[gnu::always_inline]] inline void store(const QDotOut &out, int x, int y, int64_t sum)
 {
     if (out.items) out.items->itemq[y + out.items->stride * x] = shifted_item(sum, out.shift);
     else qdot_store(out, x, y, sum);
