@@ -166,9 +166,11 @@ inline int32_t sigmoid_q15_nonnegative(int32_t x)
 int32_t dl_sigmoid_op_q(int32_t x)
 {
     // The complement is taken against 32767, the table's 1.0. INT32_MIN, no
-    // valid input, is taken as its neighbour instead of overflowing.
-    if (x < 0) return 32767 - sigmoid_q15_nonnegative(x == INT32_MIN ? INT32_MAX : -x);
-    return sigmoid_q15_nonnegative(x);
+    // valid input, is taken as its neighbour instead of overflowing. One
+    // call of the table, so that a build for size inlines it.
+    const bool negative = x < 0;
+    const int32_t s = sigmoid_q15_nonnegative(!negative ? x : x == INT32_MIN ? INT32_MAX : -x);
+    return negative ? 32767 - s : s;
 }
 
 void dl_sigmoid_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
