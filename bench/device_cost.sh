@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # What dl_lib costs on a Cortex-M4F, from the bare-metal build that
-# tests/arm/run_arm_tests.sh makes (build/h-arm-m4, -Os, unused sections
+# .ci/arm makes (build/h-arm-m4, -Os, unused sections
 # dropped by the link). Prints Markdown tables:
 #
 #  - code size: the library's .text, .rodata, .data and .bss in a firmware
@@ -20,7 +20,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=${1:-$here/../build/h-arm-m4}
 fw=$build/examples/firmware
-[ -f "$build/CMakeCache.txt" ] || { echo "no $build: run tests/arm/run_arm_tests.sh first" >&2; exit 1; }
+[ -f "$build/CMakeCache.txt" ] || { echo "no $build: run .ci/arm first" >&2; exit 1; }
 cmake --build "$build" -j2 --target firmware cost_none cost_fc_float cost_fc_fixed cost_all >/dev/null
 
 # One line per input section of a GNU ld map that lands in flash or RAM:

@@ -2,7 +2,7 @@
 # Instructions that dl_lib's products, layers and the bundled networks cost on
 # a Cortex-M4F: bench/device/insn_bench.c run on QEMU's mps2-an386 with
 # -icount shift=0 (one instruction per nanosecond of the board's clock), from
-# the bare-metal build that tests/arm/run_arm_tests.sh makes (-Os, GCC 12).
+# the bare-metal build that .ci/arm makes (-Os, GCC 12).
 # Prints a Markdown table; the time column is the instruction count at 80 MHz
 # as if every instruction took one cycle: a lower bound, since loads, taken
 # branches, 64-bit multiply-accumulates and divisions take more.
@@ -11,7 +11,7 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=${1:-$here/../build/h-arm-m4}
-[ -f "$build/CMakeCache.txt" ] || { echo "no $build: run tests/arm/run_arm_tests.sh first" >&2; exit 1; }
+[ -f "$build/CMakeCache.txt" ] || { echo "no $build: run .ci/arm first" >&2; exit 1; }
 cmake --build "$build" -j2 --target insn_bench >/dev/null
 out=$(qemu-system-arm -M mps2-an386 -cpu cortex-m4 -nographic -monitor none -serial none -icount shift=0 \
       -semihosting-config enable=on,target=native -kernel "$build/examples/firmware/insn_bench.elf")

@@ -44,7 +44,7 @@ struct Fixtures {
     testutil::MatrixqPtr melq = testutil::own(dl_matrixq_from_matrix2d(mel.get(), nullptr));
     testutil::MatrixqPtr dctq = testutil::own(dl_matrixq_from_matrix2d(dct.get(), nullptr));
     testutil::MatrixPtr logmel = load("logmel"), ceps = load("ceps"), logmel_q = load("logmel_q"),
-                        ceps_q = load("ceps_q"), fft_numpy = load("fft_numpy"), fft_q = load("fft_q");
+                        ceps_q = load("ceps_q"), fft_q = load("fft_q");
     std::vector<int16_t> samples;
 
     Fixtures()

@@ -122,32 +122,7 @@ TEST_P(FloatDotKernelTest, MatchesReferenceBitForBit)
 INSTANTIATE_TEST_SUITE_P(Paths, FloatDotKernelTest, testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512),
                          [](const auto &info) { return std::string(dl::isa_name(info.param)); });
 
-TEST(FloatDot, SumsInAscendingOrder)
-{
-    // 1e8 + 1 rounds back to 1e8, so the 1.0 is lost before -1e8 comes.
-    MatrixPtr a = matrix(3, 2, {1e8f, 1.0f, -1e8f, -1e8f, 1.0f, 1e8f});
-    MatrixPtr b = matrix(1, 3, {1, 1, 1});
-    MatrixPtr res = own(dl_matrix_alloc(1, 2));
-    dl_matrix_dot(a.get(), b.get(), res.get());
-    EXPECT_EQ(res->item[0], 0.0f);
-    EXPECT_EQ(res->item[1], 0.0f);
-}
-
-// ---- Concatenation and error measure -------------------------------------
-
-TEST(FloatConcat, JoinsViewsDensely)
-{
-    Rng rng(5);
-    for (int round = 0; round < 30; round++) {
-        const int h = uniform(rng, 0, 5), wa = uniform(rng, 0, 4), wb = uniform(rng, 0, 4);
-        FloatBox a(rng, wa, h, uniform(rng, 0, 2)), b(rng, wb, h, uniform(rng, 0, 2));
-        MatrixPtr r = own(dl_matrix_concat(&a.m, &b.m));
-        ASSERT_EQ(std::tuple(r->w, r->h, r->stride), std::tuple(wa + wb, h, wa + wb));
-        for (int y = 0; y < h; y++)
-            for (int x = 0; x < wa + wb; x++)
-                ASSERT_EQ(bits(r->item[x + r->stride * y]), bits(x < wa ? a.at(x, y) : b.at(x - wa, y)));
-    }
-}
+// ---- Error measure --------------------------------------------------------
 
 struct ErrCase {
     const char *name;

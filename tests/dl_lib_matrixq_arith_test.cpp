@@ -14,13 +14,6 @@ namespace {
 
 // ---- Literal references ----------------------------------------------------
 
-int default_shift(int w)
-{
-    int s = 15;
-    for (int n = w; n > 1; n /= 2) s++;
-    return s;
-}
-
 // A 1 x n or n x 1 record with the given items, at exponent e.
 ItemBox items(int w, int h, std::vector<int> v, int e = 0, int pad = 0)
 {
@@ -49,7 +42,7 @@ struct Product {
             p.a.each([](int v) { return v % 91; });
             p.b.each([](int v) { return v % 91; });
         }
-        const int s = default_shift(K);
+        const int s = product_shift(K);
         p.shift = round % 4 == 0 ? s : uniform(rng, 0, s);
         return p;
     }
@@ -66,7 +59,7 @@ TEST_P(QDotKernelTest, MatchesReferenceBitForBit)
     for (int round = 0; round < 120; round++) {
         Product p = Product::random(rng, round);
         const int M = p.a.m.h, N = p.b.m.w;
-        const int s = default_shift(p.a.m.w) - p.shift;
+        const int s = product_shift(p.a.m.w) - p.shift;
         ItemBox res(N, M, uniform(rng, 0, 1));
         FloatBox fres(N, M, uniform(rng, 0, 2));
         const dl::QDotOut to_items = dl::qdot_to_items(&res.m, s);

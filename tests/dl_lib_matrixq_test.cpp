@@ -129,13 +129,4 @@ TEST(MatrixqRecord, Messages)
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Matrixq: exponent -1\n     3 ( 1.50)       -2 (-1.00)   \n");
 }
 
-TEST(MatrixGetRange, NaNReplacesNothing)
-{
-    float lo, hi;
-    MatrixPtr m = matrix(3, 1, {2.0f, NAN, -1.0f});
-    matrix_get_range(m.get(), &lo, &hi);
-    EXPECT_EQ(lo, -1.0f);
-    EXPECT_EQ(hi, 2.0f);
-}
-
 }  // namespace

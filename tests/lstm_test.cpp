@@ -154,17 +154,6 @@ INSTANTIATE_TEST_SUITE_P(Shapes, LstmReferenceTest,
                                          // q = 13 / 4 = 3: the last column is computed and left out.
                                          LstmCase{1, 2, 3, 1, true}));
 
-TEST(LstmFloat, AllZeroWeight)
-{
-    // i = 0.5, g = 0, f = sigmoid(1.0) = 0.73096, o = 0.5, whatever in holds.
-    MatrixPtr in = matrix(2, 1, {5.0f, -3.0f}), c = matrix(1, 1, {1.0f}), h = matrix(1, 1, {0.7f});
-    MatrixPtr w = own(dl_matrix_alloc(4, 3));
-    dl_basic_lstm_layer(in.get(), c.get(), h.get(), w.get(), nullptr);
-    EXPECT_EQ(c->item[0], 0.73096f);
-    EXPECT_EQ(h->item[0], dl_tanh_op(0.73096f) * 0.5f);
-    EXPECT_NEAR(h->item[0], 0.3108f, 5e-5f);  // stated to four decimals
-}
-
 // ---- Fixed point ---------------------------------------------------------
 
 struct QState {

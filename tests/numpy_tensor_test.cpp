@@ -70,22 +70,17 @@ std::string filter(const std::string &nwhc) { return "filter @: matrix shape:" +
 
 std::vector<TensorCase> weight_cases()
 {
+    // The golden converter cases tensor_q and tensor_f pin, byte for byte,
+    // the filter order of the run path, the transposed row path and its short
+    // rows, one entry as channels, zero filters and three entries refused.
     return {
         // (h, w, c, n), filters fastest in the file: one read per position,
         // spread over the filters.
-        {"run_path_permutes_filters",
-         f4("(2, 1, 2, 3)", 12),
-         filter("(3, 1, 2, 2)"),
-         {3, 1, 2, 2},
-         {1, 4, 7, 10, 2, 5, 8, 11, 3, 6, 9, 12}},
         {"run_path_columns_and_channels",
          f4("(1, 2, 2, 2)", 8),
          filter("(2, 2, 1, 2)"),
          {2, 2, 1, 2},
          {1, 3, 5, 7, 2, 4, 6, 8}},
-        {"one_entry_is_channels", f4("(4,)", 4), filter("(1, 1, 1, 4)"), {1, 1, 1, 4}, {1, 2, 3, 4}},
-        // (w, h) transposed: file row r, column s is row s, column r.
-        {"row_path_transposes", f4("(2, 3)", 6), filter("(1, 2, 3, 1)"), {1, 2, 3, 1}, {1, 4, 2, 5, 3, 6}},
         {"five_entries_read_by_four", f4("(1, 1, 2, 2, 9)", 36), filter("(2, 1, 1, 2)"), {2, 1, 1, 2}, {1, 3, 2, 4}},
         {"extra_data_ignored", f4("(2,)", 5), filter("(1, 1, 1, 2)"), {1, 1, 1, 2}, {1, 2}},
         {"first_descriptor_wins",
@@ -93,24 +88,13 @@ std::vector<TensorCase> weight_cases()
          filter("(1, 1, 1, 2)"),
          {1, 1, 1, 2},
          {1.5f, -2}},
-        {"zero_filters", f4("(2, 1, 2, 0)", 0), filter("(0, 1, 2, 2)"), {0, 1, 2, 2}, {}},
         {"zero_rows_in_row_path", f4("(3, 0)", 0), filter("(1, 3, 0, 1)"), {1, 3, 0, 1}, {}},
-        // A short row in the row path is reported and stays 0, also the part
-        // of it that arrived; the load goes on and returns the tensor.
-        {"row_path_goes_on_after_short_row",
-         f4("(3, 2)", 3),
-         filter("(1, 3, 2, 1)") +
-             "@: short file! (ends at row 1/3), num: 1\n@: short file! (ends at row 2/3), num: 0\n",
-         {1, 3, 2, 1},
-         {1, 0, 0, 2, 0, 0}},
         // Failures.
         {"too_short", "\x93NUMPY", "@: too short\n"},
         {"empty_shape", f4("()", 4), "@: error parsing shape\n"},
         {"marker_value_first", f4("(-1, 2)", 4), "@: error parsing shape\n"},
         {"u1_unknown_here", npy_bytes("{'descr': '|u1', 'shape': (2,)}", "ab"),
          filter("(1, 1, 1, 2)") + "@: Unknown var format\n"},
-        {"three_entries_refused", f4("(2, 3, 4)", 24),
-         filter("(-1, 3, 2, 4)") + "@: unsupported shape (2, 3, 4): a filter bank has 1, 2 or 4 entries\n"},
         {"run_path_short_last_read", f4("(2, 1, 2, 3)", 11),
          filter("(3, 1, 2, 2)") + "@: short file! (ends at row 1/2)\n"},
         {"one_entry_short", f4("(4,)", 3), filter("(1, 1, 1, 4)") + "@: short file! (ends at row 0/1)\n"},
@@ -189,8 +173,6 @@ std::vector<TensorCase> input_cases()
         {"short_last_read", u1("(2, 3, 4)", 20), input("(3, 2, 4)") + "@: short file! (ends at row 1/2)\n"},
         {"two_entries_refused", u1("(2, 3)", 6),
          input("(3, 2, -1)") + "@: unsupported shape (2, 3): an input has 3 entries (height, width, channels)\n"},
-        {"one_entry_refused", u1("(6,)", 6),
-         input("(-1, 6, -1)") + "@: unsupported shape (6,): an input has 3 entries (height, width, channels)\n"},
         {"negative_entry", u1("(2, -3, 4)", 0), input("(-3, 2, 4)") + "@: unsupported shape (2, -3, 4)\n"},
         {"count_overflows_32_bits", u1("(65536, 65536, 2)", 0),
          input("(65536, 65536, 2)") + "@: unsupported shape (65536, 65536, 2): more than 2147483647 elements\n"},

@@ -44,6 +44,15 @@ int64_t exact_sum(int k, A a, B b)
     return sum;
 }
 
+// The default right shift of a product of k terms: 15, plus one for each
+// halving of k down to 1.
+inline int product_shift(int k)
+{
+    int s = 15;
+    for (; k > 1; k /= 2) s++;
+    return s;
+}
+
 // Symmetric saturation to a 16-bit item.
 inline int32_t clamp(int64_t t) { return t > 32767 ? 32767 : t < -32767 ? -32767 : static_cast<int32_t>(t); }
 

@@ -141,35 +141,6 @@ INSTANTIATE_TEST_SUITE_P(
                    0.5}),
     [](const auto &info) { return test_name(info.param.what); });
 
-// A filter bank compares as a matrix does: [1, -1] is the case above, in
-// both formats; an input tensor has no float values to compare.
-TEST(Figures, Tensors)
-{
-    std::unique_ptr<dl_matrix3d_t, decltype(&dl_matrix3d_free)> f(dl_matrix3d_alloc(1, 2, 1, 1), dl_matrix3d_free);
-    f->item[0] = 1.0f;
-    f->item[1] = -1.0f;
-    std::unique_ptr<dl_matrix3dq_t, decltype(&dl_matrix3dq_free)> q(dl_matrixq_from_matrix3d(f.get()),
-                                                                    dl_matrix3dq_free);
-    const auto fixed = analyse_tensor(f.get(), q.get());
-    ASSERT_TRUE(fixed);
-    EXPECT_EQ(fixed->shape, (std::vector<int>{1, 1, 2, 1}));
-    EXPECT_EQ(fixed->exponent, -14);
-    EXPECT_NEAR(*fixed->cmp.snr_db(), 290.0 * std::log10(2.0), 1e-9);
-    EXPECT_EQ(fixed->cmp.max_abs_error, std::ldexp(1.0, -14));
-    EXPECT_EQ(fixed->bytes, 4);
-    const auto flt = analyse_tensor(f.get(), nullptr);
-    ASSERT_TRUE(flt);
-    EXPECT_FALSE(flt->cmp.snr_db());
-    EXPECT_EQ(flt->bytes, 8);
-
-    std::unique_ptr<dl_matrix3du_t, decltype(&dl_matrix3du_free)> in(dl_matrix3du_alloc(1, 3, 1, 1), dl_matrix3du_free);
-    in->item[1] = 200;
-    const TableRow input = analyse_input(in.get());
-    EXPECT_FALSE(input.compared);
-    EXPECT_EQ(input.bits, 8);
-    EXPECT_EQ(input.bytes, 3);
-}
-
 // ---- warnings, each from a tiny directory ---------------------------------------
 
 struct WarningCase {

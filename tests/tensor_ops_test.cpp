@@ -136,13 +136,6 @@ struct Operands {
     }
 };
 
-int product_shift(int k)
-{
-    int s = 15;
-    while (k > 1) s++, k /= 2;
-    return s;
-}
-
 // The bias added to items as dl_matrixq_add(sums, bias, sums, 1) adds it.
 void ref_bias_q(std::vector<qtp_t> &out, int &e, const dl_matrix3dq_t *bias)
 {
@@ -157,13 +150,6 @@ void ref_bias_q(std::vector<qtp_t> &out, int &e, const dl_matrix3dq_t *bias)
     }
     e = sums.exponent;
 }
-
-// The expected results of the three forms, and of the image forms.
-struct Expected {
-    std::vector<float> f, fq;
-    std::vector<qtp_t> q;
-    int e = 0;
-};
 
 template <class In, class Val>
 std::vector<float> ref_float(const ConvCase &k, const Geometry &g, bool dw, const In *in, Val val,
@@ -452,7 +438,7 @@ TEST(TensorPool, FixedPointRoundsDownAndKeepsExponent)
     EXPECT_EQ(mx->exponent, -7);
 }
 
-// ---- Element-wise and views -----------------------------------------------------
+// ---- Element-wise -----------------------------------------------------------
 
 TEST(TensorElementwise, ReluAndAddFollowTheMatrixRules)
 {
@@ -474,42 +460,6 @@ TEST(TensorElementwise, ReluAndAddFollowTheMatrixRules)
     dl_matrix3d_relu(f.get(), 2.0f, f.get());
     dl_matrix3d_add(f.get(), f.get(), f.get());
     EXPECT_EQ(std::vector<float>(f->item, f->item + 3), (std::vector<float>{0, 1, 4}));
-}
-
-TEST(TensorViews, FlattenAndWeightsFeedTheFullyConnectedLayers)
-{
-    // A 1 x 2 x 2 activation flattens in row, column, channel order.
-    T3q act = items(1, 2, 1, 2, -3, {1, 2, 3, 4});
-    testutil::MatrixqPtr row = testutil::own(dl_matrix2dq_view_from_matrix3dq(act.get(), nullptr));
-    EXPECT_EQ(row->w, 4);
-    EXPECT_EQ(row->h, 1);
-    EXPECT_EQ(row->exponent, -3);
-    for (int x = 0; x < 4; x++) EXPECT_EQ(row->itemq[row->stride * x], x + 1);
-    // A (4, 3) weight file loaded as a tensor: w 4 inputs, h 3 outputs,
-    // item[i + 4 * o] = weight (i, o) = 10 * i + o.
-    std::vector<int> wv(12);
-    for (int i = 0; i < 4; i++)
-        for (int o = 0; o < 3; o++) wv[i + 4 * o] = 10 * i + o;
-    T3q wt = items(1, 4, 3, 1, 0, wv);
-    testutil::MatrixqPtr w = testutil::own(dl_matrix2dq_weight_view_from_matrix3dq(wt.get(), nullptr));
-    testutil::MatrixqPtr out = testutil::own(dl_matrixq_alloc(3, 1));
-    dl_fully_connect_layer_q(row.get(), w.get(), nullptr, out.get(), 17);  // s = 0
-    // Output o = sum_i (i + 1) * (10 i + o) = 200 + 10 o.
-    EXPECT_EQ(out->exponent, -3);
-    for (int o = 0; o < 3; o++) EXPECT_EQ(out->itemq[out->stride * o], 200 + 10 * o);
-
-    T3 factf = floats(1, 2, 1, 2, {1, 2, 3, 4});
-    T3 wtf = own(dl_matrix3d_from_matrixq(wt.get()));
-    testutil::MatrixPtr frow = testutil::own(dl_matrix2d_view_from_matrix3d(factf.get(), nullptr));
-    testutil::MatrixPtr fw = testutil::own(dl_matrix2d_weight_from_matrix3d(wtf.get(), nullptr));
-    testutil::MatrixPtr fout = testutil::own(dl_matrix_alloc(3, 1));
-    dl_fully_connect_layer(frow.get(), fw.get(), nullptr, fout.get());
-    EXPECT_EQ(std::vector<float>(fout->item, fout->item + 3), (std::vector<float>{200, 210, 220}));
-    // The views leave the tensors' items alone when freed.
-    row.reset();
-    frow.reset();
-    EXPECT_EQ(act->item[3], 4);
-    EXPECT_EQ(factf->item[3], 4.0f);
 }
 
 // ---- Contract ---------------------------------------------------------------------

@@ -98,24 +98,6 @@ TEST(TensorRecord, BackToFloatIsExact)
     }
 }
 
-TEST(TensorRange, StrictComparisonsAndNaN)
-{
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    fptp_t lo, hi;
-    matrix3d_get_range(tensor({3, -1, 7, nan, -4, 2}).get(), &lo, &hi);
-    EXPECT_EQ(lo, -4.0f);
-    EXPECT_EQ(hi, 7.0f);
-    matrix3d_get_range(tensor({nan, 5, -5}).get(), &lo, &hi);
-    EXPECT_TRUE(std::isnan(lo) && std::isnan(hi));
-    // All n filters count.
-    matrix3d_get_range(tensor({1, 2, 3, -9}, 2).get(), &lo, &hi);
-    EXPECT_EQ(lo, -9.0f);
-    Tensor empty(dl_matrix3d_alloc(0, 2, 2, 2));
-    matrix3d_get_range(empty.get(), &lo, &hi);
-    EXPECT_EQ(lo, 0.0f);
-    EXPECT_EQ(hi, 0.0f);
-}
-
 // The exponent search is the matrices' (pinned at its bounds with them); the
 // tensor's own loop rounds each item: half a unit added, then toward zero.
 struct ExponentCase {

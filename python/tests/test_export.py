@@ -51,25 +51,8 @@ class GeometryTest(unittest.TestCase):
                 self.assertEqual((axis.positions, axis.padded, axis.offset, axis.margin),
                                  (n, padded, offset, margin))
 
-    def test_without_padding_remainders_are_dropped(self):
-        axis = library_axis(7, 3, 2, 0)
-        self.assertEqual(axis.starts(2), [0, 2, 4])
-
 
 class LayoutTest(ExportCase):
-    def test_linear(self):
-        for bias in (True, False):
-            with self.subTest(bias=bias):
-                out = ModelWriter(os.path.join(self.dir, str(bias)))
-                fc = nn.Linear(6, 4, bias=bias)
-                out.linear("fc", fc)
-                out.close()
-                x = self.randn(3, 6)
-                b = ref.load(out.directory, "fc_b") if bias else None
-                got = ref.fully_connect(x, ref.load(out.directory, "fc_w"), b)
-                np.testing.assert_allclose(got, fc(torch.from_numpy(x)).detach().numpy(), atol=1e-5)
-                self.assertEqual(os.path.exists(os.path.join(out.directory, "fc_b.npy")), bias)
-
     def test_batchnorm(self):
         for eps, affine in ((1e-3, True), (1e-5, True), (1e-3, False)):
             with self.subTest(eps=eps, affine=affine):
@@ -97,17 +80,6 @@ class LayoutTest(ExportCase):
         got = ref.lstm(sequence, self.load("cell_w"), self.load("cell_b"))
         want, _ = lstm(torch.from_numpy(sequence))
         self.assertLess(np.abs(got - want.detach().numpy()).max(), 1e-5)
-
-    def test_lstm_shapes_and_forget_bias(self):
-        lstm = nn.LSTM(5, 7)
-        for p in (lstm.bias_ih_l0, lstm.bias_hh_l0):
-            p.data.zero_()
-        self.out.lstm("cell", lstm)
-        bias = self.load("cell_b")
-        self.assertEqual(self.load("cell_w").shape, (12, 28))
-        # Quarters: input, candidate, forget (lowered by the cell's 1.0), output.
-        np.testing.assert_array_equal(bias.reshape(4, 7).min(axis=1), [0, 0, -1, 0])
-        np.testing.assert_array_equal(bias.reshape(4, 7).max(axis=1), [0, 0, -1, 0])
 
     CONVS = [  # name, module, input (height, width), library padding
         ("same 3x3", lambda: nn.Conv2d(1, 3, 3, padding=1), (8, 8), 1),

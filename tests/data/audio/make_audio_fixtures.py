@@ -11,12 +11,11 @@ plus white noise (standard deviation 300, seed 15), then 0.1 s of a
 full-scale 1 kHz square wave (-32768 / 32767) to reach the largest values;
 1.1 s, stored as float32 integers, shape 1 x n. The expected outputs are
 those of python/kelvane_export/features.py: logmel / ceps (float path),
-logmel_q / ceps_q (fixed-point items, exponents -10 and -7), and one frame's
-spectrum: fft_numpy (numpy.fft.rfft in double precision of frame 10's float
-windowed samples) and fft_q (the fixed-point FFT of the same frame), each
-2 x 257, real parts in row 0. detect_scores: 400 runs of 3 words' scores
-(sine swings with noise, seed 16) and detect_expected the twin's detections (run,
-word, average) with the windows and thresholds of DETECT_WORDS.
+logmel_q / ceps_q (fixed-point items, exponents -10 and -7), and fft_q, the
+fixed-point FFT of frame 10, 2 x 257, real parts in row 0. detect_scores: 400
+runs of 3 words' scores (sine swings with noise, seed 16) and detect_expected
+the twin's detections (run, word, average) with the windows and thresholds of
+DETECT_WORDS.
 """
 import os
 import subprocess
@@ -58,8 +57,6 @@ def outputs(samples, mel, dct):
     mq, me = kf.quantise(mel)
     dq, de = kf.quantise(dct)
     fr = kf.frames(samples)[FFT_FRAME]
-    xf = (fr.astype(np.float32) * np.float32(2.0**-15)) * kf.window_f(kf.WIN_LEN)
-    ref = np.fft.rfft(xf.astype(np.float64), kf.FFT_LEN)
     xq = (fr * kf.window_q15(kf.WIN_LEN) + (1 << 14)) >> 15
     re, im = kf.rfft_q(xq)
     return {
@@ -67,7 +64,6 @@ def outputs(samples, mel, dct):
         "ceps": kf.log_mel(samples, mel, dct),
         "logmel_q": kf.log_mel_q(samples, mq, me)[0],
         "ceps_q": kf.log_mel_q(samples, mq, me, dq, de)[0],
-        "fft_numpy": np.stack([ref.real, ref.imag]),
         "fft_q": np.stack([re[0], im[0]]),
     }
 
