@@ -189,7 +189,49 @@ TEST_P(ConvReferenceTest, BothLayers)
 INSTANTIATE_TEST_SUITE_P(Shapes, ConvReferenceTest,
                          testing::Values(RandomCase{9, 7, 3, 3, 4, 1, 1, 1}, RandomCase{9, 7, 3, 2, 5, 2, 3, 1},
                                          RandomCase{10, 6, 4, 3, 3, 3, 2, 1}, RandomCase{8, 8, 5, 5, 2, 2, 2, 2},
-                                         RandomCase{9, 7, 3, 3, 4, 2, 1, 0}, RandomCase{7, 5, 2, 4, 16, 1, 1, 0}));
+                                         RandomCase{9, 7, 3, 3, 4, 2, 1, 0}, RandomCase{7, 5, 2, 4, 16, 1, 1, 0},
+                                         // one place; a tall filter; an odd filter height in an even
+                                         // column, whose last window reads one item past the input
+                                         RandomCase{6, 5, 1, 1, 3, 1, 1, 0}, RandomCase{7, 9, 2, 7, 2, 1, 2, 1},
+                                         RandomCase{8, 6, 3, 3, 2, 1, 1, 0}));
+
+// ---- Window sums -----------------------------------------------------------
+
+// The kernel that the target builds (SMLALD on ARM with the DSP extension,
+// the plain loop elsewhere) against exact sums: runs of one, two and three
+// pairs, a last channel alone, windows a column or a row apart, and items
+// at the ends of the range, whose sums leave 32 bits.
+struct WindowCase {
+    int columns, run, channels, count, step;
+};
+
+class WindowSumsTest : public testing::TestWithParam<WindowCase> {};
+
+TEST_P(WindowSumsTest, ExactSums)
+{
+    const WindowCase &c = GetParam();
+    Rng rng(static_cast<unsigned>(c.run * 10 + c.channels));
+    const int stride = c.run + 3;
+    std::vector<qtp_t> frame(static_cast<size_t>(stride) * (c.columns + c.count * c.step) + c.run), weights;
+    for (qtp_t &v : frame) v = any_item(rng);
+    for (int k = 0; k < c.channels * c.columns * c.run; k++) weights.push_back(any_item(rng));
+    const dl::WindowLayout layout = {c.columns, c.run, stride, c.channels, weights.data()};
+    std::vector<int64_t> sums(static_cast<size_t>(c.count) * c.channels, -1);
+    dl::window_sums(layout, frame.data(), c.count, c.step, sums.data());
+    for (int p = 0; p < c.count; p++)
+        for (int oc = 0; oc < c.channels; oc++) {
+            const int64_t want = exact_sum(
+                c.columns * c.run,
+                [&](int j) { return frame[static_cast<size_t>(p) * c.step + stride * (j / c.run) + j % c.run]; },
+                [&](int j) { return weights[static_cast<size_t>(c.run) * c.columns * oc + j]; });
+            EXPECT_EQ(sums[static_cast<size_t>(p) * c.channels + oc], want) << "window " << p << ", channel " << oc;
+        }
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, WindowSumsTest,
+                         testing::Values(WindowCase{3, 4, 4, 8, 1}, WindowCase{3, 4, 5, 6, 7},
+                                         WindowCase{1, 2, 3, 5, 2}, WindowCase{2, 6, 2, 4, 9},
+                                         WindowCase{5, 4, 1, 3, 1}, WindowCase{4, 2, 16, 2, 3}));
 
 // ---- Contract ------------------------------------------------------------
 

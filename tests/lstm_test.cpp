@@ -4,6 +4,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dl_lib.h"
@@ -224,5 +225,133 @@ TEST(LstmQ, SanityLabels)
     q_step(tiny, -15, &bias, -14, 0, -15, 3, &errors);
     EXPECT_NE(errors.find("CheckSanity: lstm out_data after bias: only "), std::string::npos) << errors;
 }
+
+// ---- Fixed point against the library's operations -------------------------
+
+// The fixed-point step as the composition of the library's operations, one
+// pass each: dl_basic_lstm_layer_q must give the same items, exponents and
+// warnings.
+void composed_step_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *c, dl_matrix2dq_t *h, const dl_matrix2dq_t *weight,
+                     const dl_matrix2dq_t *bias, int shift)
+{
+    MatrixqPtr concat = own(dl_matrixq_concat(in, h));
+    MatrixqPtr out = own(dl_matrixq_alloc(weight->w, concat->h));
+    dl_matrixq_dot(concat.get(), weight, out.get(), shift);
+    dl_matrixq_check_sanity(out.get(), "lstm out_data");
+    if (bias) {
+        dl_matrixq_add(out.get(), bias, out.get(), 1);
+        dl_matrixq_check_sanity(out.get(), "lstm out_data after bias");
+    }
+    const int q = out->w / 4;
+    MatrixqPtr i = own(dl_matrixq_slice(out.get(), 0, 0, q, out->h, nullptr));
+    MatrixqPtr g = own(dl_matrixq_slice(out.get(), q, 0, q, out->h, nullptr));
+    MatrixqPtr f = own(dl_matrixq_slice(out.get(), 2 * q, 0, q, out->h, nullptr));
+    MatrixqPtr o = own(dl_matrixq_slice(out.get(), 3 * q, 0, q, out->h, nullptr));
+    dl_matrixq_add_const(f.get(), 1.0f, 1);
+    dl_matrixq_check_sanity(f.get(), "lstm f after add_const");
+    dl_sigmoid_q(f.get(), f.get());
+    dl_sigmoid_q(i.get(), i.get());
+    dl_tanh_q(g.get(), g.get());
+    dl_matrixq_mul(c, f.get(), c);
+    dl_matrixq_check_sanity(c, "lstm state_c after mul");
+    dl_matrixq_mul(i.get(), g.get(), i.get());
+    dl_matrixq_add(c, i.get(), c, 1);
+    dl_matrixq_check_sanity(c, "lstm state_c after add");
+    dl_tanh_q(c, i.get());
+    dl_sigmoid_q(o.get(), o.get());
+    dl_matrixq_mul(i.get(), o.get(), h);
+    dl_matrixq_readjust_exp(c);
+    dl_matrixq_check_sanity(c, "lstm state_c after exp readjust");
+    dl_matrixq_readjust_exp(h);
+    dl_matrixq_check_sanity(h, "lstm state_h after exp readjust");
+}
+
+struct QCase {
+    const char *name;
+    int rows, inputs, units, extra_columns;
+    bool bias;
+    int e_weight, e_bias, e_state, shift;
+    int limit;   // items of in, weight and bias within +-limit (0: any item)
+    bool views;  // the states are slices of larger records
+};
+
+class LstmQComposedTest : public testing::TestWithParam<QCase> {};
+
+// Collects the sanity warnings of a run.
+void collect(const char *text, void *arg) { *static_cast<std::string *>(arg) += text; }
+
+MatrixqPtr random_q(Rng &rng, int w, int h, int e, int limit)
+{
+    MatrixqPtr m = own(dl_matrixq_alloc(w, h));
+    for (int x = 0; x < w; x++)
+        for (int y = 0; y < h; y++)
+            m->itemq[y + m->stride * x] = limit ? static_cast<qtp_t>(uniform(rng, -limit, limit)) : any_item(rng);
+    m->exponent = e;
+    return m;
+}
+
+// A state of units x rows: a record of its own, or a slice one column and
+// two rows into a larger one.
+struct StateRecord {
+    MatrixqPtr owner, view;
+    dl_matrix2dq_t *get() { return view ? view.get() : owner.get(); }
+};
+
+StateRecord random_state(Rng &rng, const QCase &p)
+{
+    StateRecord s{random_q(rng, p.units + (p.views ? 2 : 0), p.rows + (p.views ? 3 : 0), p.e_state, 0),
+                  own(static_cast<dl_matrix2dq_t *>(nullptr))};
+    if (p.views) s.view = own(dl_matrixq_slice(s.owner.get(), 1, 2, p.units, p.rows, nullptr));
+    return s;
+}
+
+TEST_P(LstmQComposedTest, SameItemsExponentsAndWarnings)
+{
+    const QCase &p = GetParam();
+    Rng rng(static_cast<unsigned>(p.rows * 1000 + p.units * 10 + p.e_state + 40));
+    const int columns = 4 * p.units + p.extra_columns;
+    MatrixqPtr w = random_q(rng, columns, p.inputs + p.units, p.e_weight, p.limit);
+    MatrixqPtr b = random_q(rng, columns, p.rows, p.e_bias, p.limit);
+    StateRecord c = random_state(rng, p), h = random_state(rng, p);
+    StateRecord rc = random_state(rng, p), rh = random_state(rng, p);
+    for (auto [from, to] : {std::pair{&c, &rc}, std::pair{&h, &rh}})
+        for (int x = 0; x < p.units; x++)
+            for (int y = 0; y < p.rows; y++) to->get()->itemq[y + to->get()->stride * x] = item(from->get(), x, y);
+    for (int t = 0; t < 4; t++) {
+        MatrixqPtr in = random_q(rng, p.inputs, p.rows, -15, p.limit);
+        std::string want, got;
+        dl_set_sanity_handler(collect, &want);
+        composed_step_q(in.get(), rc.get(), rh.get(), w.get(), p.bias ? b.get() : nullptr, p.shift);
+        dl_set_sanity_handler(collect, &got);
+        EXPECT_EQ(dl_basic_lstm_layer_q(in.get(), c.get(), h.get(), w.get(), p.bias ? b.get() : nullptr, p.shift),
+                  h.get());
+        dl_set_sanity_handler(nullptr, nullptr);
+        EXPECT_EQ(got, want) << "step " << t;
+        if (p.limit) {
+            EXPECT_NE(want, "");  // the checks do warn here
+        }
+        for (auto [got_state, want_state] : {std::pair{&c, &rc}, std::pair{&h, &rh}}) {
+            const dl_matrix2dq_t *m = got_state->get(), *r = want_state->get();
+            EXPECT_EQ(m->exponent, r->exponent) << "step " << t;
+            for (int x = 0; x < p.units; x++)
+                for (int y = 0; y < p.rows; y++)
+                    ASSERT_EQ(item(m, x, y), item(r, x, y)) << x << "," << y << " step " << t;
+        }
+    }
+}
+
+// Exponents that put the gates on the flat ends, in the middle and near 0;
+// small items make every check warn, any items saturate the sums.
+INSTANTIATE_TEST_SUITE_P(Cases, LstmQComposedTest,
+                         testing::Values(QCase{"digits_shape", 1, 8, 32, 0, true, -15, -15, -15, 0, 0, false},
+                                         QCase{"no_bias", 1, 8, 32, 0, false, -15, -15, -15, 0, 0, false},
+                                         QCase{"odd_rows_views_extra_columns", 3, 5, 7, 3, true, -14, -11, -16, 2, 0,
+                                               true},
+                                         QCase{"bias_finer", 2, 4, 5, 0, true, -12, -20, -31, 0, 0, false},
+                                         QCase{"large_gates", 1, 6, 9, 1, true, -8, -9, 2, 0, 0, false},
+                                         QCase{"tiny_items", 2, 3, 4, 0, true, -15, -15, -15, 0, 8, false},
+                                         QCase{"tiny_no_bias", 1, 3, 4, 0, false, -15, -15, -15, 3, 8, true},
+                                         QCase{"coarse_state", 1, 8, 16, 0, true, -15, -3, 10, 19, 0, false}),
+                         CaseName());
 
 }  // namespace

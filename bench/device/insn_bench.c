@@ -13,9 +13,12 @@
  *
  * Beside the library, on the same data: an exact fixed-point dot product
  * written with the M4's dual 16-bit multiply-accumulate into a 64-bit sum
- * (SMLALD, <arm_acle.h>), two columns and eight items a step, and a plain
- * float multiply-accumulate loop. Output, one line each:
+ * (SMLALD, <arm_acle.h>), two columns and eight items a step, a plain float
+ * multiply-accumulate loop, and the digits convolution's product written
+ * the same way (its windows laid out beforehand), checked to give the
+ * layer's bits. Output, one line each:
  *     insn <label> <instructions per call> +- <error> macs <count>
+ *     check <what> agrees|differs
  */
 #include <arm_acle.h>
 #include <stdint.h>
@@ -265,6 +268,11 @@ static void lstm_step(void)
 struct conv {
     dl_matrix2d_t *in, *filter, *bias, *out;
     dl_matrix2dq_t *qfilter;
+    /* For the reference: each position's window of the quantised, framed
+     * input and each channel's filter as 10 items (the 9 places and a 0),
+     * and the factor 2^(e_in + e_filter). */
+    qtp_t windows[64][10], filters[4][10];
+    fptp_t factor;
 };
 
 static void run_conv_f(void *ctx)
@@ -279,9 +287,63 @@ static void run_conv_qw(void *ctx)
     dl_basic_conv_layer_quantised_weight(c->in, c->qfilter, c->bias, 3, 3, 4, 1, 1, 1, c->out);
 }
 
+/* The convolution's product through the SMLALD reference: the 64 x 9 x 4
+ * multiply-accumulates of the windows (laid out beforehand, as the product
+ * reference's rows are) with the filter, pairs of items loaded as words,
+ * two channels a step, each exact sum converted to float in one rounding,
+ * scaled and added to its channel's bias. */
+static inline fptp_t to_float(int64_t sum)
+{
+    return sum >= INT32_MIN && sum <= INT32_MAX ? (fptp_t)(int32_t)sum : (fptp_t)sum;
+}
+
+static void run_conv_smlald_reference(void *ctx)
+{
+    struct conv *c = ctx;
+    for (int p = 0; p < 64; p++) {
+        const qtp_t *w = c->windows[p];
+        const uint32_t a0 = pair(w), a1 = pair(w + 2), a2 = pair(w + 4), a3 = pair(w + 6), a4 = pair(w + 8);
+        for (int oc = 0; oc < 4; oc += 2) {
+            const qtp_t *f0 = c->filters[oc], *f1 = c->filters[oc + 1];
+            int64_t s0 = 0, s1 = 0;
+            s0 = __smlald((int16x2_t)a0, (int16x2_t)pair(f0), s0);
+            s1 = __smlald((int16x2_t)a0, (int16x2_t)pair(f1), s1);
+            s0 = __smlald((int16x2_t)a1, (int16x2_t)pair(f0 + 2), s0);
+            s1 = __smlald((int16x2_t)a1, (int16x2_t)pair(f1 + 2), s1);
+            s0 = __smlald((int16x2_t)a2, (int16x2_t)pair(f0 + 4), s0);
+            s1 = __smlald((int16x2_t)a2, (int16x2_t)pair(f1 + 4), s1);
+            s0 = __smlald((int16x2_t)a3, (int16x2_t)pair(f0 + 6), s0);
+            s1 = __smlald((int16x2_t)a3, (int16x2_t)pair(f1 + 6), s1);
+            s0 = __smlald((int16x2_t)a4, (int16x2_t)pair(f0 + 8), s0);
+            s1 = __smlald((int16x2_t)a4, (int16x2_t)pair(f1 + 8), s1);
+            c->out->item[4 * p + oc] = to_float(s0) * c->factor + c->bias->item[oc];
+            c->out->item[4 * p + oc + 1] = to_float(s1) * c->factor + c->bias->item[oc + 1];
+        }
+    }
+}
+
+/* The reference's operands: the input quantised as the layer quantises it,
+ * in a zero frame of one item, cut into the 3 x 3 windows. */
+static void conv_reference_operands(struct conv *c)
+{
+    dl_matrix2dq_t *q = dl_matrixq_from_matrix2d(c->in, NULL);
+    memset(c->windows, 0, sizeof c->windows);
+    memset(c->filters, 0, sizeof c->filters);
+    for (int p = 0; p < 64; p++)
+        for (int d = 0; d < 9; d++) {
+            const int x = p % 8 + d % 3 - 1, y = p / 8 + d / 3 - 1;
+            c->windows[p][d] = x >= 0 && x < 8 && y >= 0 && y < 8 ? q->itemq[y + q->stride * x] : 0;
+        }
+    for (int oc = 0; oc < 4; oc++)
+        for (int d = 0; d < 9; d++) c->filters[oc][d] = c->qfilter->itemq[d + c->qfilter->stride * oc];
+    c->factor = 1.0f;
+    for (int e = q->exponent + c->qfilter->exponent; e < 0; e++) c->factor /= 2.0f;
+    dl_matrixq_free(q);
+}
+
 static void convolution(void)
 {
-    struct conv c;
+    static struct conv c;
     dl_matrix2dq_t *qin = dl_matrixq_alloc(8, 8);
     c.qfilter = dl_matrixq_alloc(4, 9);
     fill_q(qin, 6u);
@@ -289,9 +351,18 @@ static void convolution(void)
     c.in = dl_matrix2d_from_matrixq(qin, NULL);
     c.filter = dl_matrix2d_from_matrixq(c.qfilter, NULL);
     c.bias = dl_matrix_alloc(4, 1);
+    for (int i = 0; i < 4; i++) c.bias->item[i] = 0.25f * (float)i - 0.3f;
     c.out = dl_matrix_alloc(4 * 64, 1);
     report("conv 8x8 3x3x4 dl_basic_conv_layer", run_conv_f, &c, 64L * 9 * 4);
     report("conv 8x8 3x3x4 dl_basic_conv_layer_quantised_weight", run_conv_qw, &c, 64L * 9 * 4);
+    conv_reference_operands(&c);
+    report("conv 8x8 3x3x4 smlald-reference", run_conv_smlald_reference, &c, 64L * 9 * 4);
+    /* The reference does the layer's work: both give the same bits. */
+    static fptp_t layer[4 * 64];
+    run_conv_qw(&c);
+    memcpy(layer, c.out->item, sizeof layer);
+    run_conv_smlald_reference(&c);
+    printf("check conv smlald-reference %s\n", memcmp(layer, c.out->item, sizeof layer) ? "differs" : "agrees");
     dl_matrixq_free(qin);
     dl_matrixq_free(c.qfilter);
     dl_matrix_free(c.in);

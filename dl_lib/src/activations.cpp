@@ -166,9 +166,11 @@ inline int32_t sigmoid_q15_nonnegative(int32_t x)
 int32_t dl_sigmoid_op_q(int32_t x)
 {
     // The complement is taken against 32767, the table's 1.0. INT32_MIN, no
-    // valid input, is taken as its neighbour instead of overflowing.
-    if (x < 0) return 32767 - sigmoid_q15_nonnegative(x == INT32_MIN ? INT32_MAX : -x);
-    return sigmoid_q15_nonnegative(x);
+    // valid input, is taken as its neighbour instead of overflowing. One
+    // call of the table, so that a build for size inlines it.
+    const bool negative = x < 0;
+    const int32_t s = sigmoid_q15_nonnegative(!negative ? x : x == INT32_MIN ? INT32_MAX : -x);
+    return negative ? 32767 - s : s;
 }
 
 void dl_sigmoid_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
@@ -189,9 +191,53 @@ int32_t tanh_q15_of_sigmoid(fptp_t s, bool negative)
     return static_cast<int32_t>(32767.0f * ((s + s) - 1.0f));
 }
 
-}  // namespace
+// kSigmoidSteps times 2^31, exact: each entry is a 24-bit significand
+// times 2^-24.
+struct StepsQ31 {
+    uint32_t s[16];
+};
 
-int32_t dl_tanh_op_q(int32_t x)
+constexpr StepsQ31 steps_q31()
+{
+    StepsQ31 r{};
+    for (int i = 0; i < 16; i++) r.s[i] = static_cast<uint32_t>(kSigmoidSteps[i] * 2147483648.0f);
+    return r;
+}
+
+constexpr StepsQ31 kStepsQ31 = steps_q31();
+
+// dl_tanh_op_q in integers alone, where they are sure of it: false when x
+// lies near the flat ends or its result near a step between two items; the
+// float path then decides. t = 4|x| / 32767 in Q32 (the constant 2^34 /
+// 32767 rounded), the interpolated sigmoid s in Q31, v = 32767 (2s - 1) in
+// Q31. Over every input that can reach here (the exhaustive test of every
+// aligned item) v strays from the defined float and double roundings by
+// less than 1/256 of an item: a margin of 1/512 gives wrong items, 1/256
+// none. With a margin of 1/64, when v - 1/64 and v + 1/64 fall on one item,
+// that is the item; about one input in thirty falls between. The negative
+// side is the mirror image: the float formula complements s, and
+// truncation runs toward 0.
+bool tanh_q15_in_integers(int32_t x, int32_t *result)
+{
+    const uint32_t u = x < 0 ? 0u - static_cast<uint32_t>(x) : static_cast<uint32_t>(x);
+    if (u >= 122000u) return false;  // t at 14.9 and beyond
+    const uint64_t t = static_cast<uint64_t>(u) * 524304u;
+    const uint32_t i = static_cast<uint32_t>(t >> 32), f = static_cast<uint32_t>(t);
+    const uint32_t step = kStepsQ31.s[i + 1] - kStepsQ31.s[i];
+    const uint32_t s = kStepsQ31.s[i] + static_cast<uint32_t>((static_cast<uint64_t>(step) * f) >> 32);
+    constexpr uint32_t kMargin = 1u << 25;                                               // 1/64 of an item in Q31
+    const uint64_t w = static_cast<uint64_t>(32767u) * (2 * s - 2147483648u) + kMargin;  // v + margin
+    // v - margin falls on the same item unless w's fraction is below twice
+    // the margin.
+    if ((static_cast<uint32_t>(w) & 0x7fffffffu) < 2 * kMargin) return false;
+    const int32_t item = static_cast<int32_t>(w >> 31);
+    *result = x < 0 ? -item : item;
+    return true;
+}
+
+// The float path of dl_tanh_op_q, out of line so that the integer one needs
+// no floating-point registers saved.
+[[gnu::noinline]] int32_t tanh_q15_in_floats(int32_t x)
 {
     // Divided by 32767, not 32768, although x is Q15: the float tanh then
     // runs on a value a little above x's.
@@ -202,22 +248,30 @@ int32_t dl_tanh_op_q(int32_t x)
     // 1 - f, the lower entry's product and the sum rounds by at most 2^-25,
     // 2^-25 and 2^-24, and the exact result by 2^-25. The result in Q15 only
     // grows with s, so when s - 2^-22 and s + 2^-22 give the same item, so
-    // does the exact s. Otherwise, for about one input in thirty, and on the
-    // flat ends, the double formula decides.
+    // does the exact s. Otherwise, for about one input in thirty, the double
+    // formula decides.
     const fptp_t y = a + a;
     const bool negative = 0.0f > y;
     const fptp_t t = (negative ? -y : y) / kSigmoidStepsize;
     // |t| is at most 4 * 2^31 / 32767, about 2^18: the plain conversion
     // truncates it.
     const int32_t i = static_cast<int32_t>(t);
-    if (i < 15) {
-        const fptp_t f = t - static_cast<fptp_t>(i);
-        const fptp_t s = kSigmoidSteps[i + 1] * f + kSigmoidSteps[i] * (1.0f - f);
-        constexpr fptp_t kMargin = 1.0f / 4194304.0f;  // 2^-22
-        const int32_t below = tanh_q15_of_sigmoid(s - kMargin, negative);
-        if (below == tanh_q15_of_sigmoid(s + kMargin, negative)) return below;
-    }
+    // From t = 15 on the sigmoid is its last entry, 1.0, and tanh is +-1.
+    if (i >= 15) return negative ? -32767 : 32767;
+    const fptp_t f = t - static_cast<fptp_t>(i);
+    const fptp_t s = kSigmoidSteps[i + 1] * f + kSigmoidSteps[i] * (1.0f - f);
+    constexpr fptp_t kMargin = 1.0f / 4194304.0f;  // 2^-22
+    const int32_t below = tanh_q15_of_sigmoid(s - kMargin, negative);
+    if (below == tanh_q15_of_sigmoid(s + kMargin, negative)) return below;
     return dl::trunc_i32(32767.0f * dl_tanh_op(a));
+}
+
+}  // namespace
+
+int32_t dl_tanh_op_q(int32_t x)
+{
+    int32_t r;
+    return tanh_q15_in_integers(x, &r) ? r : tanh_q15_in_floats(x);
 }
 
 void dl_tanh_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)

@@ -62,23 +62,16 @@ dl_matrix2d_t *conv_output(dl_matrix2d_t *out, int out_channels, int wo, int ho)
     return out;
 }
 
-// Element (x, y) of a record, in its own layout: float records by rows,
-// fixed-point ones by columns.
+// Element (x, y) of a float record.
 fptp_t &at(const dl_matrix2d_t *m, int x, int y) { return m->item[x + m->stride * y]; }
-qtp_t &at(const dl_matrix2dq_t *m, int x, int y) { return m->itemq[y + m->stride * x]; }
-void take_exponent(dl_matrix2d_t *, const dl_matrix2d_t *) {}
-void take_exponent(dl_matrix2dq_t *to, const dl_matrix2dq_t *from) { to->exponent = from->exponent; }
 
-// A new record of in's items in a zero frame of the geometry's margins (a
-// fixed-point one at in's exponent, the frame item 0 there).
-template <class Matrix>
-Matrix *framed(const Matrix *in, const ConvGeometry &geo, Matrix *(*alloc)(int, int))
+// A new record of in's items in a zero frame of the geometry's margins.
+dl_matrix2d_t *framed(const dl_matrix2d_t *in, const ConvGeometry &geo)
 {
-    Matrix *padded = alloc(geo.x.padded, geo.y.padded);  // zero-filled: the frame
+    dl_matrix2d_t *padded = dl_matrix_alloc(geo.x.padded, geo.y.padded);  // zero-filled: the frame
     DL_ASSERT_ALLOCATED(padded);
     for (int y = 0; y < in->h; y++)
         for (int x = 0; x < in->w; x++) at(padded, x + geo.x.margin, y + geo.y.margin) = at(in, x, y);
-    take_exponent(padded, in);
     return padded;
 }
 
@@ -107,7 +100,7 @@ dl_matrix2d_t *dl_basic_conv_layer(const dl_matrix2d_t *in, const dl_matrix2d_t 
     DL_ASSERT(filter->h>=filter_w*filter_h);
     DL_ASSERT(filter->w>=out_channels);
     DL_ASSERT(bias->w*bias->h>=out_channels);
-    dl_matrix2d_t *padded = padding ? framed(in, geo, dl_matrix_alloc) : nullptr;
+    dl_matrix2d_t *padded = padding ? framed(in, geo) : nullptr;
     const dl_matrix2d_t *source = padded ? padded : in;
     out = conv_output(out, out_channels, geo.x.n, geo.y.n);
 
@@ -145,51 +138,102 @@ dl_matrix2d_t *dl_basic_conv_layer(const dl_matrix2d_t *in, const dl_matrix2d_t 
     return out;
 }
 
+namespace dl {
+
+void window_sums_plain(const WindowLayout &l, const qtp_t *first, int count, int step, int64_t *sums)
+{
+    for (int p = 0; p < count; p++) {
+        const qtp_t *window = first + static_cast<size_t>(step) * p;
+        for (int oc = 0; oc < l.channels; oc++) {
+            int64_t sum = 0;
+            for (int dx = 0; dx < l.columns; dx++) {
+                const qtp_t *items = window + static_cast<size_t>(l.stride) * dx;
+                const qtp_t *weights = l.weights + static_cast<size_t>(l.run) * (l.columns * oc + dx);
+                for (int k = 0; k < l.run; k++) sum += static_cast<int64_t>(items[k]) * weights[k];
+            }
+            sums[static_cast<size_t>(l.channels) * p + oc] = sum;
+        }
+    }
+}
+
+}  // namespace dl
+
+namespace {
+
+// A sum converted to float in one rounding to nearest: as a 32-bit integer
+// where it fits, one instruction on a 32-bit core, the same value otherwise.
+fptp_t to_float(int64_t sum)
+{
+    const int32_t low = static_cast<int32_t>(sum);
+    return low == sum ? static_cast<fptp_t>(low) : static_cast<fptp_t>(sum);
+}
+
+}  // namespace
+
 dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, const dl_matrix2dq_t *filter,
                                                     const dl_matrix2d_t *bias, int filter_w, int filter_h,
                                                     int out_channels, int stride_x, int stride_y, int padding,
                                                     dl_matrix2d_t *out)
 {
     const ConvGeometry geo = conv_geometry(in, filter_w, filter_h, stride_x, stride_y, padding);
-    // The input is quantised once, as a whole, so every window shares its
-    // one exponent; the frame is item 0 at that exponent.
-    dl_matrix2dq_t *qin = dl_matrixq_from_matrix2d(in, nullptr);
-    DL_ASSERT_ALLOCATED(qin);
-    dl_matrix2dq_t *padded = padding ? framed(qin, geo, dl_matrixq_alloc) : nullptr;
-    const dl_matrix2dq_t *source = padded ? padded : qin;
     out = conv_output(out, out_channels, geo.x.n, geo.y.n);
-
-    // As in the float layer, a row of positions is one product: each window
-    // flattened once into a row of `windows` (at the input's one exponent),
-    // each position's channels formed as exact sums, rounded once to float
-    // and scaled, straight into out; then the bias.
-    const int places = filter_w * filter_h;
-    const int wo = geo.x.n;
-    dl_matrix2dq_t *windows = dl_matrixq_alloc(places, wo);
-    DL_ASSERT_ALLOCATED(windows);
-    windows->exponent = source->exponent;
     // The bias has one item per channel, as dl_matrix_add requires of a
     // position's row; it is added as position + bias, in that order.
     const dl_matrix2d_t first = view_of(out->item, out_channels, 1, out_channels);
     DL_ASSERT(dl_matrix_same_shape(&first, bias));
-    for (int oy = 0; oy < geo.y.n; oy++) {
-        const int y0 = oy * stride_y + geo.y.offset;
-        for (int ox = 0; ox < wo; ox++) {
-            const int x0 = ox * stride_x + geo.x.offset;
-            for (int dy = 0; dy < filter_h; dy++)
-                for (int dx = 0; dx < filter_w; dx++)
-                    windows->itemq[ox + windows->stride * (dy * filter_w + dx)] =
-                        source->itemq[(y0 + dy) + source->stride * (x0 + dx)];
+    DL_ASSERT(filter->h==filter_w*filter_h);
+    DL_ASSERT(filter->w==out_channels);
+
+    // One block holds the sums of a row of positions, the packed weights and
+    // the quantised input in its zero frame (column-major, columns of an
+    // even count of items), with one spare item at the end for the last
+    // run's read past its window.
+    const int run = filter_h + (filter_h & 1);
+    const int column = geo.y.padded + (geo.y.padded & 1);
+    const size_t row_sums = static_cast<size_t>(out_channels) * geo.x.n;
+    const size_t weights = static_cast<size_t>(out_channels) * filter_w * run;
+    const size_t framed = static_cast<size_t>(geo.x.padded) * column + 1;
+    void *block = dl::mem_calloc(1, sizeof(int64_t) * row_sums + sizeof(qtp_t) * (weights + framed));
+    DL_ASSERT_ALLOCATED(block);
+    int64_t *sums = static_cast<int64_t *>(block);
+    qtp_t *packed = reinterpret_cast<qtp_t *>(sums + row_sums);
+    qtp_t *frame = packed + weights;
+
+    // The input quantised as a whole, as dl_matrixq_from_matrix2d does it:
+    // one exponent for the largest magnitude, half a unit added before
+    // scaling, the product truncated toward zero.
+    fptp_t lo, hi;
+    matrix_get_range(in, &lo, &hi);
+    const int e_in = dl::block_exponent((hi > -lo) ? hi : -lo);
+    const fptp_t mult = dl::pow2f(-e_in), half = 0.5f * dl::pow2f(e_in);
+    for (int y = 0; y < in->h; y++) {
+        qtp_t *row = frame + static_cast<size_t>(column) * geo.x.margin + (y + geo.y.margin);
+        for (int x = 0; x < in->w; x++) {
+            const fptp_t s = in->item[x + in->stride * y] + half;
+            row[static_cast<size_t>(column) * x] = dl::low16(dl::trunc_i32(s * mult));
         }
-        fptp_t *row = out->item + static_cast<size_t>(oy) * wo * out_channels;
-        dl_matrix2d_t sums = view_of(row, out_channels, wo, out_channels);
-        dl_matrixq_dot_matrix_out(windows, filter, &sums);
-        for (int ox = 0; ox < wo; ox++)
-            for (int oc = 0; oc < out_channels; oc++)
-                row[ox * out_channels + oc] = row[ox * out_channels + oc] + bias->item[oc];
     }
-    dl_matrixq_free(windows);
-    dl_matrixq_free(qin);
-    dl_matrixq_free(padded);
+    // The filter's place dy * filter_w + dx goes to run dx, item dy.
+    for (int oc = 0; oc < out_channels; oc++)
+        for (int dy = 0; dy < filter_h; dy++)
+            for (int dx = 0; dx < filter_w; dx++)
+                packed[static_cast<size_t>(run) * (filter_w * oc + dx) + dy] =
+                    filter->itemq[(dy * filter_w + dx) + filter->stride * oc];
+
+    // Each position's channels are exact sums, rounded once to float and
+    // scaled, then the bias is added.
+    const dl::WindowLayout layout = {filter_w, run, column, out_channels, packed};
+    const fptp_t factor = dl::pow2f(e_in + filter->exponent);
+    const fptp_t *b = bias->item;
+    fptp_t *o = out->item;
+    const int step = column * stride_x;
+    for (int oy = 0; oy < geo.y.n; oy++) {
+        const qtp_t *first = frame + static_cast<size_t>(column) * geo.x.offset + (oy * stride_y + geo.y.offset);
+        dl::window_sums(layout, first, geo.x.n, step, sums);
+        const int64_t *s = sums;
+        for (int ox = 0; ox < geo.x.n; ox++, s += out_channels, o += out_channels)
+            for (int oc = 0; oc < out_channels; oc++) o[oc] = to_float(s[oc]) * factor + b[oc];
+    }
+    dl::mem_free(block);
     return out;
 }

@@ -79,6 +79,215 @@ dl_matrix2d_t *dl_basic_lstm_layer_quantised_weights(const dl_matrix2d_t *in, dl
     return float_lstm_layer(in, state_c, state_h, weight, bias, dl_matrix_matrixq_dot);
 }
 
+namespace {
+
+// The smallest and the largest item a pass has written, both starting from
+// 0 as the spread of a sanity check does.
+struct Extremes {
+    int32_t hi = 0, lo = 0;
+    int32_t largest() const { return hi > -lo ? hi : -lo; }
+    // Whether dl_matrixq_check_sanity could warn about such items: fewer
+    // than 11 bits used, or items at an end of the range, which may be
+    // clipped ones. Only then is the check run on the items themselves.
+    bool may_warn() const { return largest() < 1024 || hi >= dl::kItemMax || lo <= -dl::kItemMax; }
+};
+
+void check_if_needed(Extremes e, const dl_matrix2dq_t *m, const char *name)
+{
+    if (e.may_warn()) dl_matrixq_check_sanity(m, name);
+}
+
+// Items of one exponent brought to Q15 as the fixed-point activations align
+// their input: right shifts round down and stop at 31; a left shift that
+// leaves 32 bits gives +-(2^31 - 1).
+class ToQ15 {
+  public:
+    explicit ToQ15(int exponent) : s_(exponent + 15), k_(-s_ < 31 ? -s_ : 31) {}
+    // Inlined always: a call per item would cost as much as the shift.
+    [[gnu::always_inline]] int32_t operator()(int32_t v) const { return s_ <= 0 ? v >> k_ : left(v); }
+
+  private:
+    int32_t left(int32_t v) const
+    {
+        if (s_ < 16) return dl::shl(v, s_);
+        const int64_t w = static_cast<int64_t>(v) * (INT64_C(1) << (s_ < 32 ? s_ : 32));
+        return w > INT32_MAX ? INT32_MAX : w < -INT32_MAX ? -INT32_MAX : static_cast<int32_t>(w);
+    }
+    int s_, k_;
+};
+
+[[gnu::always_inline]] inline qtp_t sigmoid_item(int32_t v, const ToQ15 &q15)
+{
+    return dl::low16(dl_sigmoid_op_q(q15(v)));
+}
+[[gnu::always_inline]] inline qtp_t tanh_item(int32_t v, const ToQ15 &q15) { return dl::low16(dl_tanh_op_q(q15(v))); }
+
+// The upper half of the product of two items, rounded down, as
+// dl_matrixq_mul forms it: the exponents add up, plus 16.
+inline qtp_t mul_item(int32_t a, int32_t b) { return static_cast<qtp_t>((a * b) >> 16); }
+
+// The saturating sum of two items of the exponents ea and eb, at the larger
+// one: the other item is shifted right (rounding down) by the difference,
+// at most 31, as dl_matrixq_add with shift 1 does.
+struct AlignedSum {
+    int ka, kb;
+    AlignedSum(int ea, int eb)
+    {
+        const int d = ea >= eb ? ea - eb : eb - ea;
+        const int k = d < 31 ? d : 31;
+        ka = ea >= eb ? 0 : k;
+        kb = ea >= eb ? k : 0;
+    }
+    qtp_t operator()(int32_t a, int32_t b) const { return static_cast<qtp_t>(dl::saturate32((a >> ka) + (b >> kb))); }
+};
+
+// The passes below are kept out of line: inlined into the step, their loops
+// lose their registers to the step's own values in a build for size and
+// cost twice as much.
+
+// How a pass walks records of one shape: one run of all items when every
+// record lies back to back, else one run per column.
+struct Walk {
+    int runs, len;
+    Walk(int w, int h, bool flat) : runs(flat ? 1 : w), len(flat ? w * h : h) {}
+};
+
+inline bool back_to_back(int w, int h, size_t stride) { return w <= 1 || stride == static_cast<size_t>(h); }
+
+// out_data + bias in place, as dl_matrixq_add(out_data, bias, out_data, 1);
+// returns the extremes of the sums.
+[[gnu::noinline]] Extremes add_bias(dl_matrix2dq_t *out_data, const dl_matrix2dq_t *bias)
+{
+    const AlignedSum sum(out_data->exponent, bias->exponent);
+    const Walk walk(out_data->w, out_data->h, dl::is_flat(out_data) && dl::is_flat(bias));
+    int32_t hi = 0, lo = 0;
+    for (int x = 0; x < walk.runs; x++) {
+        qtp_t *o = out_data->itemq + static_cast<size_t>(out_data->stride) * x;
+        const qtp_t *b = bias->itemq + static_cast<size_t>(bias->stride) * x;
+        for (const qtp_t *end = o + walk.len; o != end; o++, b++) {
+            const int32_t r = sum(*o, *b);
+            *o = static_cast<qtp_t>(r);
+            hi = r > hi ? r : hi;
+            lo = r < lo ? r : lo;
+        }
+    }
+    out_data->exponent = out_data->exponent > bias->exponent ? out_data->exponent : bias->exponent;
+    return {hi, lo};
+}
+
+// f + one in place, after a right shift of n, with saturation, as
+// dl_matrixq_add_const adds its constant; returns f's extremes after it.
+[[gnu::noinline]] Extremes add_one(dl_matrix2dq_t *f, int32_t one, int n)
+{
+    const Walk walk(f->w, f->h, dl::is_flat(f));
+    int32_t hi = 0, lo = 0;
+    for (int x = 0; x < walk.runs; x++) {
+        qtp_t *p = f->itemq + static_cast<size_t>(f->stride) * x;
+        for (const qtp_t *end = p + walk.len; p != end; p++) {
+            const int32_t r = one ? dl::saturate32((static_cast<int32_t>(*p) >> n) + one) : *p;
+            *p = static_cast<qtp_t>(r);
+            hi = r > hi ? r : hi;
+            lo = r < lo ? r : lo;
+        }
+    }
+    return {hi, lo};
+}
+
+// c * sigmoid(f) in place (exponent e_c - 15 + 16); returns c's extremes.
+[[gnu::noinline]] Extremes keep(dl_matrix2dq_t *c, const dl_matrix2dq_t *f)
+{
+    const ToQ15 q15(f->exponent);
+    const Walk walk(c->w, c->h, dl::is_flat(c) && dl::is_flat(f));
+    int32_t hi = 0, lo = 0;
+    for (int x = 0; x < walk.runs; x++) {
+        qtp_t *pc = c->itemq + static_cast<size_t>(c->stride) * x;
+        const qtp_t *pf = f->itemq + static_cast<size_t>(f->stride) * x;
+        for (const qtp_t *end = pc + walk.len; pc != end; pc++, pf++) {
+            const int32_t r = mul_item(*pc, sigmoid_item(*pf, q15));
+            *pc = static_cast<qtp_t>(r);
+            hi = r > hi ? r : hi;
+            lo = r < lo ? r : lo;
+        }
+    }
+    c->exponent += 1;
+    return {hi, lo};
+}
+
+// The gates i, g and o: columns of out_data, `column` items apart, at one
+// exponent.
+struct GateColumns {
+    const qtp_t *i, *g, *o;
+    size_t column;
+    int exponent;
+};
+
+// c + sigmoid(i) * tanh(g) (the product at -14) in place, then
+// h = tanh(c) * sigmoid(o) at -14; notes both states' extremes.
+[[gnu::noinline]] void update(const GateColumns &gates, dl_matrix2dq_t *c, dl_matrix2dq_t *h, Extremes *cell,
+                              Extremes *out)
+{
+    const AlignedSum sum(c->exponent, -14);
+    const int e_c = c->exponent > -14 ? c->exponent : -14;
+    const ToQ15 q15_c(e_c), q15_gates(gates.exponent);
+    const Walk walk(c->w, c->h, dl::is_flat(c) && dl::is_flat(h) && back_to_back(c->w, c->h, gates.column));
+    int32_t c_hi = 0, c_lo = 0, h_hi = 0, h_lo = 0;
+    for (int x = 0; x < walk.runs; x++) {
+        qtp_t *pc = c->itemq + static_cast<size_t>(c->stride) * x;
+        qtp_t *ph = h->itemq + static_cast<size_t>(h->stride) * x;
+        const size_t at = gates.column * x;
+        const qtp_t *pi = gates.i + at, *pg = gates.g + at, *po = gates.o + at;
+        for (int k = 0; k < walk.len; k++) {
+            const int32_t ig = mul_item(sigmoid_item(pi[k], q15_gates), tanh_item(pg[k], q15_gates));
+            const int32_t ct = sum(pc[k], ig);
+            pc[k] = static_cast<qtp_t>(ct);
+            c_hi = ct > c_hi ? ct : c_hi;
+            c_lo = ct < c_lo ? ct : c_lo;
+            const int32_t ht = mul_item(tanh_item(ct, q15_c), sigmoid_item(po[k], q15_gates));
+            ph[k] = static_cast<qtp_t>(ht);
+            h_hi = ht > h_hi ? ht : h_hi;
+            h_lo = ht < h_lo ? ht : h_lo;
+        }
+    }
+    c->exponent = e_c;
+    h->exponent = -14;
+    *cell = {c_hi, c_lo};
+    *out = {h_hi, h_lo};
+}
+
+// Brings the largest magnitude of a state to 16383 or more, or halves the
+// items once when some are clipped, as dl_matrixq_readjust_exp does; e are
+// the state's extremes. The states' items lie within +-32767, so an extreme
+// at an end of the range is a clipped item.
+void readjust(dl_matrix2dq_t *m, Extremes e)
+{
+    int32_t largest = e.largest();
+    if (largest == 0) return;
+    int adjust = 0;
+    if (e.hi == dl::kItemMax || e.lo == -dl::kItemMax) {
+        adjust = -1;
+    } else {
+        while (largest < 16383) {
+            adjust++;
+            largest *= 2;
+        }
+    }
+    if (adjust == 0) return;
+    if (adjust < 0) dl::map_items(m, m, [](qtp_t v) { return static_cast<qtp_t>(static_cast<int32_t>(v) >> 1); });
+    else dl::map_items(m, m, [adjust](qtp_t v) { return static_cast<qtp_t>(dl::shl(v, adjust)); });
+    m->exponent -= adjust;
+}
+
+}  // namespace
+
+// The step is the composition of the library's operations: the product,
+// the bias added with saturation, 1.0 added to the forget gate, the
+// activations, state_c * f + i * g, tanh of that times o, and both states
+// renormalised. It is computed unit by unit in a few passes rather than one
+// pass per operation, with the same items and exponents at every stage.
+// The sanity checks of the intermediate records run on the items only when
+// the extremes the passes noted say that a check could warn; the checks of
+// the renormalised states never can (their largest item is 16383 or more,
+// none clipped), so they are left out.
 dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *state_c, dl_matrix2dq_t *state_h,
                                       const dl_matrix2dq_t *weight, const dl_matrix2dq_t *bias, int shift)
 {
@@ -87,44 +296,46 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
     dl_matrix2dq_t *out_data = dl_matrixq_alloc(weight->w, concat->h);
     DL_ASSERT_ALLOCATED(out_data);
     dl_matrixq_dot(concat, weight, out_data, shift);
+    const int q = out_data->w / 4, rows = out_data->h;
+    DL_ASSERT(state_c->w==q && state_c->h==rows);
+    DL_ASSERT(state_h->w==q && state_h->h==rows);
     dl_matrixq_check_sanity(out_data, "lstm out_data");
     if (bias) {
-        dl_matrixq_add(out_data, bias, out_data, 1);
-        dl_matrixq_check_sanity(out_data, "lstm out_data after bias");
+        DL_ASSERT(dl_matrixq_same_shape(out_data, bias));
+        check_if_needed(add_bias(out_data, bias), out_data, "lstm out_data after bias");
     }
-    // Each slice takes out_data's exponent now and keeps its own from here:
-    // the gates share the items but not the scale.
-    const int q = out_data->w / 4;
-    Gates<dl_matrix2dq_t> gate;
-    gate.i = dl_matrixq_slice(out_data, 0, 0, q, out_data->h, nullptr);
-    gate.g = dl_matrixq_slice(out_data, q, 0, q, out_data->h, nullptr);
-    gate.f = dl_matrixq_slice(out_data, 2 * q, 0, q, out_data->h, nullptr);
-    gate.o = dl_matrixq_slice(out_data, 3 * q, 0, q, out_data->h, nullptr);
-    DL_ASSERT(gate.i && gate.g && gate.f && gate.o);
 
-    dl_matrixq_add_const(gate.f, 1.0f, 1);
-    dl_matrixq_check_sanity(gate.f, "lstm f after add_const");
-    dl_sigmoid_q(gate.f, gate.f);  // f, i, g: exponent -15
-    dl_sigmoid_q(gate.i, gate.i);
-    dl_tanh_q(gate.g, gate.g);
-    dl_matrixq_mul(state_c, gate.f, state_c);  // e_c - 15 + 16
-    dl_matrixq_check_sanity(state_c, "lstm state_c after mul");
-    dl_matrixq_mul(gate.i, gate.g, gate.i);       // -14
-    dl_matrixq_add(state_c, gate.i, state_c, 1);  // max(e_c + 1, -14)
-    dl_matrixq_check_sanity(state_c, "lstm state_c after add");
-    dl_tanh_q(state_c, gate.i);  // -15
-    dl_sigmoid_q(gate.o, gate.o);
-    dl_matrixq_mul(gate.i, gate.o, state_h);  // -14
+    // The gates: quarters of out_data's columns, at its exponent.
+    const size_t column = static_cast<size_t>(out_data->stride), quarter = column * q;
+    dl_matrix2dq_t gate_f = *out_data;
+    gate_f.w = q;
+    gate_f.flags = DL_MF_FOREIGNDATA;
+    gate_f.itemq += 2 * quarter;
+    const GateColumns gates = {out_data->itemq, out_data->itemq + quarter, out_data->itemq + 3 * quarter, column,
+                               out_data->exponent};
+
+    // f + 1.0, as dl_matrixq_add_const(f, 1.0f, 1): the constant in items
+    // of f's exponent, truncated; halved with the items while beyond 32766.
+    const int e = out_data->exponent;
+    int32_t one = dl::trunc_i32(e < 0 ? dl::pow2f(-e) * 1.0f : 1.0f / dl::pow2f(e));
+    int n = 0;
+    if (one != 0) {
+        while (one > 32766 || one < -32766) {
+            n++;
+            one /= 2;
+        }
+        gate_f.exponent += n;
+    }
+    check_if_needed(add_one(&gate_f, one, n), &gate_f, "lstm f after add_const");
+    check_if_needed(keep(state_c, &gate_f), state_c, "lstm state_c after mul");
+    Extremes cell, out;
+    update(gates, state_c, state_h, &cell, &out);
+    check_if_needed(cell, state_c, "lstm state_c after add");
+
     // Both states go to the next step at full precision.
-    dl_matrixq_readjust_exp(state_c);
-    dl_matrixq_check_sanity(state_c, "lstm state_c after exp readjust (should never see this)");
-    dl_matrixq_readjust_exp(state_h);
-    dl_matrixq_check_sanity(state_h, "lstm state_h after exp readjust (should never see this)");
+    readjust(state_c, cell);
+    readjust(state_h, out);
 
-    dl_matrixq_free(gate.i);
-    dl_matrixq_free(gate.g);
-    dl_matrixq_free(gate.f);
-    dl_matrixq_free(gate.o);
     dl_matrixq_free(concat);
     dl_matrixq_free(out_data);
     return state_h;
