@@ -336,7 +336,11 @@ bool conv_sums_kernel(Isa isa, const Plane<T> &in, const Geo &g, const dl_matrix
 {
     if (isa == Isa::none) return false;
 #if DL_DSP_KERNELS
-    if (isa == Isa::dsp) return dl::dsp::conv_sums(in.item, in.w, in.h, in.c, g, filter->item, filter->n, sums);
+    // A pointwise layer over items as they stand is one product, which the
+    // product kernel does in fewer instructions than the window kernel.
+    const bool one_product = sums.items && positions_as_is(in) && one_by_one(g, padding);
+    if (isa == Isa::dsp && !one_product)
+        return dl::dsp::conv_sums(in.item, in.w, in.h, in.c, g, filter->item, filter->n, sums);
 #endif
     const int out_c = filter->n, K = g.kh * g.kw * in.c, P = g.wo * g.ho;
     auto conv = [](T v) { return static_cast<qtp_t>(item(v)); };
