@@ -126,6 +126,52 @@ INSTANTIATE_TEST_SUITE_P(Paths, QDotKernelTest,
                          testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
                          [](const auto &info) { return std::string(dl::isa_name(info.param)); });
 
+// A prepared right-hand operand gives the bits of the plain loop in every
+// product, one row (the layers' case, which only a prepared operand takes to
+// the pair kernel) or several, whatever its origin's stride; a copy of the
+// record that was reshaped or re-pointed is multiplied as a plain record.
+TEST(QDotPrepared, SameBitsAsPlainLoop)
+{
+    Rng rng(31);
+    for (int round = 0; round < 60; round++) {
+        const int M = round % 3 == 0 ? 1 : uniform(rng, 1, 40), K = uniform(rng, 0, round % 10 == 0 ? 600 : 70);
+        const int N = uniform(rng, 1, 40);
+        ItemBox a(rng, K, M, uniform(rng, 0, 2), uniform(rng, -20, 4)), b(rng, N, K, uniform(rng, 0, 3), -9);
+        MatrixqPtr prepared = own(dl_matrixq_prepare(&b.m));
+        ASSERT_TRUE(prepared);
+        ASSERT_EQ(prepared->flags, DL_MF_PREPARED);
+        ASSERT_EQ(prepared->exponent, -9);
+        ASSERT_EQ(dl::prepared_pairs(prepared.get()) != nullptr, dl::pairs_usable() && K > 0);
+        for (int x = 0; x < N; x++)
+            for (int y = 0; y < K; y++) ASSERT_EQ(prepared->itemq[y + prepared->stride * x], b.at(x, y));
+        const int shift = uniform(rng, 0, default_shift(K)), s = default_shift(K) - shift;
+        ItemBox want(N, M, 0), got(N, M, 1);
+        FloatBox fwant(N, M, 0), fgot(N, M, 2);
+        dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_items(&want.m, s));
+        dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_floats(&fwant.m, std::ldexp(1.0f, a.m.exponent - 9)));
+        dl_matrixq_dot(&a.m, prepared.get(), &got.m, shift);
+        dl_matrixq_dot_matrix_out(&a.m, prepared.get(), &fgot.m);
+        ASSERT_EQ(got.m.exponent, a.m.exponent - 9 + s);
+        for (int x = 0; x < N; x++)
+            for (int y = 0; y < M; y++) {
+                ASSERT_EQ(got.at(x, y), want.at(x, y)) << M << "x" << K << "x" << N << " at " << x << "," << y;
+                ASSERT_EQ(bits(fgot.at(x, y)), bits(fwant.at(x, y))) << M << "x" << K << "x" << N;
+            }
+        ASSERT_TRUE(got.margins_intact() && fgot.margins_intact());
+    }
+    // Copies of a prepared record that no longer describe its packing.
+    ItemBox b(rng, 9, 5, 0, 0);
+    MatrixqPtr prepared = own(dl_matrixq_prepare(&b.m));
+    dl_matrix2dq_t narrower = *prepared, moved = *prepared;
+    narrower.w = 4;
+    moved.itemq += 1;
+    moved.h = 4;
+    EXPECT_EQ(dl::prepared_pairs(&narrower), nullptr);
+    EXPECT_EQ(dl::prepared_pairs(&moved), nullptr);
+    MatrixqPtr view = own(dl_matrixq_slice(prepared.get(), 1, 0, 3, 5, nullptr));
+    EXPECT_EQ(view->flags, DL_MF_FOREIGNDATA);
+}
+
 struct QDotCase {
     const char *name;
     ItemBox a, b;

@@ -9,15 +9,17 @@ using dl::low16;
 using dl::pow2f;
 using dl::trunc_i32;
 
+// Columns of odd height get one spare slot, so every column starts on an
+// even item. INT32_MAX has no even neighbour in range; a matrix that tall
+// can only be empty, as its items would not be addressable, and keeps h.
+static int column_stride(int h) { return (h > 1 && (h & 1) && h < INT32_MAX) ? h + 1 : h; }
+
 dl_matrix2dq_t *dl_matrixq_alloc(int w, int h)
 {
     if (w < 0 || h < 0) return nullptr;
     auto *m = static_cast<dl_matrix2dq_t *>(dl::mem_calloc(1, sizeof(dl_matrix2dq_t)));
     if (!m) return nullptr;
-    // Columns of odd height get one spare slot, so every column starts on an
-    // even item. INT32_MAX has no even neighbour in range; a matrix that tall
-    // can only be empty, as its items would not be addressable, and keeps h.
-    const int stride = (h > 1 && (h & 1) && h < INT32_MAX) ? h + 1 : h;
+    const int stride = column_stride(h);
     m->itemq =
         static_cast<qtp_t *>(dl::mem_calloc(static_cast<size_t>(w) * static_cast<size_t>(stride), sizeof(qtp_t)));
     if (!m->itemq && w != 0 && stride != 0) {
@@ -32,7 +34,53 @@ dl_matrix2dq_t *dl_matrixq_alloc(int w, int h)
     return m;
 }
 
-void dl_matrixq_free(dl_matrix2dq_t *m) { dl::free_record(m); }
+void dl_matrixq_free(dl_matrix2dq_t *m)
+{
+    // A prepared record's items sit in the block that starts with its header.
+    if (m && (m->flags & DL_MF_PREPARED) && !(m->flags & DL_MF_FOREIGNDATA)) {
+        dl::mem_free(const_cast<dl::PreparedHeader *>(dl::prepared_header(m)));
+        dl::mem_free(m);
+        return;
+    }
+    dl::free_record(m);
+}
+
+dl_matrix2dq_t *dl_matrixq_prepare(const dl_matrix2dq_t *m)
+{
+    DL_ASSERT(m->w>=0 && m->h>=0);
+    const int stride = column_stride(m->h);
+    // The packed form starts on a 32-byte boundary of the block, past the
+    // items; it exists only where a kernel reads it. Sizes in 64 bits, so
+    // that a 32-bit target sees a block it cannot have.
+    const uint64_t items = static_cast<uint64_t>(m->w) * static_cast<uint64_t>(stride);
+    const uint64_t packed_at = (dl::kPreparedHeaderBytes + items * sizeof(qtp_t) + 31) / 32 * 32;
+    const uint64_t packed = dl::pairs_usable() ? dl::packed_pair_items(m) : 0;
+    const uint64_t bytes = packed_at + packed * sizeof(int16_t);
+    if (bytes > SIZE_MAX) return nullptr;
+    auto *r = static_cast<dl_matrix2dq_t *>(dl::mem_calloc(1, sizeof(dl_matrix2dq_t)));
+    if (!r) return nullptr;
+    auto *block = static_cast<unsigned char *>(dl::mem_calloc(1, static_cast<size_t>(bytes)));
+    if (!block) {
+        dl::mem_free(r);
+        return nullptr;
+    }
+    r->w = m->w;
+    r->h = m->h;
+    r->stride = stride;
+    r->flags = DL_MF_PREPARED;
+    r->exponent = m->exponent;
+    r->itemq = reinterpret_cast<qtp_t *>(block + dl::kPreparedHeaderBytes);
+    for (int x = 0; x < m->w; x++)
+        for (int y = 0; y < m->h; y++)
+            r->itemq[y + static_cast<size_t>(stride) * x] = m->itemq[y + static_cast<size_t>(m->stride) * x];
+    int16_t *pairs = nullptr;
+    if (packed) {
+        pairs = reinterpret_cast<int16_t *>(block + packed_at);
+        dl::pack_pairs(r, pairs);
+    }
+    *reinterpret_cast<dl::PreparedHeader *>(block) = {dl::kPreparedMagic, r->w, r->h, stride, r->itemq, pairs};
+    return r;
+}
 
 void dl_matrixq_zero(dl_matrix2dq_t *m)
 {
@@ -136,7 +184,7 @@ void dl_printmatrixq(const dl_matrix2dq_t *m)
     const fptp_t factor = pow2f(m->exponent);
     for (int y = 0; y < m->h; y++) {
         for (int x = 0; x < m->w; x++) {
-            qtp_t q = m->itemq[y + m->stride * x];
+            qtp_t q = m->itemq[y + static_cast<size_t>(m->stride) * x];
             printf("% 6d (% 3.2f)   ", q, static_cast<double>(static_cast<fptp_t>(q) * factor));
         }
         printf("\n");

@@ -64,11 +64,232 @@ struct Avx2 {
     }
 };
 
+// ---- Fixed-point products over pairs of k -----------------------------------
+//
+// a is split into bytes, a = 256 * hi + lo with lo from 0 to 255 and hi from
+// -128 to 127, and each row's bytes are paired as b is (kernels_internal.h):
+// word p of a row holds the bytes of a(2p, y) and a(2p + 1, y) in its two
+// halves. A multiply-add of a column group with a broadcast word gives, per
+// column, two products of at most 32768 * 255 in size, so kPairChunk pairs
+// sum in 32-bit lanes without overflow (-32768 items included). Each chunk's
+// lane sums are then widened to doubles as 256 * hi_sum + lo_sum: integers
+// below 2^53, so exact, and so is their total.
+
+constexpr int kPairChunk = 128;  // 128 * 2 * 32768 * 255 < 2^31
+
+// Word p of row y at lo[p * M + y] (and hi): pair after pair, so that the
+// words of a column-major a are made 16 rows at a time.
+void split_pairs(const dl_matrix2dq_t *a, int pairs, int32_t *lo, int32_t *hi)
+{
+    const int K = a->w, M = a->h;
+    const __m256i low_byte = _mm256_set1_epi16(0xff);
+    int p = 0;
+    if (M == 1 && a->stride == 1) {
+        // A contiguous row is its own pair words: 16 items give 8.
+        for (; 2 * p + 16 <= K; p += 8) {
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a->itemq + 2 * p));
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(lo + p), _mm256_and_si256(v, low_byte));
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(hi + p), _mm256_srai_epi16(v, 8));
+        }
+    }
+    for (; p < pairs; p++) {
+        const qtp_t *c0 = a->itemq + static_cast<size_t>(a->stride) * (2 * p);
+        const qtp_t *c1 = 2 * p + 1 < K ? c0 + a->stride : nullptr;
+        int32_t *l = lo + static_cast<size_t>(M) * p, *h = hi + static_cast<size_t>(M) * p;
+        int y = 0;
+        for (; y + 16 <= M; y += 16) {
+            // Interleaving two columns' items pairs rows 0-3 and 8-11 in
+            // one vector, 4-7 and 12-15 in the other: the halves are swapped
+            // back into row order.
+            const __m256i v0 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(c0 + y));
+            const __m256i v1 =
+                c1 ? _mm256_loadu_si256(reinterpret_cast<const __m256i *>(c1 + y)) : _mm256_setzero_si256();
+            const __m256i parts[2][2] = {{_mm256_and_si256(v0, low_byte), _mm256_and_si256(v1, low_byte)},
+                                         {_mm256_srai_epi16(v0, 8), _mm256_srai_epi16(v1, 8)}};
+            int32_t *dst[2] = {l + y, h + y};
+            for (int b = 0; b < 2; b++) {
+                const __m256i u0 = _mm256_unpacklo_epi16(parts[b][0], parts[b][1]);
+                const __m256i u1 = _mm256_unpackhi_epi16(parts[b][0], parts[b][1]);
+                _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst[b]), _mm256_permute2x128_si256(u0, u1, 0x20));
+                _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst[b] + 8), _mm256_permute2x128_si256(u0, u1, 0x31));
+            }
+        }
+        for (; y < M; y++) {
+            const int32_t v0 = c0[y], v1 = c1 ? c1[y] : 0;
+            l[y] = (v0 & 0xff) | ((v1 & 0xff) << 16);
+            h[y] = static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint16_t>(v0 >> 8)) |
+                                        (static_cast<uint32_t>(static_cast<uint16_t>(v1 >> 8)) << 16));
+        }
+    }
+}
+
+// 2^-s as a double, exact for the shifts a product can have.
+double pow2_neg(int s)
+{
+    const uint64_t bits = static_cast<uint64_t>(1023 - s) << 52;
+    double d;
+    memcpy(&d, &bits, sizeof d);
+    return d;
+}
+
+// The exact sums of row y, columns x0 .. x0 + 7 (lanes 0-3 in s[0], 4-7 in
+// s[1]) into out, as qdot_store would put them: shifted right rounding down
+// (a floor of the exact quotient by 2^shift) and saturated, or rounded once
+// to float and scaled.
+void pair_store(const QDotOut &out, const __m256d s[2], int y, int x0, int N)
+{
+    const int n = N - x0 < kPairLanes ? N - x0 : kPairLanes;
+    if (out.items) {
+        const __m256d scale = _mm256_set1_pd(pow2_neg(out.shift));
+        const __m256d top = _mm256_set1_pd(32767.0), bottom = _mm256_set1_pd(-32767.0);
+        __m128i q[2];
+        for (int h = 0; h < 2; h++) {
+            const __m256d v = _mm256_floor_pd(_mm256_mul_pd(s[h], scale));
+            q[h] = _mm256_cvttpd_epi32(_mm256_min_pd(_mm256_max_pd(v, bottom), top));
+        }
+        dl_matrix2dq_t *r = out.items;
+        if (r->stride == 1 && n == kPairLanes) {
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(r->itemq + y + x0), _mm_packs_epi32(q[0], q[1]));
+            return;
+        }
+        int32_t t[kPairLanes];
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(t), q[0]);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(t + 4), q[1]);
+        for (int i = 0; i < n; i++) r->itemq[y + static_cast<size_t>(r->stride) * (x0 + i)] = static_cast<qtp_t>(t[i]);
+    } else {
+        const __m256 f =
+            _mm256_mul_ps(_mm256_set_m128(_mm256_cvtpd_ps(s[1]), _mm256_cvtpd_ps(s[0])), _mm256_set1_ps(out.factor));
+        fptp_t *dst = out.floats->item + x0 + static_cast<size_t>(out.floats->stride) * y;
+        if (n == kPairLanes) _mm256_storeu_ps(dst, f);
+        else _mm256_maskstore_ps(dst, first8(n), f);
+    }
+}
+
+// MY rows of a from y0 times NG column groups of b from g0.
+template <int MY, int NG>
+void pair_tile(const int32_t *lo, const int32_t *hi, int pairs, const int16_t *packed, int g0, int y0, int M, int N,
+               const QDotOut &out)
+{
+    constexpr int W = 2 * kPairLanes;  // items of a group's pair
+    const int16_t *col[NG];
+#pragma GCC unroll 4
+    for (int j = 0; j < NG; j++) col[j] = packed + static_cast<size_t>(g0 + j) * pairs * W;
+    const int32_t *l = lo + y0, *h = hi + y0;  // word p of row y0 + i at [M * p + i]
+    __m256d sum[MY][NG][2];
+#pragma GCC unroll 4
+    for (int i = 0; i < MY; i++)
+#pragma GCC unroll 4
+        for (int j = 0; j < NG; j++) sum[i][j][0] = sum[i][j][1] = _mm256_setzero_pd();
+    for (int c0 = 0; c0 < pairs; c0 += kPairChunk) {
+        const int cend = pairs - c0 < kPairChunk ? pairs : c0 + kPairChunk;
+        __m256i acc_lo[MY][NG], acc_hi[MY][NG];
+#pragma GCC unroll 4
+        for (int i = 0; i < MY; i++)
+#pragma GCC unroll 4
+            for (int j = 0; j < NG; j++) acc_lo[i][j] = acc_hi[i][j] = _mm256_setzero_si256();
+        for (int p = c0; p < cend; p++) {
+            __m256i bv[NG];
+#pragma GCC unroll 4
+            for (int j = 0; j < NG; j++) bv[j] = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(col[j] + W * p));
+#pragma GCC unroll 4
+            for (int i = 0; i < MY; i++) {
+                const __m256i al = _mm256_set1_epi32(l[static_cast<size_t>(M) * p + i]);
+                const __m256i ah = _mm256_set1_epi32(h[static_cast<size_t>(M) * p + i]);
+#pragma GCC unroll 4
+                for (int j = 0; j < NG; j++) {
+                    acc_lo[i][j] = _mm256_add_epi32(acc_lo[i][j], _mm256_madd_epi16(bv[j], al));
+                    acc_hi[i][j] = _mm256_add_epi32(acc_hi[i][j], _mm256_madd_epi16(bv[j], ah));
+                }
+            }
+        }
+        const __m256d k256 = _mm256_set1_pd(256.0);
+#pragma GCC unroll 4
+        for (int i = 0; i < MY; i++)
+#pragma GCC unroll 4
+            for (int j = 0; j < NG; j++) {
+                const __m128i lo_half[2] = {_mm256_castsi256_si128(acc_lo[i][j]),
+                                            _mm256_extracti128_si256(acc_lo[i][j], 1)};
+                const __m128i hi_half[2] = {_mm256_castsi256_si128(acc_hi[i][j]),
+                                            _mm256_extracti128_si256(acc_hi[i][j], 1)};
+                for (int q = 0; q < 2; q++) {
+                    const __m256d chunk = _mm256_add_pd(_mm256_mul_pd(_mm256_cvtepi32_pd(hi_half[q]), k256),
+                                                        _mm256_cvtepi32_pd(lo_half[q]));
+                    sum[i][j][q] = _mm256_add_pd(sum[i][j][q], chunk);
+                }
+            }
+    }
+    for (int i = 0; i < MY; i++)
+        for (int j = 0; j < NG; j++) pair_store(out, sum[i][j], y0 + i, kPairLanes * (g0 + j), N);
+}
+
+// Tiles of eight accumulators: one row by four groups, four rows by one
+// group, or two by two, smaller at the edges.
+void pair_tiles(const int32_t *lo, const int32_t *hi, int pairs, const int16_t *packed, int M, int N,
+                const QDotOut &out)
+{
+    const int G = pair_groups(N);
+    const int ty = M == 1 ? 1 : G == 1 ? 4 : 2, tg = M == 1 ? 4 : G == 1 ? 1 : 2;
+    for (int g0 = 0; g0 < G; g0 += tg) {
+        const int ng = G - g0 < tg ? G - g0 : tg;
+        for (int y0 = 0; y0 < M; y0 += ty) {
+            const int my = M - y0 < ty ? M - y0 : ty;
+            switch (my * 8 + ng) {
+            case 8 + 1: pair_tile<1, 1>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
+            case 8 + 2: pair_tile<1, 2>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
+            case 8 + 3: pair_tile<1, 3>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
+            case 8 + 4: pair_tile<1, 4>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
+            case 16 + 1: pair_tile<2, 1>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
+            case 16 + 2: pair_tile<2, 2>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
+            case 24 + 1: pair_tile<3, 1>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
+            default: pair_tile<4, 1>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
+            }
+        }
+    }
+}
+
 }  // namespace
 
 bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res)
 {
     return simd::matrix_dot<Avx2>(a, b, res);
+}
+
+bool matrixq_dot_pairs(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const int16_t *packed, const QDotOut &out)
+{
+    const int M = a->h, K = a->w, N = b->w;
+    if (M <= 0 || N <= 0) return true;
+    const int pairs = pair_count(K);
+    // Scratch: a's pair words, and b packed unless it came packed. Small
+    // products keep it on the stack, out of the allocator's way.
+    const size_t words = 2 * static_cast<size_t>(pairs) * static_cast<size_t>(M);
+    const size_t pack_items = packed ? 0 : packed_pair_items(b);
+    int32_t word_local[2048];
+    int16_t pack_local[2048];
+    int32_t *word_heap = nullptr;
+    int16_t *pack_heap = nullptr;
+    if (words > sizeof word_local / sizeof word_local[0]) {
+        word_heap = static_cast<int32_t *>(dl::mem_calloc(words, sizeof(int32_t)));
+        if (!word_heap) return false;
+    }
+    if (pack_items > sizeof pack_local / sizeof pack_local[0]) {
+        pack_heap = static_cast<int16_t *>(dl::mem_calloc(pack_items, sizeof(int16_t)));
+        if (!pack_heap) {
+            dl::mem_free(word_heap);
+            return false;
+        }
+    }
+    int32_t *lo = word_heap ? word_heap : word_local;
+    int32_t *hi = lo + words / 2;
+    if (!packed) {
+        int16_t *dst = pack_heap ? pack_heap : pack_local;
+        pack_pairs(b, dst);
+        packed = dst;
+    }
+    split_pairs(a, pairs, lo, hi);
+    pair_tiles(lo, hi, pairs, packed, M, N, out);
+    dl::mem_free(pack_heap);
+    dl::mem_free(word_heap);
+    return true;
 }
 
 bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out)

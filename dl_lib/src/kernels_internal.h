@@ -12,6 +12,7 @@
 #ifndef DL_LIB_KERNELS_INTERNAL_H
 #define DL_LIB_KERNELS_INTERNAL_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "dl_lib_types.h"
@@ -74,6 +75,64 @@ void matrixq_dot_plain(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const Q
  * plain loop. The caller checks that isa is usable. */
 bool matrix_dot_kernel(Isa isa, const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res);
 bool matrixq_dot_kernel(Isa isa, const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out);
+
+/* ---- Products over pairs of k, vectorised across result columns ----------
+ *
+ * The right-hand operand b as pair words: for each group of kPairLanes
+ * columns and each pair p of rows (2p, 2p + 1), one vector of the group's
+ * columns, column by column, b(x, 2p) then b(x, 2p + 1); zero beyond b's
+ * rows and columns. Item (p, lane, j) of group g sits at
+ * ((g * pairs + p) * kPairLanes + lane) * 2 + j. One multiply-add of a
+ * column group by a broadcast pair of a's bytes then serves kPairLanes
+ * result items, with no horizontal sum. */
+constexpr int kPairLanes = 8;
+
+static inline int pair_count(int k) { return k / 2 + (k & 1); }
+static inline int pair_groups(int n) { return n / kPairLanes + (n % kPairLanes != 0); }
+
+/* Items of b's packed form. */
+static inline size_t packed_pair_items(const dl_matrix2dq_t *b)
+{
+    return static_cast<size_t>(pair_groups(b->w)) * static_cast<size_t>(pair_count(b->h)) * (2 * kPairLanes);
+}
+
+/* Writes b's packed form to dst (packed_pair_items(b) items). */
+void pack_pairs(const dl_matrix2dq_t *b, int16_t *dst);
+
+/* A record made by dl_matrixq_prepare is one block: this header, its items,
+ * then the packed form (when this processor has the kernel that reads it).
+ * The header repeats the record's shape and item pointer, so that a copy of
+ * the record that was reshaped, or pointed elsewhere, is not taken for the
+ * record the packing describes. */
+struct PreparedHeader {
+    uint32_t magic;
+    int w, h, stride;
+    const qtp_t *items;
+    const int16_t *pairs;  // the packed form, or null
+};
+constexpr uint32_t kPreparedMagic = 0x70616972u;
+constexpr size_t kPreparedHeaderBytes = 64;  // keeps the items 64-byte aligned within the block
+static_assert(sizeof(PreparedHeader) <= kPreparedHeaderBytes, "header fits before the items");
+
+static inline const PreparedHeader *prepared_header(const dl_matrix2dq_t *m)
+{
+    if (!(m->flags & DL_MF_PREPARED) || !m->itemq) return nullptr;
+    return reinterpret_cast<const PreparedHeader *>(reinterpret_cast<const unsigned char *>(m->itemq) -
+                                                    kPreparedHeaderBytes);
+}
+
+/* b's packed form when b is a prepared record as it was made, else null. */
+static inline const int16_t *prepared_pairs(const dl_matrix2dq_t *b)
+{
+    const PreparedHeader *p = prepared_header(b);
+    if (!p || p->magic != kPreparedMagic || p->items != b->itemq || p->w != b->w || p->h != b->h ||
+        p->stride != b->stride)
+        return nullptr;
+    return p->pairs;
+}
+
+/* Whether the pair kernel runs here: dl_matrixq_prepare packs only then. */
+bool pairs_usable();
 
 /* The DSP kernel: always succeeds where it is built in. */
 namespace dsp {
