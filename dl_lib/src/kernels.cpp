@@ -105,6 +105,32 @@ void pack_pairs(const dl_matrix2dq_t *b, int16_t *dst)
     }
 }
 
+bool activation_kernel(Isa isa, [[maybe_unused]] Activation act, [[maybe_unused]] const fptp_t *in,
+                       [[maybe_unused]] fptp_t *out, [[maybe_unused]] int n)
+{
+#if DL_X86_KERNELS
+    if (isa == Isa::avx2 || isa == Isa::avx512) {
+        avx2::activation(act, in, out, n);
+        return true;
+    }
+#endif
+    (void)isa;
+    return false;
+}
+
+bool activation_q15_kernel(Isa isa, [[maybe_unused]] Activation act, [[maybe_unused]] const qtp_t *in,
+                           [[maybe_unused]] qtp_t *out, [[maybe_unused]] int n, [[maybe_unused]] int s)
+{
+#if DL_X86_KERNELS
+    if ((isa == Isa::avx2 || isa == Isa::avx512) && s < 16) {
+        avx2::activation_q15(act, in, out, n, s);
+        return true;
+    }
+#endif
+    (void)isa;
+    return false;
+}
+
 bool pairs_usable()
 {
 #if DL_X86_KERNELS

@@ -134,6 +134,24 @@ static inline const int16_t *prepared_pairs(const dl_matrix2dq_t *b)
 /* Whether the pair kernel runs here: dl_matrixq_prepare packs only then. */
 bool pairs_usable();
 
+/* ---- Activations ---------------------------------------------------------
+ *
+ * The sigmoid and tanh over one run of n contiguous items, in may be out,
+ * with the bits of dl_sigmoid_op / dl_tanh_op and of dl_sigmoid_op_q /
+ * dl_tanh_op_q. The Q15 forms take items aligned as the matrix functions
+ * align them, by s = exponent + 15: left for s from 1 to 15, right (at most
+ * 31) for s <= 0; the caller runs the scalar ops for larger s. False, with
+ * nothing written, when isa has no such kernel. */
+enum class Activation { sigmoid, tanh };
+
+bool activation_kernel(Isa isa, Activation act, const fptp_t *in, fptp_t *out, int n);
+bool activation_q15_kernel(Isa isa, Activation act, const qtp_t *in, qtp_t *out, int n, int s);
+
+namespace avx2 {
+void activation(Activation act, const fptp_t *in, fptp_t *out, int n);
+void activation_q15(Activation act, const qtp_t *in, qtp_t *out, int n, int s);
+}  // namespace avx2
+
 /* The DSP kernel: always succeeds where it is built in. */
 namespace dsp {
 bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut &out);
