@@ -159,6 +159,26 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
             }
         ASSERT_TRUE(got.margins_intact() && fgot.margins_intact());
     }
+    // The largest products over one chunk of 32-bit lane sums and just
+    // beyond it, one row (float results show a lost 2^32 at once).
+    const int corner[][2] = {{32767, -32768}, {-32768, -32768}, {-32767, 32767}, {255, -32768}, {-32513, -32768}};
+    for (const int K : {255, 256, 258, 513})
+        for (const auto &c : corner) {
+            ItemBox a(K, 1, 0), b(9, K, 1);
+            a.each([&](int) { return c[0]; });
+            b.each([&](int) { return c[1]; });
+            MatrixqPtr p = own(dl_matrixq_prepare(&b.m));
+            FloatBox got(9, 1, 0), want(9, 1, 0);
+            ItemBox items(9, 1, 0), want_items(9, 1, 0);
+            dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_floats(&want.m, 1.0f));
+            dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_items(&want_items.m, 20));
+            dl_matrixq_dot_matrix_out(&a.m, p.get(), &got.m);
+            dl_matrixq_dot(&a.m, p.get(), &items.m, default_shift(K) - 20);
+            for (int x = 0; x < 9; x++) {
+                ASSERT_EQ(got.at(x, 0), want.at(x, 0)) << c[0] << " " << c[1] << " K " << K;
+                ASSERT_EQ(items.at(x, 0), want_items.at(x, 0)) << c[0] << " " << c[1] << " K " << K;
+            }
+        }
     // Copies of a prepared record that no longer describe its packing.
     ItemBox b(rng, 9, 5, 0, 0);
     MatrixqPtr prepared = own(dl_matrixq_prepare(&b.m));

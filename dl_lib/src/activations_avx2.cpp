@@ -1,7 +1,6 @@
 // The sigmoid and tanh for processors with AVX2, eight items at a time, with
 // the bits of the scalar ops in activations.cpp: the same integer and float
-// operations, each rounded as there (double where the op uses double), and
-// lanes the fast form cannot settle handed to the scalar op itself. Built
+// operations, each rounded as there (double where the op uses double). Built
 // with -mavx2 for this file alone (no -mfma: nothing may fuse), and run only
 // after the run-time check in kernels.cpp.
 #if defined(__x86_64__)
@@ -38,6 +37,8 @@ __m256 lookup(const float *table, __m256i i)
     return _mm256_blendv_ps(low, high, _mm256_castsi256_ps(_mm256_cmpgt_epi32(i, _mm256_set1_epi32(7))));
 }
 
+__m256 sigmoid(__m256 x);
+
 // ---- Q15 -----------------------------------------------------------------
 
 // dl_sigmoid_op_q of lanes within +-2^30.
@@ -59,53 +60,19 @@ __m256i sigmoid_q15(__m256i x)
     return _mm256_blendv_epi8(r, _mm256_sub_epi32(_mm256_set1_epi32(32767), r), negative);
 }
 
-// tanh_q15_of_sigmoid of activations.cpp: the Q15 tanh from the sigmoid s,
-// complemented first for a negative argument.
-__m256i tanh_of_sigmoid(__m256 s, __m256 negative)
-{
-    const __m256 one = _mm256_set1_ps(1.0f);
-    s = _mm256_blendv_ps(s, _mm256_sub_ps(one, s), negative);
-    return _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_set1_ps(32767.0f), _mm256_sub_ps(_mm256_add_ps(s, s), one)));
-}
-
-// dl_tanh_op_q of lanes within +-2^30, x also as stored in `lanes`: the
-// float interpolation where its margin settles the item, the scalar op for
-// the few lanes where it does not.
-__m256i tanh_q15(__m256i x, const int32_t *lanes)
-{
-    const __m256 a = _mm256_div_ps(_mm256_cvtepi32_ps(x), _mm256_set1_ps(32767.0f));
-    const __m256 y = _mm256_add_ps(a, a);
-    const __m256 negative = _mm256_cmp_ps(_mm256_setzero_ps(), y, _CMP_GT_OQ);
-    const __m256 t =
-        _mm256_div_ps(_mm256_blendv_ps(y, _mm256_sub_ps(_mm256_setzero_ps(), y), negative), _mm256_set1_ps(0.5f));
-    const __m256i i = _mm256_cvttps_epi32(t);
-    // From entry 15 on the sigmoid is 1.0 (0.0 for a negative argument):
-    // the items +-32767.
-    const __m256i flat = _mm256_cmpgt_epi32(i, _mm256_set1_epi32(14));
-    const __m256i idx = _mm256_andnot_si256(flat, i);
-    const __m256 f = _mm256_sub_ps(t, _mm256_cvtepi32_ps(idx));
-    const __m256 s = _mm256_add_ps(_mm256_mul_ps(lookup(kSteps, _mm256_add_epi32(idx, _mm256_set1_epi32(1))), f),
-                                   _mm256_mul_ps(lookup(kSteps, idx), _mm256_sub_ps(_mm256_set1_ps(1.0f), f)));
-    const __m256 margin = _mm256_set1_ps(1.0f / 4194304.0f);  // 2^-22, as the scalar op
-    const __m256i below = tanh_of_sigmoid(_mm256_sub_ps(s, margin), negative);
-    const __m256i above = tanh_of_sigmoid(_mm256_add_ps(s, margin), negative);
-    const __m256i ends =
-        _mm256_blendv_epi8(_mm256_set1_epi32(32767), _mm256_set1_epi32(-32767), _mm256_castps_si256(negative));
-    __m256i r = _mm256_blendv_epi8(below, ends, flat);
-    const int unsettled = _mm256_movemask_ps(_mm256_castsi256_ps(
-        _mm256_andnot_si256(_mm256_or_si256(flat, _mm256_cmpeq_epi32(below, above)), _mm256_set1_epi32(-1))));
-    if (unsettled) {
-        alignas(32) int32_t out[8];
-        _mm256_store_si256(reinterpret_cast<__m256i *>(out), r);
-        for (int lane = 0; lane < 8; lane++)
-            if (unsettled & (1 << lane)) out[lane] = dl_tanh_op_q(lanes[lane]);
-        r = _mm256_load_si256(reinterpret_cast<const __m256i *>(out));
-    }
-    return r;
-}
-
 // Items aligned to Q15 by s (left for s > 0, at most 15; right, at most 31,
 // for s <= 0), through op, and back to items (the low 16 bits).
+// dl_tanh_op_q of lanes within +-2^30: 32767 times dl_tanh_op of x / 32767,
+// truncated. (The scalar op reaches most items by a shorter float form that
+// gives the same item; here the defining form costs no more.)
+__m256i tanh_q15(__m256i x)
+{
+    const __m256 a = _mm256_div_ps(_mm256_cvtepi32_ps(x), _mm256_set1_ps(32767.0f));
+    const __m256 s = sigmoid(_mm256_add_ps(a, a));
+    const __m256 tanh = _mm256_sub_ps(_mm256_add_ps(s, s), _mm256_set1_ps(1.0f));
+    return _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_set1_ps(32767.0f), tanh));
+}
+
 template <class Op>
 void map_q15(const qtp_t *in, qtp_t *out, int n, int s, Op op)
 {
@@ -120,9 +87,7 @@ void map_q15(const qtp_t *in, qtp_t *out, int n, int s, Op op)
         }
         const __m256i v = _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(src)));
         const __m256i x = _mm256_sra_epi32(_mm256_sll_epi32(v, left), right);
-        alignas(32) int32_t lanes[8];
-        _mm256_store_si256(reinterpret_cast<__m256i *>(lanes), x);
-        const __m256i r = op(x, lanes);
+        const __m256i r = op(x);
         // The low 16 bits of each lane, in order.
         const __m256i packed =
             _mm256_shuffle_epi8(r, _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1, 0, 1, 4,
@@ -184,8 +149,8 @@ void map_floats(const fptp_t *in, fptp_t *out, int n, Op op)
 
 void activation_q15(Activation act, const qtp_t *in, qtp_t *out, int n, int s)
 {
-    if (act == Activation::sigmoid) map_q15(in, out, n, s, [](__m256i x, const int32_t *) { return sigmoid_q15(x); });
-    else map_q15(in, out, n, s, [](__m256i x, const int32_t *lanes) { return tanh_q15(x, lanes); });
+    if (act == Activation::sigmoid) map_q15(in, out, n, s, sigmoid_q15);
+    else map_q15(in, out, n, s, tanh_q15);
 }
 
 void activation(Activation act, const fptp_t *in, fptp_t *out, int n)

@@ -96,10 +96,13 @@ void pack_pairs(const dl_matrix2dq_t *b, int16_t *dst)
         const int n = N - x0 < kPairLanes ? N - x0 : kPairLanes;
         for (int p = 0; p < pairs; p++) {
             const int k = 2 * p;
-            for (int lane = 0; lane < kPairLanes; lane++, dst += 2) {
-                const qtp_t *col = b->itemq + static_cast<size_t>(b->stride) * (x0 + (lane < n ? lane : 0));
-                dst[0] = lane < n ? col[k] : 0;
-                dst[1] = lane < n && k + 1 < K ? col[k + 1] : 0;
+            for (int plane = 0; plane < 2; plane++) {
+                for (int lane = 0; lane < kPairLanes; lane++, dst += 2) {
+                    const qtp_t *col = b->itemq + static_cast<size_t>(b->stride) * (x0 + (lane < n ? lane : 0));
+                    const int32_t v0 = lane < n ? col[k] : 0, v1 = lane < n && k + 1 < K ? col[k + 1] : 0;
+                    dst[0] = static_cast<int16_t>(plane ? v0 >> 8 : v0 & 0xff);
+                    dst[1] = static_cast<int16_t>(plane ? v1 >> 8 : v1 & 0xff);
+                }
             }
         }
     }

@@ -66,36 +66,32 @@ struct Avx2 {
 
 // ---- Fixed-point products over pairs of k -----------------------------------
 //
-// a is split into bytes, a = 256 * hi + lo with lo from 0 to 255 and hi from
-// -128 to 127, and each row's bytes are paired as b is (kernels_internal.h):
-// word p of a row holds the bytes of a(2p, y) and a(2p + 1, y) in its two
-// halves. A multiply-add of a column group with a broadcast word gives, per
+// b comes packed in bytes (kernels_internal.h), and a's items are paired:
+// word p of row y holds a(2p, y) and a(2p + 1, y) in its two halves. A
+// multiply-add of a broadcast word with a plane of a column group gives, per
 // column, two products of at most 32768 * 255 in size, so kPairChunk pairs
 // sum in 32-bit lanes without overflow (-32768 items included). Each chunk's
-// lane sums are then widened to doubles as 256 * hi_sum + lo_sum: integers
-// below 2^53, so exact, and so is their total.
+// lane sums are then widened to doubles as 256 * high_sum + low_sum:
+// integers below 2^53, so exact, and so is their total.
 
 constexpr int kPairChunk = 128;  // 128 * 2 * 32768 * 255 < 2^31
 
-// Word p of row y at lo[p * M + y] (and hi): pair after pair, so that the
-// words of a column-major a are made 16 rows at a time.
-void split_pairs(const dl_matrix2dq_t *a, int pairs, int32_t *lo, int32_t *hi)
+// Word p of row y at words[p * M + y]: pair after pair, so that the words of
+// a column-major a are made 16 rows at a time.
+void pair_words(const dl_matrix2dq_t *a, int pairs, int32_t *words)
 {
     const int K = a->w, M = a->h;
-    const __m256i low_byte = _mm256_set1_epi16(0xff);
-    int p = 0;
+    if (pairs == 0) return;
     if (M == 1 && a->stride == 1) {
-        // A contiguous row is its own pair words: 16 items give 8.
-        for (; 2 * p + 16 <= K; p += 8) {
-            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(a->itemq + 2 * p));
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(lo + p), _mm256_and_si256(v, low_byte));
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(hi + p), _mm256_srai_epi16(v, 8));
-        }
+        // A contiguous row is its own words; an odd one ends on a zero.
+        words[pairs - 1] = 0;
+        memcpy(words, a->itemq, sizeof(qtp_t) * static_cast<size_t>(K));
+        return;
     }
-    for (; p < pairs; p++) {
+    for (int p = 0; p < pairs; p++) {
         const qtp_t *c0 = a->itemq + static_cast<size_t>(a->stride) * (2 * p);
         const qtp_t *c1 = 2 * p + 1 < K ? c0 + a->stride : nullptr;
-        int32_t *l = lo + static_cast<size_t>(M) * p, *h = hi + static_cast<size_t>(M) * p;
+        int32_t *w = words + static_cast<size_t>(M) * p;
         int y = 0;
         for (; y + 16 <= M; y += 16) {
             // Interleaving two columns' items pairs rows 0-3 and 8-11 in
@@ -104,22 +100,13 @@ void split_pairs(const dl_matrix2dq_t *a, int pairs, int32_t *lo, int32_t *hi)
             const __m256i v0 = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(c0 + y));
             const __m256i v1 =
                 c1 ? _mm256_loadu_si256(reinterpret_cast<const __m256i *>(c1 + y)) : _mm256_setzero_si256();
-            const __m256i parts[2][2] = {{_mm256_and_si256(v0, low_byte), _mm256_and_si256(v1, low_byte)},
-                                         {_mm256_srai_epi16(v0, 8), _mm256_srai_epi16(v1, 8)}};
-            int32_t *dst[2] = {l + y, h + y};
-            for (int b = 0; b < 2; b++) {
-                const __m256i u0 = _mm256_unpacklo_epi16(parts[b][0], parts[b][1]);
-                const __m256i u1 = _mm256_unpackhi_epi16(parts[b][0], parts[b][1]);
-                _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst[b]), _mm256_permute2x128_si256(u0, u1, 0x20));
-                _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst[b] + 8), _mm256_permute2x128_si256(u0, u1, 0x31));
-            }
+            const __m256i u0 = _mm256_unpacklo_epi16(v0, v1), u1 = _mm256_unpackhi_epi16(v0, v1);
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(w + y), _mm256_permute2x128_si256(u0, u1, 0x20));
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(w + y + 8), _mm256_permute2x128_si256(u0, u1, 0x31));
         }
-        for (; y < M; y++) {
-            const int32_t v0 = c0[y], v1 = c1 ? c1[y] : 0;
-            l[y] = (v0 & 0xff) | ((v1 & 0xff) << 16);
-            h[y] = static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint16_t>(v0 >> 8)) |
-                                        (static_cast<uint32_t>(static_cast<uint16_t>(v1 >> 8)) << 16));
-        }
+        for (; y < M; y++)
+            w[y] = static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint16_t>(c0[y])) |
+                                        (static_cast<uint32_t>(static_cast<uint16_t>(c1 ? c1[y] : 0)) << 16));
     }
 }
 
@@ -165,16 +152,59 @@ void pair_store(const QDotOut &out, const __m256d s[2], int y, int x0, int N)
     }
 }
 
+// The same from the lane sums of one chunk, low and high, whose exact sum
+// is 256 * high + low. A shift of 8 or more is taken in 32 bits: the floor
+// of the sum by 2^shift is that of high + floor(low / 256) by 2^(shift - 8),
+// which cannot overflow. A float is converted from 32 bits where the sum
+// fits them (the same single rounding); other sums go through doubles.
+void pair_store32(const QDotOut &out, __m256i low, __m256i high, int y, int x0, int N)
+{
+    if (out.items && out.shift >= 8 && out.shift - 8 < 32) {
+        const __m256i v =
+            _mm256_sra_epi32(_mm256_add_epi32(high, _mm256_srai_epi32(low, 8)), _mm_cvtsi32_si128(out.shift - 8));
+        const __m256i q = _mm256_min_epi32(_mm256_max_epi32(v, _mm256_set1_epi32(-32767)), _mm256_set1_epi32(32767));
+        dl_matrix2dq_t *r = out.items;
+        const int n = N - x0 < kPairLanes ? N - x0 : kPairLanes;
+        if (r->stride == 1 && n == kPairLanes) {
+            const __m128i items = _mm_packs_epi32(_mm256_castsi256_si128(q), _mm256_extracti128_si256(q, 1));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(r->itemq + y + x0), items);
+            return;
+        }
+        alignas(32) int32_t t[kPairLanes];
+        _mm256_store_si256(reinterpret_cast<__m256i *>(t), q);
+        for (int i = 0; i < n; i++) r->itemq[y + static_cast<size_t>(r->stride) * (x0 + i)] = static_cast<qtp_t>(t[i]);
+        return;
+    }
+    // |high| < 2^22 and |low| < 2^30 keep 256 * high + low within 32 bits.
+    const __m256i big = _mm256_or_si256(_mm256_cmpgt_epi32(_mm256_abs_epi32(high), _mm256_set1_epi32((1 << 22) - 1)),
+                                        _mm256_cmpgt_epi32(_mm256_abs_epi32(low), _mm256_set1_epi32((1 << 30) - 1)));
+    if (!out.items && _mm256_testz_si256(big, big)) {
+        const __m256 f = _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_add_epi32(_mm256_slli_epi32(high, 8), low)),
+                                       _mm256_set1_ps(out.factor));
+        const int n = N - x0 < kPairLanes ? N - x0 : kPairLanes;
+        fptp_t *dst = out.floats->item + x0 + static_cast<size_t>(out.floats->stride) * y;
+        if (n == kPairLanes) _mm256_storeu_ps(dst, f);
+        else _mm256_maskstore_ps(dst, first8(n), f);
+        return;
+    }
+    const __m256d k256 = _mm256_set1_pd(256.0);
+    __m256d s[2];
+    for (int q = 0; q < 2; q++) {
+        const __m128i l = q ? _mm256_extracti128_si256(low, 1) : _mm256_castsi256_si128(low);
+        const __m128i h = q ? _mm256_extracti128_si256(high, 1) : _mm256_castsi256_si128(high);
+        s[q] = _mm256_add_pd(_mm256_mul_pd(_mm256_cvtepi32_pd(h), k256), _mm256_cvtepi32_pd(l));
+    }
+    pair_store(out, s, y, x0, N);
+}
+
 // MY rows of a from y0 times NG column groups of b from g0.
 template <int MY, int NG>
-void pair_tile(const int32_t *lo, const int32_t *hi, int pairs, const int16_t *packed, int g0, int y0, int M, int N,
-               const QDotOut &out)
+void pair_tile(const int32_t *words, int pairs, const int16_t *packed, int g0, int y0, int M, int N, const QDotOut &out)
 {
-    constexpr int W = 2 * kPairLanes;  // items of a group's pair
-    const int16_t *col[NG];
+    constexpr int V = 2 * kPairLanes;  // items of a vector
+    const int16_t *group[NG];
 #pragma GCC unroll 4
-    for (int j = 0; j < NG; j++) col[j] = packed + static_cast<size_t>(g0 + j) * pairs * W;
-    const int32_t *l = lo + y0, *h = hi + y0;  // word p of row y0 + i at [M * p + i]
+    for (int j = 0; j < NG; j++) group[j] = packed + static_cast<size_t>(g0 + j) * pairs * (2 * V);
     __m256d sum[MY][NG][2];
 #pragma GCC unroll 4
     for (int i = 0; i < MY; i++)
@@ -188,19 +218,26 @@ void pair_tile(const int32_t *lo, const int32_t *hi, int pairs, const int16_t *p
 #pragma GCC unroll 4
             for (int j = 0; j < NG; j++) acc_lo[i][j] = acc_hi[i][j] = _mm256_setzero_si256();
         for (int p = c0; p < cend; p++) {
-            __m256i bv[NG];
-#pragma GCC unroll 4
-            for (int j = 0; j < NG; j++) bv[j] = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(col[j] + W * p));
+            const int32_t *w = words + static_cast<size_t>(M) * p + y0;
 #pragma GCC unroll 4
             for (int i = 0; i < MY; i++) {
-                const __m256i al = _mm256_set1_epi32(l[static_cast<size_t>(M) * p + i]);
-                const __m256i ah = _mm256_set1_epi32(h[static_cast<size_t>(M) * p + i]);
+                const __m256i aw = _mm256_set1_epi32(w[i]);
 #pragma GCC unroll 4
                 for (int j = 0; j < NG; j++) {
-                    acc_lo[i][j] = _mm256_add_epi32(acc_lo[i][j], _mm256_madd_epi16(bv[j], al));
-                    acc_hi[i][j] = _mm256_add_epi32(acc_hi[i][j], _mm256_madd_epi16(bv[j], ah));
+                    const int16_t *planes = group[j] + 2 * V * p;
+                    const __m256i lo = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(planes));
+                    const __m256i hi = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(planes + V));
+                    acc_lo[i][j] = _mm256_add_epi32(acc_lo[i][j], _mm256_madd_epi16(lo, aw));
+                    acc_hi[i][j] = _mm256_add_epi32(acc_hi[i][j], _mm256_madd_epi16(hi, aw));
                 }
             }
+        }
+        if (pairs <= kPairChunk) {
+            // One chunk: its sums go out from the 32-bit lanes.
+            for (int i = 0; i < MY; i++)
+                for (int j = 0; j < NG; j++)
+                    pair_store32(out, acc_lo[i][j], acc_hi[i][j], y0 + i, kPairLanes * (g0 + j), N);
+            return;
         }
         const __m256d k256 = _mm256_set1_pd(256.0);
 #pragma GCC unroll 4
@@ -224,24 +261,23 @@ void pair_tile(const int32_t *lo, const int32_t *hi, int pairs, const int16_t *p
 
 // Tiles of eight accumulators: one row by four groups, four rows by one
 // group, or two by two, smaller at the edges.
-void pair_tiles(const int32_t *lo, const int32_t *hi, int pairs, const int16_t *packed, int M, int N,
-                const QDotOut &out)
+void pair_tiles(const int32_t *words, int pairs, const int16_t *packed, int M, int N, const QDotOut &out)
 {
     const int G = pair_groups(N);
-    const int ty = M == 1 ? 1 : G == 1 ? 4 : 2, tg = M == 1 ? 4 : G == 1 ? 1 : 2;
+    const int ty = M == 1 ? 1 : G == 1 ? 4 : 2, tg = M == 1 ? 2 : G == 1 ? 1 : 2;
     for (int g0 = 0; g0 < G; g0 += tg) {
         const int ng = G - g0 < tg ? G - g0 : tg;
         for (int y0 = 0; y0 < M; y0 += ty) {
             const int my = M - y0 < ty ? M - y0 : ty;
             switch (my * 8 + ng) {
-            case 8 + 1: pair_tile<1, 1>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
-            case 8 + 2: pair_tile<1, 2>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
-            case 8 + 3: pair_tile<1, 3>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
-            case 8 + 4: pair_tile<1, 4>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
-            case 16 + 1: pair_tile<2, 1>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
-            case 16 + 2: pair_tile<2, 2>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
-            case 24 + 1: pair_tile<3, 1>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
-            default: pair_tile<4, 1>(lo, hi, pairs, packed, g0, y0, M, N, out); break;
+            case 8 + 1: pair_tile<1, 1>(words, pairs, packed, g0, y0, M, N, out); break;
+            case 8 + 2: pair_tile<1, 2>(words, pairs, packed, g0, y0, M, N, out); break;
+            case 8 + 3: pair_tile<1, 3>(words, pairs, packed, g0, y0, M, N, out); break;
+            case 8 + 4: pair_tile<1, 4>(words, pairs, packed, g0, y0, M, N, out); break;
+            case 16 + 1: pair_tile<2, 1>(words, pairs, packed, g0, y0, M, N, out); break;
+            case 16 + 2: pair_tile<2, 2>(words, pairs, packed, g0, y0, M, N, out); break;
+            case 24 + 1: pair_tile<3, 1>(words, pairs, packed, g0, y0, M, N, out); break;
+            default: pair_tile<4, 1>(words, pairs, packed, g0, y0, M, N, out); break;
             }
         }
     }
@@ -261,10 +297,10 @@ bool matrixq_dot_pairs(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const i
     const int pairs = pair_count(K);
     // Scratch: a's pair words, and b packed unless it came packed. Small
     // products keep it on the stack, out of the allocator's way.
-    const size_t words = 2 * static_cast<size_t>(pairs) * static_cast<size_t>(M);
+    const size_t words = static_cast<size_t>(pairs) * static_cast<size_t>(M);
     const size_t pack_items = packed ? 0 : packed_pair_items(b);
-    int32_t word_local[2048];
-    int16_t pack_local[2048];
+    int32_t word_local[1024];
+    int16_t pack_local[4096];
     int32_t *word_heap = nullptr;
     int16_t *pack_heap = nullptr;
     if (words > sizeof word_local / sizeof word_local[0]) {
@@ -278,15 +314,14 @@ bool matrixq_dot_pairs(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const i
             return false;
         }
     }
-    int32_t *lo = word_heap ? word_heap : word_local;
-    int32_t *hi = lo + words / 2;
+    int32_t *w = word_heap ? word_heap : word_local;
     if (!packed) {
         int16_t *dst = pack_heap ? pack_heap : pack_local;
         pack_pairs(b, dst);
         packed = dst;
     }
-    split_pairs(a, pairs, lo, hi);
-    pair_tiles(lo, hi, pairs, packed, M, N, out);
+    pair_words(a, pairs, w);
+    pair_tiles(w, pairs, packed, M, N, out);
     dl::mem_free(pack_heap);
     dl::mem_free(word_heap);
     return true;

@@ -78,13 +78,15 @@ bool matrixq_dot_kernel(Isa isa, const dl_matrix2dq_t *a, const dl_matrix2dq_t *
 
 /* ---- Products over pairs of k, vectorised across result columns ----------
  *
- * The right-hand operand b as pair words: for each group of kPairLanes
- * columns and each pair p of rows (2p, 2p + 1), one vector of the group's
- * columns, column by column, b(x, 2p) then b(x, 2p + 1); zero beyond b's
- * rows and columns. Item (p, lane, j) of group g sits at
- * ((g * pairs + p) * kPairLanes + lane) * 2 + j. One multiply-add of a
- * column group by a broadcast pair of a's bytes then serves kPairLanes
- * result items, with no horizontal sum. */
+ * The right-hand operand b in bytes, b = 256 * high + low with low from 0 to
+ * 255 and high from -128 to 127, packed as pair words: for each group of
+ * kPairLanes columns and each pair p of rows (2p, 2p + 1), one vector of the
+ * low bytes, then one of the high bytes, each holding the group's columns
+ * one after the other as byte(x, 2p), byte(x, 2p + 1); zero beyond b's rows
+ * and columns. Item (lane, j) of plane q (0 low, 1 high) of pair p of group
+ * g sits at (((g * pairs + p) * 2 + q) * kPairLanes + lane) * 2 + j. One
+ * multiply-add of such a vector by a broadcast pair of a's items then serves
+ * kPairLanes result items, with no horizontal sum. */
 constexpr int kPairLanes = 8;
 
 static inline int pair_count(int k) { return k / 2 + (k & 1); }
@@ -93,7 +95,7 @@ static inline int pair_groups(int n) { return n / kPairLanes + (n % kPairLanes !
 /* Items of b's packed form. */
 static inline size_t packed_pair_items(const dl_matrix2dq_t *b)
 {
-    return static_cast<size_t>(pair_groups(b->w)) * static_cast<size_t>(pair_count(b->h)) * (2 * kPairLanes);
+    return static_cast<size_t>(pair_groups(b->w)) * static_cast<size_t>(pair_count(b->h)) * (4 * kPairLanes);
 }
 
 /* Writes b's packed form to dst (packed_pair_items(b) items). */
