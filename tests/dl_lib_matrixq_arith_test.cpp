@@ -192,6 +192,38 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
     EXPECT_EQ(view->flags, DL_MF_FOREIGNDATA);
 }
 
+// The element-wise sum kernel against its definition, for every kind,
+// halving or saturating, every alignment shift, on items with the extremes
+// well represented and in runs that leave every tail length.
+class AddItemsKernelTest : public testing::TestWithParam<dl::Isa> {};
+
+TEST_P(AddItemsKernelTest, SameAsDefinition)
+{
+    const dl::Isa isa = GetParam();
+    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
+    Rng rng(41);
+    std::vector<qtp_t> hi(200), lo(200), out(200);
+    for (int kind = 0; kind < 3; kind++)
+        for (bool halve : {false, true})
+            for (int k = 0; k <= 31; k++) {
+                const int n = uniform(rng, 0, 200);
+                for (int i = 0; i < n; i++) {
+                    hi[i] = any_item(rng);
+                    lo[i] = any_item(rng);
+                }
+                ASSERT_TRUE(dl::add_items_kernel(isa, hi.data(), lo.data(), out.data(), n, k, kind, halve));
+                for (int i = 0; i < n; i++) {
+                    const int32_t p = hi[i], q = lo[i] >> k;
+                    const int32_t t = kind == 0 ? p + q : kind == 1 ? p - q : q - p;
+                    ASSERT_EQ(out[i], halve ? t >> 1 : clamp(t)) << dl::isa_name(isa) << " kind " << kind << " halve "
+                                                                 << halve << " k " << k << ": " << p << ", " << lo[i];
+                }
+            }
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, AddItemsKernelTest, testing::Values(dl::Isa::avx2, dl::Isa::avx512),
+                         [](const auto &info) { return std::string(dl::isa_name(info.param)); });
+
 struct QDotCase {
     const char *name;
     ItemBox a, b;

@@ -293,6 +293,14 @@ static void add_or_sub(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matr
     const int d = high->exponent - low->exponent;
     const int exponent = shift == 0 ? high->exponent + 1 : high->exponent;
     const int op = !sub ? 0 : a_high ? 1 : 2;
+    // Records that are one run of items each may go to the processor's
+    // kernel in one call.
+    if (dl::is_flat(high) && dl::is_flat(low) && dl::is_flat(res) &&
+        dl::add_items_kernel(dl::detected_isa(), high->itemq, low->itemq, res->itemq, high->w * high->h,
+                             d < 31 ? d : 31, op, shift == 0)) {
+        res->exponent = exponent;
+        return;
+    }
     if (shift == 0) {
         if (op == 0) add_or_sub_items<0, true>(high, low, res, d);
         else if (op == 1) add_or_sub_items<1, true>(high, low, res, d);
@@ -453,17 +461,18 @@ Spread spread_of(const dl_matrix2dq_t *m)
     // a second one, and only when an extreme says there may be any.
     const bool flat = dl::is_flat(m);
     const int runs = flat ? 1 : m->w, len = flat ? m->w * m->h : m->h;
-    int32_t hi = 0, lo = 0;
+    // The extremes are kept as items, so that the loop compares 16-bit lanes.
+    qtp_t hi = 0, lo = 0;
     for (int x = 0; x < runs; x++) {
         const qtp_t *p = m->itemq + m->stride * x;
         for (int i = 0; i < len; i++) {
-            const int32_t v = p[i];
+            const qtp_t v = p[i];
             hi = v > hi ? v : hi;
             lo = v < lo ? v : lo;
         }
     }
     Spread s;
-    s.largest = hi > -lo ? hi : -lo;  // -32768 has 32768
+    s.largest = hi > -lo ? hi : -static_cast<int32_t>(lo);  // -32768 has 32768
     if (hi == dl::kItemMax || lo <= -dl::kItemMax) {
         int clipped = 0;
         for (int x = 0; x < runs; x++) {

@@ -134,6 +134,20 @@ bool activation_q15_kernel(Isa isa, [[maybe_unused]] Activation act, [[maybe_unu
     return false;
 }
 
+bool add_items_kernel(Isa isa, [[maybe_unused]] const qtp_t *hi, [[maybe_unused]] const qtp_t *lo,
+                      [[maybe_unused]] qtp_t *out, [[maybe_unused]] int n, [[maybe_unused]] int k,
+                      [[maybe_unused]] int kind, [[maybe_unused]] bool halve)
+{
+#if DL_X86_KERNELS
+    if (isa == Isa::avx2 || isa == Isa::avx512) {
+        avx2::add_items(hi, lo, out, n, k, kind, halve);
+        return true;
+    }
+#endif
+    (void)isa;
+    return false;
+}
+
 bool pairs_usable()
 {
 #if DL_X86_KERNELS

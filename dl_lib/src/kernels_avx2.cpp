@@ -6,6 +6,8 @@
 #include <immintrin.h>
 #include <string.h>
 
+#include <utility>
+
 #include "kernels_simd.h"
 
 namespace dl::avx2 {
@@ -288,6 +290,42 @@ void pair_tiles(const int32_t *words, int pairs, const int16_t *packed, int M, i
 bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res)
 {
     return simd::matrix_dot<Avx2>(a, b, res);
+}
+
+void add_items(const qtp_t *hi, const qtp_t *lo, qtp_t *out, int n, int k, int kind, bool halve)
+{
+    // In 16-bit lanes throughout. Saturating: the saturating add or
+    // subtract of the instruction clamps at -32768 and 32767, and -32768 is
+    // then raised to -32767. Halving: floor((p + q) / 2) is
+    // (p >> 1) + (q >> 1) + (p & q & 1), and floor((p - q) / 2) is
+    // (p >> 1) - (q >> 1) - (~p & q & 1), neither of which leaves 16 bits.
+    const __m128i count = _mm_cvtsi32_si128(k);
+    const __m256i floor_item = _mm256_set1_epi16(-32767), one = _mm256_set1_epi16(1);
+    auto op = [&](__m256i p, __m256i q) {
+        q = _mm256_sra_epi16(q, count);
+        if (kind == 2) std::swap(p, q);  // lo - hi
+        if (!halve) {
+            const __m256i t = kind == 0 ? _mm256_adds_epi16(p, q) : _mm256_subs_epi16(p, q);
+            return _mm256_max_epi16(t, floor_item);
+        }
+        const __m256i hp = _mm256_srai_epi16(p, 1), hq = _mm256_srai_epi16(q, 1);
+        if (kind == 0) return _mm256_add_epi16(_mm256_add_epi16(hp, hq), _mm256_and_si256(_mm256_and_si256(p, q), one));
+        return _mm256_sub_epi16(_mm256_sub_epi16(hp, hq), _mm256_and_si256(_mm256_andnot_si256(p, q), one));
+    };
+    int i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m256i p = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(hi + i));
+        const __m256i q = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(lo + i));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + i), op(p, q));
+    }
+    if (i < n) {
+        alignas(32) qtp_t a[16] = {}, b[16] = {}, r[16];
+        memcpy(a, hi + i, sizeof(qtp_t) * static_cast<size_t>(n - i));
+        memcpy(b, lo + i, sizeof(qtp_t) * static_cast<size_t>(n - i));
+        _mm256_store_si256(reinterpret_cast<__m256i *>(r), op(_mm256_load_si256(reinterpret_cast<const __m256i *>(a)),
+                                                              _mm256_load_si256(reinterpret_cast<const __m256i *>(b))));
+        memcpy(out + i, r, sizeof(qtp_t) * static_cast<size_t>(n - i));
+    }
 }
 
 bool matrixq_dot_pairs(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const int16_t *packed, const QDotOut &out)

@@ -149,7 +149,16 @@ enum class Activation { sigmoid, tanh };
 bool activation_kernel(Isa isa, Activation act, const fptp_t *in, fptp_t *out, int n);
 bool activation_q15_kernel(Isa isa, Activation act, const qtp_t *in, qtp_t *out, int n, int s);
 
+/* ---- Element-wise sums of fixed-point items ------------------------------
+ *
+ * out[i] = hi[i] op (lo[i] >> k) over n items, op + (kind 0), hi - lo (1) or
+ * lo - hi (2); with halve the exact result shifted right by one (rounding
+ * down), else saturated at +-32767. k from 0 to 31. out may be hi or lo.
+ * False, with nothing written, when isa has no such kernel. */
+bool add_items_kernel(Isa isa, const qtp_t *hi, const qtp_t *lo, qtp_t *out, int n, int k, int kind, bool halve);
+
 namespace avx2 {
+void add_items(const qtp_t *hi, const qtp_t *lo, qtp_t *out, int n, int k, int kind, bool halve);
 void activation(Activation act, const fptp_t *in, fptp_t *out, int n);
 void activation_q15(Activation act, const qtp_t *in, qtp_t *out, int n, int s);
 }  // namespace avx2
