@@ -115,8 +115,11 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t 
     DL_ASSERT(m->w==out->w);
     DL_ASSERT(m->h==out->h);
 
+    // One row goes to the processor's kernels where it has them.
+    const dl::Isa isa = dl::detected_isa();
+    const bool row = m->h == 1 && dl::is_flat(out);
     fptp_t lo, hi;
-    matrix_get_range(m, &lo, &hi);
+    if (!row || !dl::float_range_kernel(isa, m->item, m->w, &lo, &hi)) matrix_get_range(m, &lo, &hi);
     const int e = dl::block_exponent((hi > -lo) ? hi : -lo);
     const fptp_t mult = pow2f(-e);
     const fptp_t half = 0.5f * pow2f(e);
@@ -124,8 +127,12 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t 
     // zero: positives round to nearest (halves up), negatives end up to one
     // unit above their nearest item. The row count bounds the column walk
     // too: an empty matrix may still have two billion columns.
-    if (m->h == 1 && dl::is_flat(out)) {
+    if (row) {
         // One row, the layers' case: both records are one run of items.
+        if (dl::quantise_kernel(isa, m->item, m->w, half, mult, out->itemq)) {
+            out->exponent = e;
+            return out;
+        }
         for (int x = 0; x < m->w; x++) {
             const fptp_t s = m->item[x] + half;
             const fptp_t p = s * mult;

@@ -148,6 +148,32 @@ bool add_items_kernel(Isa isa, [[maybe_unused]] const qtp_t *hi, [[maybe_unused]
     return false;
 }
 
+bool float_range_kernel(Isa isa, [[maybe_unused]] const fptp_t *in, [[maybe_unused]] int n, [[maybe_unused]] fptp_t *lo,
+                        [[maybe_unused]] fptp_t *hi)
+{
+#if DL_X86_KERNELS
+    if (isa == Isa::avx2 || isa == Isa::avx512) {
+        avx2::float_range(in, n, lo, hi);
+        return true;
+    }
+#endif
+    (void)isa;
+    return false;
+}
+
+bool quantise_kernel(Isa isa, [[maybe_unused]] const fptp_t *in, [[maybe_unused]] int n, [[maybe_unused]] fptp_t half,
+                     [[maybe_unused]] fptp_t mult, [[maybe_unused]] qtp_t *out)
+{
+#if DL_X86_KERNELS
+    if (isa == Isa::avx2 || isa == Isa::avx512) {
+        avx2::quantise(in, n, half, mult, out);
+        return true;
+    }
+#endif
+    (void)isa;
+    return false;
+}
+
 bool pairs_usable()
 {
 #if DL_X86_KERNELS

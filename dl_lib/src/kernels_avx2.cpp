@@ -292,6 +292,60 @@ bool matrix_dot(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *r
     return simd::matrix_dot<Avx2>(a, b, res);
 }
 
+void float_range(const fptp_t *in, int n, fptp_t *lo, fptp_t *hi)
+{
+    if (n <= 0) {
+        *lo = *hi = 0.0f;
+        return;
+    }
+    // Each lane keeps the extremes of its own items, from the first item on:
+    // MAXPS(v, h) is v > h ? v : h, MINPS(v, l) is v < l ? v : l, so a NaN
+    // replaces nothing, as in the scalar comparisons.
+    const __m256 first = _mm256_set1_ps(in[0]);
+    __m256 vlo = first, vhi = first;
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m256 v = _mm256_loadu_ps(in + i);
+        vhi = _mm256_max_ps(v, vhi);
+        vlo = _mm256_min_ps(v, vlo);
+    }
+    alignas(32) fptp_t l[8], h[8];
+    _mm256_store_ps(l, vlo);
+    _mm256_store_ps(h, vhi);
+    fptp_t a = l[0], b = h[0];
+    for (int j = 1; j < 8; j++) {
+        a = l[j] < a ? l[j] : a;
+        b = h[j] > b ? h[j] : b;
+    }
+    for (; i < n; i++) {
+        a = in[i] < a ? in[i] : a;
+        b = in[i] > b ? in[i] : b;
+    }
+    *lo = a;
+    *hi = b;
+}
+
+void quantise(const fptp_t *in, int n, fptp_t half, fptp_t mult, qtp_t *out)
+{
+    // The conversion gives INT32_MIN for NaN and beyond 32 bits, as
+    // trunc_i32 does; the items are the low 16 bits.
+    const __m256 vh = _mm256_set1_ps(half), vm = _mm256_set1_ps(mult);
+    const __m256i low_halves = _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1, 0, 1, 4, 5, 8,
+                                                9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1);
+    auto items = [&](__m256 v) {
+        const __m256i p = _mm256_shuffle_epi8(_mm256_cvttps_epi32(_mm256_mul_ps(_mm256_add_ps(v, vh), vm)), low_halves);
+        return _mm_unpacklo_epi64(_mm256_castsi256_si128(p), _mm256_extracti128_si256(p, 1));
+    };
+    int i = 0;
+    for (; i + 8 <= n; i += 8) _mm_storeu_si128(reinterpret_cast<__m128i *>(out + i), items(_mm256_loadu_ps(in + i)));
+    if (i < n) {
+        const __m256i mask = _mm256_cmpgt_epi32(_mm256_set1_epi32(n - i), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+        alignas(16) qtp_t tail[8];
+        _mm_store_si128(reinterpret_cast<__m128i *>(tail), items(_mm256_maskload_ps(in + i, mask)));
+        memcpy(out + i, tail, sizeof(qtp_t) * static_cast<size_t>(n - i));
+    }
+}
+
 void add_items(const qtp_t *hi, const qtp_t *lo, qtp_t *out, int n, int k, int kind, bool halve)
 {
     // In 16-bit lanes throughout. Saturating: the saturating add or

@@ -157,7 +157,19 @@ bool activation_q15_kernel(Isa isa, Activation act, const qtp_t *in, qtp_t *out,
  * False, with nothing written, when isa has no such kernel. */
 bool add_items_kernel(Isa isa, const qtp_t *hi, const qtp_t *lo, qtp_t *out, int n, int k, int kind, bool halve);
 
+/* ---- The quantiser over one run of n floats -------------------------------
+ *
+ * lo and hi: the lowest and highest item, by ordered comparisons from the
+ * first item on, as matrix_get_range finds them, except that where zeros of
+ * both signs tie for an extreme either may be given (the block exponent is
+ * the same). items: low16(trunc_i32((in[i] + half) * mult)). False, with
+ * nothing written, when isa has no such kernel. */
+bool float_range_kernel(Isa isa, const fptp_t *in, int n, fptp_t *lo, fptp_t *hi);
+bool quantise_kernel(Isa isa, const fptp_t *in, int n, fptp_t half, fptp_t mult, qtp_t *out);
+
 namespace avx2 {
+void float_range(const fptp_t *in, int n, fptp_t *lo, fptp_t *hi);
+void quantise(const fptp_t *in, int n, fptp_t half, fptp_t mult, qtp_t *out);
 void add_items(const qtp_t *hi, const qtp_t *lo, qtp_t *out, int n, int k, int kind, bool halve);
 void activation(Activation act, const fptp_t *in, fptp_t *out, int n);
 void activation_q15(Activation act, const qtp_t *in, qtp_t *out, int n, int s);
