@@ -199,6 +199,48 @@ void pair_store32(const QDotOut &out, __m256i low, __m256i high, int y, int x0, 
     pair_store(out, s, y, x0, N);
 }
 
+// pack_pairs, with the pairs of whole column groups gathered eight at a
+// time: a pair of a column is one 32-bit word of it, split into its byte
+// planes in 16-bit lanes. The last pair of an odd height, whose word would
+// reach past the column, and a last partial group are packed item by item,
+// in the same layout (kernels_internal.h).
+void pack_pairs_gathered(const dl_matrix2dq_t *b, int16_t *dst)
+{
+    const int K = b->h, N = b->w, pairs = pair_count(K);
+    constexpr int V = 2 * kPairLanes;
+    if (static_cast<int64_t>(b->stride) * (kPairLanes - 1) > INT32_MAX) {
+        pack_pairs(b, dst);
+        return;
+    }
+    const __m256i offsets = _mm256_mullo_epi32(_mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7), _mm256_set1_epi32(b->stride));
+    const __m256i low_byte = _mm256_set1_epi16(0xff);
+    for (int x0 = 0; x0 < N; x0 += kPairLanes) {
+        const int n = N - x0 < kPairLanes ? N - x0 : kPairLanes;
+        const qtp_t *first = b->itemq + static_cast<size_t>(b->stride) * x0;
+        int16_t *g = dst + static_cast<size_t>(x0 / kPairLanes) * pairs * (2 * V);
+        int p = 0;
+        if (n == kPairLanes) {
+            // Items 2p and 2p + 1 of column x0 + lane, stride * lane + 2p
+            // items from the group's first: one word, at twice that in bytes.
+            for (; 2 * p + 1 < K; p++) {
+                const __m256i w = _mm256_i32gather_epi32(reinterpret_cast<const int *>(first + 2 * p), offsets, 2);
+                _mm256_storeu_si256(reinterpret_cast<__m256i *>(g + 2 * V * p), _mm256_and_si256(w, low_byte));
+                _mm256_storeu_si256(reinterpret_cast<__m256i *>(g + 2 * V * p + V), _mm256_srai_epi16(w, 8));
+            }
+        }
+        for (; p < pairs; p++)
+            for (int lane = 0; lane < kPairLanes; lane++) {
+                const qtp_t *col = first + static_cast<size_t>(b->stride) * (lane < n ? lane : 0);
+                const int32_t v0 = lane < n ? col[2 * p] : 0, v1 = lane < n && 2 * p + 1 < K ? col[2 * p + 1] : 0;
+                int16_t *d = g + 2 * V * p + 2 * lane;
+                d[0] = static_cast<int16_t>(v0 & 0xff);
+                d[1] = static_cast<int16_t>(v1 & 0xff);
+                d[V] = static_cast<int16_t>(v0 >> 8);
+                d[V + 1] = static_cast<int16_t>(v1 >> 8);
+            }
+    }
+}
+
 // MY rows of a from y0 times NG column groups of b from g0.
 template <int MY, int NG>
 void pair_tile(const int32_t *words, int pairs, const int16_t *packed, int g0, int y0, int M, int N, const QDotOut &out)
@@ -409,7 +451,7 @@ bool matrixq_dot_pairs(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const i
     int32_t *w = word_heap ? word_heap : word_local;
     if (!packed) {
         int16_t *dst = pack_heap ? pack_heap : pack_local;
-        pack_pairs(b, dst);
+        pack_pairs_gathered(b, dst);
         packed = dst;
     }
     pair_words(a, pairs, w);
