@@ -358,6 +358,24 @@ TEST_P(ActivationKernelTest, FloatSameAsScalarOp)
     }
 }
 
+// The clipped ReLU kernel against dl_relu_op, clips of every kind included
+// (negative, NaN, infinite), on runs of every length up to a few vectors.
+TEST_P(ActivationKernelTest, ReluSameAsScalarOp)
+{
+    const dl::Isa isa = GetParam().isa;
+    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " not built or not supported here";
+    Rng rng(9);
+    const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+    for (float clip : {6.0f, 0.0f, -1.0f, inf, nan, 1e-40f})
+        for (int n = 0; n < 40; n++) {
+            std::vector<float> in(n), out(n);
+            for (float &v : in) v = uniform(rng, 0, 9) ? any_float(rng) * 4.0f : (uniform(rng, 0, 1) ? nan : -0.0f);
+            ASSERT_TRUE(dl::relu_kernel(isa, in.data(), out.data(), n, clip));
+            for (int i = 0; i < n; i++)
+                ASSERT_TRUE(same_float(out[i], dl_relu_op(in[i], clip))) << in[i] << " clip " << clip;
+        }
+}
+
 INSTANTIATE_TEST_SUITE_P(Kernels, ActivationKernelTest,
                          testing::Values(ActivationKernelCase{dl::Isa::avx2, dl::Activation::sigmoid},
                                          ActivationKernelCase{dl::Isa::avx2, dl::Activation::tanh},

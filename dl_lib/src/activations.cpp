@@ -103,6 +103,12 @@ fptp_t dl_relu_op(fptp_t x, fptp_t clip)
 void dl_relu(const dl_matrix2d_t *in, fptp_t clip, dl_matrix2d_t *out)
 {
     DL_ASSERT(dl_matrix_same_shape(in, out));
+    const dl::Isa isa = dl::detected_isa();
+    if (dl::relu_kernel(isa, in->item, out->item, 0, clip)) {
+        for (int y = 0; y < in->h; y++)
+            dl::relu_kernel(isa, in->item + in->stride * y, out->item + out->stride * y, in->w, clip);
+        return;
+    }
     map_items(in, out, [clip](fptp_t x) { return dl_relu_op(x, clip); });
 }
 

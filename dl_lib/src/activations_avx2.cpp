@@ -147,6 +147,16 @@ void map_floats(const fptp_t *in, fptp_t *out, int n, Op op)
 
 }  // namespace
 
+void relu(const fptp_t *in, fptp_t *out, int n, fptp_t clip)
+{
+    // dl_relu_op's two tests in its order: MINPS(clip, x) is x > clip ?
+    // clip : x (a NaN on either side gives x), then zero where 0 > x.
+    const __m256 c = _mm256_set1_ps(clip), zero = _mm256_setzero_ps();
+    map_floats(in, out, n, [&](__m256 x) {
+        return _mm256_blendv_ps(_mm256_min_ps(c, x), zero, _mm256_cmp_ps(zero, x, _CMP_GT_OQ));
+    });
+}
+
 void activation_q15(Activation act, const qtp_t *in, qtp_t *out, int n, int s)
 {
     if (act == Activation::sigmoid) map_q15(in, out, n, s, sigmoid_q15);

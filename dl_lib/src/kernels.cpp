@@ -121,6 +121,19 @@ bool activation_kernel(Isa isa, [[maybe_unused]] Activation act, [[maybe_unused]
     return false;
 }
 
+bool relu_kernel(Isa isa, [[maybe_unused]] const fptp_t *in, [[maybe_unused]] fptp_t *out, [[maybe_unused]] int n,
+                 [[maybe_unused]] fptp_t clip)
+{
+#if DL_X86_KERNELS
+    if (isa == Isa::avx2 || isa == Isa::avx512) {
+        avx2::relu(in, out, n, clip);
+        return true;
+    }
+#endif
+    (void)isa;
+    return false;
+}
+
 bool activation_q15_kernel(Isa isa, [[maybe_unused]] Activation act, [[maybe_unused]] const qtp_t *in,
                            [[maybe_unused]] qtp_t *out, [[maybe_unused]] int n, [[maybe_unused]] int s)
 {

@@ -147,6 +147,8 @@ bool pairs_usable();
 enum class Activation { sigmoid, tanh };
 
 bool activation_kernel(Isa isa, Activation act, const fptp_t *in, fptp_t *out, int n);
+/* dl_relu_op(in[i], clip) over the run, in may be out. */
+bool relu_kernel(Isa isa, const fptp_t *in, fptp_t *out, int n, fptp_t clip);
 bool activation_q15_kernel(Isa isa, Activation act, const qtp_t *in, qtp_t *out, int n, int s);
 
 /* ---- Element-wise sums of fixed-point items ------------------------------
@@ -172,6 +174,7 @@ void float_range(const fptp_t *in, int n, fptp_t *lo, fptp_t *hi);
 void quantise(const fptp_t *in, int n, fptp_t half, fptp_t mult, qtp_t *out);
 void add_items(const qtp_t *hi, const qtp_t *lo, qtp_t *out, int n, int k, int kind, bool halve);
 void activation(Activation act, const fptp_t *in, fptp_t *out, int n);
+void relu(const fptp_t *in, fptp_t *out, int n, fptp_t clip);
 void activation_q15(Activation act, const qtp_t *in, qtp_t *out, int n, int s);
 }  // namespace avx2
 
