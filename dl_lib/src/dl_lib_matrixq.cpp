@@ -38,7 +38,7 @@ void dl_matrixq_free(dl_matrix2dq_t *m)
 {
     // A prepared record's items sit in the block that starts with its header.
     if (m && (m->flags & DL_MF_PREPARED) && !(m->flags & DL_MF_FOREIGNDATA)) {
-        dl::mem_free(const_cast<dl::PreparedHeader *>(dl::prepared_header(m)));
+        dl::mem_free(const_cast<unsigned char *>(dl::prepared_header(m)));
         dl::mem_free(m);
         return;
     }

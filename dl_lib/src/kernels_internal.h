@@ -14,6 +14,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include "dl_lib_types.h"
 
@@ -116,21 +117,24 @@ constexpr uint32_t kPreparedMagic = 0x70616972u;
 constexpr size_t kPreparedHeaderBytes = 64;  // keeps the items 64-byte aligned within the block
 static_assert(sizeof(PreparedHeader) <= kPreparedHeaderBytes, "header fits before the items");
 
-static inline const PreparedHeader *prepared_header(const dl_matrix2dq_t *m)
+static inline const unsigned char *prepared_header(const dl_matrix2dq_t *m)
 {
     if (!(m->flags & DL_MF_PREPARED) || !m->itemq) return nullptr;
-    return reinterpret_cast<const PreparedHeader *>(reinterpret_cast<const unsigned char *>(m->itemq) -
-                                                    kPreparedHeaderBytes);
+    return reinterpret_cast<const unsigned char *>(m->itemq) - kPreparedHeaderBytes;
 }
 
-/* b's packed form when b is a prepared record as it was made, else null. */
+/* b's packed form when b is a prepared record as it was made, else null.
+ * The header is copied out: a copy of the record whose items were moved by
+ * a few items would find it misaligned. */
 static inline const int16_t *prepared_pairs(const dl_matrix2dq_t *b)
 {
-    const PreparedHeader *p = prepared_header(b);
-    if (!p || p->magic != kPreparedMagic || p->items != b->itemq || p->w != b->w || p->h != b->h ||
-        p->stride != b->stride)
+    const unsigned char *at = prepared_header(b);
+    if (!at) return nullptr;
+    PreparedHeader p;
+    memcpy(&p, at, sizeof p);
+    if (p.magic != kPreparedMagic || p.items != b->itemq || p.w != b->w || p.h != b->h || p.stride != b->stride)
         return nullptr;
-    return p->pairs;
+    return p.pairs;
 }
 
 /* Whether the pair kernel runs here: dl_matrixq_prepare packs only then. */
