@@ -159,7 +159,8 @@ void pair_store(const QDotOut &out, const __m256d s[2], int y, int x0, int N)
 // of the sum by 2^shift is that of high + floor(low / 256) by 2^(shift - 8),
 // which cannot overflow. A float is converted from 32 bits where the sum
 // fits them (the same single rounding); other sums go through doubles.
-inline __attribute__((always_inline)) void pair_store32(const QDotOut &out, __m256i low, __m256i high, int y, int x0, int N)
+inline __attribute__((always_inline)) void pair_store32(const QDotOut &out, __m256i low, __m256i high, int y, int x0,
+                                                        int N)
 {
     if (out.items && out.shift >= 8 && out.shift - 8 < 32) {
         const __m256i v =
