@@ -1,13 +1,17 @@
 // The layers at sizes a small model uses: one LSTM step (64 inputs, 128
-// units, one row) in its three variants, and both convolution layers on a
+// units, one row; and 8 inputs, 32 units, the digits network's) in its three
+// variants, the fixed-point weights as given or prepared once
+// (dl_matrixq_prepare), and both convolution layers on a
 // 32 x 32 input with a 3 x 3 filter and 16 channels, for stride 1 and 2 and
 // padding 0 and 1. Times are per call.
 //
 //   layers_bench [--benchmark_filter=conv] [...]
 #include <benchmark/benchmark.h>
 
+#include <cstdio>
 #include <random>
 #include <string>
+#include <utility>
 
 #include "dl_lib.h"
 
@@ -23,18 +27,22 @@ dl_matrix2d_t *random_floats(int w, int h, float range, std::mt19937 &rng)
 
 dl_matrix2dq_t *quantised(const dl_matrix2d_t *m) { return dl_matrixq_from_matrix2d(m, nullptr); }
 
-constexpr int kInputs = 64, kUnits = 128;
-
 enum class Lstm { float_cell, quantised_weights, fixed_point };
 
-void bench_lstm(benchmark::State &state, Lstm variant)
+void bench_lstm(benchmark::State &state, Lstm variant, int inputs, int units, bool prepared)
 {
     std::mt19937 rng(1);
-    dl_matrix2d_t *in = random_floats(kInputs, 1, 1.0f, rng);
-    dl_matrix2d_t *w = random_floats(4 * kUnits, kInputs + kUnits, 0.1f, rng);
-    dl_matrix2d_t *b = random_floats(4 * kUnits, 1, 0.5f, rng);
-    dl_matrix2d_t *c = random_floats(kUnits, 1, 1.0f, rng), *h = random_floats(kUnits, 1, 0.5f, rng);
-    dl_matrix2dq_t *qin = quantised(in), *qw = quantised(w), *qb = quantised(b), *qc = quantised(c), *qh = quantised(h);
+    dl_matrix2d_t *in = random_floats(inputs, 1, 1.0f, rng);
+    dl_matrix2d_t *w = random_floats(4 * units, inputs + units, 0.1f, rng);
+    dl_matrix2d_t *b = random_floats(4 * units, 1, 0.5f, rng);
+    dl_matrix2d_t *c = random_floats(units, 1, 1.0f, rng), *h = random_floats(units, 1, 0.5f, rng);
+    dl_matrix2dq_t *qin = quantised(in), *qb = quantised(b), *qc = quantised(c), *qh = quantised(h);
+    dl_matrix2dq_t *qw = quantised(w);
+    if (prepared) {
+        dl_matrix2dq_t *p = dl_matrixq_prepare(qw);
+        dl_matrixq_free(qw);
+        qw = p;
+    }
     // The states evolve from call to call, as in a sequence.
     for (auto _ : state) {
         switch (variant) {
@@ -89,10 +97,21 @@ void bench_conv(benchmark::State &state, bool quantised_filter, int stride, int 
 
 int main(int argc, char **argv)
 {
-    benchmark::RegisterBenchmark("lstm/float", bench_lstm, Lstm::float_cell)->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("lstm/quantised_weights", bench_lstm, Lstm::quantised_weights)
-        ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("lstm/fixed_point", bench_lstm, Lstm::fixed_point)->Unit(benchmark::kMicrosecond);
+    for (const auto &[inputs, units] : {std::pair{64, 128}, std::pair{8, 32}}) {
+        char name[96];
+        snprintf(name, sizeof name, "lstm/float/%dx%d", inputs, units);
+        benchmark::RegisterBenchmark(name, bench_lstm, Lstm::float_cell, inputs, units, false)
+            ->Unit(benchmark::kMicrosecond);
+        for (bool prepared : {false, true}) {
+            const char *how = prepared ? "/prepared" : "";
+            snprintf(name, sizeof name, "lstm/quantised_weights/%dx%d%s", inputs, units, how);
+            benchmark::RegisterBenchmark(name, bench_lstm, Lstm::quantised_weights, inputs, units, prepared)
+                ->Unit(benchmark::kMicrosecond);
+            snprintf(name, sizeof name, "lstm/fixed_point/%dx%d%s", inputs, units, how);
+            benchmark::RegisterBenchmark(name, bench_lstm, Lstm::fixed_point, inputs, units, prepared)
+                ->Unit(benchmark::kMicrosecond);
+        }
+    }
     for (bool q : {false, true})
         for (int stride : {1, 2})
             for (int padding : {0, 1}) {

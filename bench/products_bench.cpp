@@ -25,7 +25,11 @@ struct Shape {
 };
 
 // Square, the one-sample inference case, and two layer sizes.
-const Shape kShapes[] = {{512, 512, 512}, {1, 1024, 1024}, {64, 256, 256}, {8, 40, 128}};
+// The digits networks' layers: an LSTM step and a fully connected layer of
+// one row, and the small-window convolutions as products (positions x
+// places x channels, channels x places x positions).
+const Shape kShapes[] = {{512, 512, 512}, {1, 1024, 1024}, {64, 256, 256}, {8, 40, 128},
+                         {1, 40, 128},    {1, 256, 32},    {64, 9, 8},     {8, 9, 64}};
 
 std::string shape_name(const Shape &s)
 {
@@ -52,6 +56,7 @@ dl_matrix2dq_t *random_items(int w, int h, std::mt19937 &rng)
 struct Operands {
     dl_matrix2d_t *fa, *fb, *fres;
     dl_matrix2dq_t *qa, *qb, *qres;
+    dl_matrix2dq_t *qb_prepared;  // qb through dl_matrixq_prepare
 
     explicit Operands(const Shape &s)
     {
@@ -62,6 +67,7 @@ struct Operands {
         qa = random_items(s.k, s.m, rng);
         qb = random_items(s.n, s.k, rng);
         qres = dl_matrixq_alloc(s.n, s.m);
+        qb_prepared = dl_matrixq_prepare(qb);
     }
     ~Operands()
     {
@@ -71,11 +77,13 @@ struct Operands {
         dl_matrixq_free(qa);
         dl_matrixq_free(qb);
         dl_matrixq_free(qres);
+        dl_matrixq_free(qb_prepared);
     }
 };
 
-// How a product is run: its plain loop, one kernel, or the public function.
-enum class Path { plain, avx2, avx512, public_fn };
+// How a product is run: its plain loop, one kernel, or the public function
+// (with b as it is, or prepared).
+enum class Path { plain, avx2, avx512, public_fn, prepared };
 
 const char *path_name(Path p)
 {
@@ -84,6 +92,7 @@ const char *path_name(Path p)
     case Path::avx2: return "avx2";
     case Path::avx512: return "avx512";
     case Path::public_fn: return "fast";
+    case Path::prepared: return "prepared";
     }
     return "?";
 }
@@ -109,6 +118,8 @@ const char *product_name(Product p)
 void run_once(Product product, Path path, Operands &o)
 {
     const dl::Isa isa = path_isa(path);
+    dl_matrix2dq_t *qb = path == Path::prepared ? o.qb_prepared : o.qb;
+    if (path == Path::prepared) path = Path::public_fn;
     switch (product) {
     case Product::matrix_dot:
         if (path == Path::public_fn) dl_matrix_dot(o.fa, o.fb, o.fres);
@@ -117,7 +128,7 @@ void run_once(Product product, Path path, Operands &o)
         break;
     case Product::matrixq_dot:
         if (path == Path::public_fn) {
-            dl_matrixq_dot(o.qa, o.qb, o.qres, 0);
+            dl_matrixq_dot(o.qa, qb, o.qres, 0);
         } else {
             const dl::QDotOut out = dl::qdot_to_items(o.qres, 15);
             if (path == Path::plain || !dl::matrixq_dot_kernel(isa, o.qa, o.qb, out))
@@ -127,8 +138,8 @@ void run_once(Product product, Path path, Operands &o)
     case Product::matrixq_dot_matrix_out:
     case Product::matrix_matrixq_dot: {
         if (path == Path::public_fn) {
-            if (product == Product::matrix_matrixq_dot) dl_matrix_matrixq_dot(o.fa, o.qb, o.fres);
-            else dl_matrixq_dot_matrix_out(o.qa, o.qb, o.fres);
+            if (product == Product::matrix_matrixq_dot) dl_matrix_matrixq_dot(o.fa, qb, o.fres);
+            else dl_matrixq_dot_matrix_out(o.qa, qb, o.fres);
             break;
         }
         // The float a is quantised on every call, as the public function does.
@@ -186,8 +197,9 @@ int main(int argc, char **argv)
         benchmark::RegisterBenchmark(("cblas_sgemm/1thread/" + shape_text).c_str(), bench_sgemm, shape);
 #endif
         for (Product product : products) {
-            for (Path path : {Path::plain, Path::avx2, Path::avx512, Path::public_fn}) {
+            for (Path path : {Path::plain, Path::avx2, Path::avx512, Path::public_fn, Path::prepared}) {
                 if ((path == Path::avx2 || path == Path::avx512) && !dl::isa_usable(path_isa(path))) continue;
+                if (path == Path::prepared && product == Product::matrix_dot) continue;
                 const std::string name = std::string(product_name(product)) + "/" + path_name(path) + "/" + shape_text;
                 benchmark::RegisterBenchmark(name.c_str(), bench_product, product, path, shape);
             }

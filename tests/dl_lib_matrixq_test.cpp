@@ -3,9 +3,12 @@
 #include <cmath>
 
 #include "dl_lib.h"
+#include "dl_lib_internal.h"
+#include "reference.h"
 #include "test_util.h"
 
 using namespace testutil;
+using namespace ref;
 
 namespace {
 
@@ -128,5 +131,38 @@ TEST(MatrixqRecord, Messages)
     dl_printmatrixq(q.get());
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Matrixq: exponent -1\n     3 ( 1.50)       -2 (-1.00)   \n");
 }
+
+// The quantiser's kernels for one row against the scalar passes: the
+// extremes (equal, or zeros of either sign where zeros tie), and every item,
+// on rows with NaN, infinities, values beyond 32 bits and every tail length.
+class QuantiseKernelTest : public testing::TestWithParam<dl::Isa> {};
+
+TEST_P(QuantiseKernelTest, SameAsScalarPasses)
+{
+    const dl::Isa isa = GetParam();
+    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
+    Rng rng(3);
+    for (int round = 0; round < 300; round++) {
+        const int n = uniform(rng, 0, 70);
+        MatrixPtr m = own(dl_matrix_alloc(n, 1));
+        for (int x = 0; x < n; x++) m->item[x] = any_float(rng);
+        if (n > 0 && round % 7 == 0) m->item[uniform(rng, 0, n - 1)] = NAN;
+        if (n > 0 && round % 11 == 0) m->item[uniform(rng, 0, n - 1)] = -INFINITY;
+        float lo, hi, want_lo, want_hi;
+        matrix_get_range(m.get(), &want_lo, &want_hi);
+        ASSERT_TRUE(dl::float_range_kernel(isa, m->item, n, &lo, &hi));
+        ASSERT_TRUE(same_float(lo, want_lo) || (lo == 0.0f && want_lo == 0.0f)) << lo << " " << want_lo;
+        ASSERT_TRUE(same_float(hi, want_hi) || (hi == 0.0f && want_hi == 0.0f)) << hi << " " << want_hi;
+        const float half = std::ldexp(0.5f, uniform(rng, -20, 4)), mult = std::ldexp(1.0f, uniform(rng, -4, 20));
+        std::vector<qtp_t> items(static_cast<size_t>(n) + 1, 77);
+        ASSERT_TRUE(dl::quantise_kernel(isa, m->item, n, half, mult, items.data()));
+        for (int x = 0; x < n; x++)
+            ASSERT_EQ(items[x], dl::low16(dl::trunc_i32((m->item[x] + half) * mult))) << m->item[x];
+        ASSERT_EQ(items[n], 77);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, QuantiseKernelTest, testing::Values(dl::Isa::avx2, dl::Isa::avx512),
+                         [](const auto &info) { return std::string(dl::isa_name(info.param)); });
 
 }  // namespace

@@ -74,6 +74,14 @@ void dl_matrixq_dot_matrix_out(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b,
  * dl_matrixq_dot_matrix_out. Stops when memory for the temporary runs out. */
 void dl_matrix_matrixq_dot(const dl_matrix2d_t *a, const dl_matrix2dq_t *b, dl_matrix2d_t *res);
 
+/* A copy of m (shape, items, exponent; stride as dl_matrixq_alloc's) that
+ * the products and the layers built on them multiply faster as their
+ * right-hand operand, a weight say, with the same bits: where a kernel reads
+ * a packed layout, it is packed here once, not per call (elsewhere, as on a
+ * device, a plain copy). Its items must not change afterwards; views of it
+ * are plain records. NULL when memory runs out; free with dl_matrixq_free. */
+dl_matrix2dq_t *dl_matrixq_prepare(const dl_matrix2dq_t *m);
+
 /* The bodies of dl_matrixq_dot and dl_matrixq_dot_matrix_out, which forward
  * to them unchanged; their assertion messages name these. */
 void dl_matrixq_dot_c_impl(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *res, int shift);

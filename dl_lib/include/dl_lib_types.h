@@ -22,6 +22,12 @@ typedef uint8_t uc_t;  /* 8-bit input element */
  * generated tables carry it; their free function leaves the items alone. */
 #define DL_MF_FOREIGNDATA (1u << 0)
 
+/* Bit 1 of a fixed-point matrix's flags: the record was made by
+ * dl_matrixq_prepare, its items followed by a packed copy for the products.
+ * Only that function sets it; never set it by hand, and clear it in a copy
+ * of such a record that is pointed at other items. */
+#define DL_MF_PREPARED (1u << 1)
+
 /* Float matrix, row-major: the item at column x, row y is item[x + stride*y]. */
 typedef struct {
     int w;

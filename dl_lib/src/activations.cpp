@@ -1,6 +1,7 @@
 #include "dl_lib.h"
 
 #include "dl_lib_internal.h"
+#include "kernels_internal.h"
 
 // ---- Float activations ---------------------------------------------------
 
@@ -19,6 +20,17 @@ void map_items(const dl_matrix2d_t *in, dl_matrix2d_t *out, Op op)
 {
     for (int y = 0; y < in->h; y++)
         for (int x = 0; x < in->w; x++) out->item[x + out->stride * y] = op(in->item[x + in->stride * y]);
+}
+
+// The activation by this processor's kernel, row by row; false, with nothing
+// written, when it has none.
+bool float_kernel(dl::Activation act, const dl_matrix2d_t *in, dl_matrix2d_t *out)
+{
+    const dl::Isa isa = dl::detected_isa();
+    if (!dl::activation_kernel(isa, act, in->item, out->item, 0)) return false;
+    for (int y = 0; y < in->h; y++)
+        dl::activation_kernel(isa, act, in->item + in->stride * y, out->item + out->stride * y, in->w);
+    return true;
 }
 
 }  // namespace
@@ -64,6 +76,7 @@ fptp_t dl_sigmoid_op(fptp_t x)
 void dl_sigmoid(const dl_matrix2d_t *in, dl_matrix2d_t *out)
 {
     DL_ASSERT(dl_matrix_same_shape(in, out));
+    if (float_kernel(dl::Activation::sigmoid, in, out)) return;
     map_items(in, out, dl_sigmoid_op);
 }
 
@@ -76,6 +89,7 @@ fptp_t dl_tanh_op(fptp_t x)
 void dl_tanh(const dl_matrix2d_t *in, dl_matrix2d_t *out)
 {
     DL_ASSERT(dl_matrix_same_shape(in, out));
+    if (float_kernel(dl::Activation::tanh, in, out)) return;
     map_items(in, out, dl_tanh_op);
 }
 
@@ -89,6 +103,12 @@ fptp_t dl_relu_op(fptp_t x, fptp_t clip)
 void dl_relu(const dl_matrix2d_t *in, fptp_t clip, dl_matrix2d_t *out)
 {
     DL_ASSERT(dl_matrix_same_shape(in, out));
+    const dl::Isa isa = dl::detected_isa();
+    if (dl::relu_kernel(isa, in->item, out->item, 0, clip)) {
+        for (int y = 0; y < in->h; y++)
+            dl::relu_kernel(isa, in->item + in->stride * y, out->item + out->stride * y, in->w, clip);
+        return;
+    }
     map_items(in, out, [clip](fptp_t x) { return dl_relu_op(x, clip); });
 }
 
@@ -142,6 +162,22 @@ void map_items_q15(const dl_matrix2dq_t *in, dl_matrix2dq_t *out, Op op)
     out->exponent = -15;
 }
 
+// The Q15 activation by this processor's kernel, one run of items for flat
+// records, else one per column; false, with nothing written, when it has
+// none for in's exponent.
+bool q15_kernel(dl::Activation act, const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
+{
+    const dl::Isa isa = dl::detected_isa();
+    const int s = in->exponent + 15;
+    if (!dl::activation_q15_kernel(isa, act, in->itemq, out->itemq, 0, s)) return false;
+    const bool flat = dl::is_flat(in) && dl::is_flat(out);
+    const int runs = flat ? 1 : in->w, len = flat ? in->w * in->h : in->h;
+    for (int x = 0; x < runs; x++)
+        dl::activation_q15_kernel(isa, act, in->itemq + in->stride * x, out->itemq + out->stride * x, len, s);
+    out->exponent = -15;
+    return true;
+}
+
 }  // namespace
 
 namespace {
@@ -176,6 +212,7 @@ int32_t dl_sigmoid_op_q(int32_t x)
 void dl_sigmoid_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
 {
     DL_ASSERT(dl_matrixq_same_shape(in, out));
+    if (q15_kernel(dl::Activation::sigmoid, in, out)) return;
     map_items_q15(in, out, [](int32_t x) { return dl_sigmoid_op_q(x); });
 }
 
@@ -277,6 +314,7 @@ int32_t dl_tanh_op_q(int32_t x)
 void dl_tanh_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *out)
 {
     DL_ASSERT(dl_matrixq_same_shape(in, out));
+    if (q15_kernel(dl::Activation::tanh, in, out)) return;
     map_items_q15(in, out, [](int32_t x) { return dl_tanh_op_q(x); });
 }
 

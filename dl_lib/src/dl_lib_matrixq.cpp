@@ -9,15 +9,17 @@ using dl::low16;
 using dl::pow2f;
 using dl::trunc_i32;
 
+// Columns of odd height get one spare slot, so every column starts on an
+// even item. INT32_MAX has no even neighbour in range; a matrix that tall
+// can only be empty, as its items would not be addressable, and keeps h.
+static int column_stride(int h) { return (h > 1 && (h & 1) && h < INT32_MAX) ? h + 1 : h; }
+
 dl_matrix2dq_t *dl_matrixq_alloc(int w, int h)
 {
     if (w < 0 || h < 0) return nullptr;
     auto *m = static_cast<dl_matrix2dq_t *>(dl::mem_calloc(1, sizeof(dl_matrix2dq_t)));
     if (!m) return nullptr;
-    // Columns of odd height get one spare slot, so every column starts on an
-    // even item. INT32_MAX has no even neighbour in range; a matrix that tall
-    // can only be empty, as its items would not be addressable, and keeps h.
-    const int stride = (h > 1 && (h & 1) && h < INT32_MAX) ? h + 1 : h;
+    const int stride = column_stride(h);
     m->itemq =
         static_cast<qtp_t *>(dl::mem_calloc(static_cast<size_t>(w) * static_cast<size_t>(stride), sizeof(qtp_t)));
     if (!m->itemq && w != 0 && stride != 0) {
@@ -32,7 +34,53 @@ dl_matrix2dq_t *dl_matrixq_alloc(int w, int h)
     return m;
 }
 
-void dl_matrixq_free(dl_matrix2dq_t *m) { dl::free_record(m); }
+void dl_matrixq_free(dl_matrix2dq_t *m)
+{
+    // A prepared record's items sit in the block that starts with its header.
+    if (m && (m->flags & DL_MF_PREPARED) && !(m->flags & DL_MF_FOREIGNDATA)) {
+        dl::mem_free(const_cast<unsigned char *>(dl::prepared_header(m)));
+        dl::mem_free(m);
+        return;
+    }
+    dl::free_record(m);
+}
+
+dl_matrix2dq_t *dl_matrixq_prepare(const dl_matrix2dq_t *m)
+{
+    DL_ASSERT(m->w>=0 && m->h>=0);
+    const int stride = column_stride(m->h);
+    // The packed form starts on a 32-byte boundary of the block, past the
+    // items; it exists only where a kernel reads it. Sizes in 64 bits, so
+    // that a 32-bit target sees a block it cannot have.
+    const uint64_t items = static_cast<uint64_t>(m->w) * static_cast<uint64_t>(stride);
+    const uint64_t packed_at = (dl::kPreparedHeaderBytes + items * sizeof(qtp_t) + 31) / 32 * 32;
+    const uint64_t packed = dl::pairs_usable() ? dl::packed_pair_items(m) : 0;
+    const uint64_t bytes = packed_at + packed * sizeof(int16_t);
+    if (bytes > SIZE_MAX) return nullptr;
+    auto *r = static_cast<dl_matrix2dq_t *>(dl::mem_calloc(1, sizeof(dl_matrix2dq_t)));
+    if (!r) return nullptr;
+    auto *block = static_cast<unsigned char *>(dl::mem_calloc(1, static_cast<size_t>(bytes)));
+    if (!block) {
+        dl::mem_free(r);
+        return nullptr;
+    }
+    r->w = m->w;
+    r->h = m->h;
+    r->stride = stride;
+    r->flags = DL_MF_PREPARED;
+    r->exponent = m->exponent;
+    r->itemq = reinterpret_cast<qtp_t *>(block + dl::kPreparedHeaderBytes);
+    for (int x = 0; x < m->w; x++)
+        for (int y = 0; y < m->h; y++)
+            r->itemq[y + static_cast<size_t>(stride) * x] = m->itemq[y + static_cast<size_t>(m->stride) * x];
+    int16_t *pairs = nullptr;
+    if (packed) {
+        pairs = reinterpret_cast<int16_t *>(block + packed_at);
+        dl::pack_pairs(r, pairs);
+    }
+    *reinterpret_cast<dl::PreparedHeader *>(block) = {dl::kPreparedMagic, r->w, r->h, stride, r->itemq, pairs};
+    return r;
+}
 
 void dl_matrixq_zero(dl_matrix2dq_t *m)
 {
@@ -67,8 +115,11 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t 
     DL_ASSERT(m->w==out->w);
     DL_ASSERT(m->h==out->h);
 
+    // One row goes to the processor's kernels where it has them.
+    const dl::Isa isa = dl::detected_isa();
+    const bool row = m->h == 1 && dl::is_flat(out);
     fptp_t lo, hi;
-    matrix_get_range(m, &lo, &hi);
+    if (!row || !dl::float_range_kernel(isa, m->item, m->w, &lo, &hi)) matrix_get_range(m, &lo, &hi);
     const int e = dl::block_exponent((hi > -lo) ? hi : -lo);
     const fptp_t mult = pow2f(-e);
     const fptp_t half = 0.5f * pow2f(e);
@@ -76,8 +127,12 @@ dl_matrix2dq_t *dl_matrixq_from_matrix2d(const dl_matrix2d_t *m, dl_matrix2dq_t 
     // zero: positives round to nearest (halves up), negatives end up to one
     // unit above their nearest item. The row count bounds the column walk
     // too: an empty matrix may still have two billion columns.
-    if (m->h == 1 && dl::is_flat(out)) {
+    if (row) {
         // One row, the layers' case: both records are one run of items.
+        if (dl::quantise_kernel(isa, m->item, m->w, half, mult, out->itemq)) {
+            out->exponent = e;
+            return out;
+        }
         for (int x = 0; x < m->w; x++) {
             const fptp_t s = m->item[x] + half;
             const fptp_t p = s * mult;
@@ -136,7 +191,7 @@ void dl_printmatrixq(const dl_matrix2dq_t *m)
     const fptp_t factor = pow2f(m->exponent);
     for (int y = 0; y < m->h; y++) {
         for (int x = 0; x < m->w; x++) {
-            qtp_t q = m->itemq[y + m->stride * x];
+            qtp_t q = m->itemq[y + static_cast<size_t>(m->stride) * x];
             printf("% 6d (% 3.2f)   ", q, static_cast<double>(static_cast<fptp_t>(q) * factor));
         }
         printf("\n");
@@ -245,6 +300,14 @@ static void add_or_sub(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matr
     const int d = high->exponent - low->exponent;
     const int exponent = shift == 0 ? high->exponent + 1 : high->exponent;
     const int op = !sub ? 0 : a_high ? 1 : 2;
+    // Records that are one run of items each may go to the processor's
+    // kernel in one call.
+    if (dl::is_flat(high) && dl::is_flat(low) && dl::is_flat(res) &&
+        dl::add_items_kernel(dl::detected_isa(), high->itemq, low->itemq, res->itemq, high->w * high->h,
+                             d < 31 ? d : 31, op, shift == 0)) {
+        res->exponent = exponent;
+        return;
+    }
     if (shift == 0) {
         if (op == 0) add_or_sub_items<0, true>(high, low, res, d);
         else if (op == 1) add_or_sub_items<1, true>(high, low, res, d);
@@ -405,17 +468,18 @@ Spread spread_of(const dl_matrix2dq_t *m)
     // a second one, and only when an extreme says there may be any.
     const bool flat = dl::is_flat(m);
     const int runs = flat ? 1 : m->w, len = flat ? m->w * m->h : m->h;
-    int32_t hi = 0, lo = 0;
+    // The extremes are kept as items, so that the loop compares 16-bit lanes.
+    qtp_t hi = 0, lo = 0;
     for (int x = 0; x < runs; x++) {
         const qtp_t *p = m->itemq + m->stride * x;
         for (int i = 0; i < len; i++) {
-            const int32_t v = p[i];
+            const qtp_t v = p[i];
             hi = v > hi ? v : hi;
             lo = v < lo ? v : lo;
         }
     }
     Spread s;
-    s.largest = hi > -lo ? hi : -lo;  // -32768 has 32768
+    s.largest = hi > -lo ? hi : -static_cast<int32_t>(lo);  // -32768 has 32768
     if (hi == dl::kItemMax || lo <= -dl::kItemMax) {
         int clipped = 0;
         for (int x = 0; x < runs; x++) {

@@ -91,32 +91,54 @@ void float_tile_mr(int mr, int nv, const float *a, int lda, const float *panel, 
     float_tile_nv<V, MR>(nv, a, lda, panel, K, res, ldr, nc);
 }
 
-// Fewer rows than a tile, typically the one-sample case: res stays in the
-// cache while b streams through once, four rows of b at a time. res holds
-// the running sums, which are exactly the floats the ordered sum passes by.
+// Fewer rows than a tile, typically the one-sample case: each row of res is
+// made NV vectors of columns at a time, their running sums kept in registers
+// over all of k while b's rows stream by. The last vector of the last
+// block may be partial (n items).
+template <class V, int NV>
+void float_row_block(const float *arow, const dl_matrix2d_t *b, int x0, int n, float *res)
+{
+    constexpr int L = V::kLanes;
+    typename V::F acc[NV];
+#pragma GCC unroll 16
+    for (int j = 0; j < NV; j++) acc[j] = V::zero();
+    const float *bcol = b->item + x0;
+    for (int k = 0; k < b->h; k++) {
+        const typename V::F av = V::bcast(arow[k]);
+        const float *brow = bcol + static_cast<size_t>(b->stride) * k;
+#pragma GCC unroll 16
+        for (int j = 0; j < NV - 1; j++) acc[j] = V::add(acc[j], V::mul(av, V::load(brow + L * j)));
+        const typename V::F last = n == L ? V::load(brow + L * (NV - 1)) : V::load_part(brow + L * (NV - 1), n);
+        acc[NV - 1] = V::add(acc[NV - 1], V::mul(av, last));
+    }
+#pragma GCC unroll 16
+    for (int j = 0; j < NV - 1; j++) V::store(res + x0 + L * j, acc[j]);
+    if (n == L) V::store(res + x0 + L * (NV - 1), acc[NV - 1]);
+    else V::store_part(res + x0 + L * (NV - 1), acc[NV - 1], n);
+}
+
+// The block for nv vectors, at most NV.
+template <class V, int NV = 8>
+void float_row_nv(int nv, const float *arow, const dl_matrix2d_t *b, int x0, int n, float *res)
+{
+    if constexpr (NV > 1) {
+        if (nv < NV) return float_row_nv<V, NV - 1>(nv, arow, b, x0, n, res);
+    }
+    float_row_block<V, NV>(arow, b, x0, n, res);
+}
+
 template <class V>
 void float_dot_rows(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res)
 {
-    constexpr int L = V::kLanes;
-    const int M = a->h, K = a->w, N = b->w;
-    for (int y = 0; y < M; y++)
-        for (int x = 0; x < N; x++) res->item[x + res->stride * y] = 0.0f;
-    for (int k0 = 0; k0 < K; k0 += 4) {
-        const int kk = min_int(4, K - k0);
-        const float *brow = b->item + b->stride * k0;
-        for (int x0 = 0; x0 < N; x0 += L) {
-            const int n = min_int(L, N - x0);
-            typename V::F bv[4];
-            for (int t = 0; t < kk; t++)
-                bv[t] = n == L ? V::load(brow + b->stride * t + x0) : V::load_part(brow + b->stride * t + x0, n);
-            for (int y = 0; y < M; y++) {
-                float *r = res->item + res->stride * y + x0;
-                const float *ar = a->item + a->stride * y + k0;
-                typename V::F acc = n == L ? V::load(r) : V::load_part(r, n);
-                for (int t = 0; t < kk; t++) acc = V::add(acc, V::mul(V::bcast(ar[t]), bv[t]));
-                if (n == L) V::store(r, acc);
-                else V::store_part(r, acc, n);
-            }
+    constexpr int L = V::kLanes, NB = 8 * L;
+    const int N = b->w;
+    for (int y = 0; y < a->h; y++) {
+        const float *arow = a->item + static_cast<size_t>(a->stride) * y;
+        float *r = res->item + static_cast<size_t>(res->stride) * y;
+        for (int x0 = 0; x0 < N; x0 += NB) {
+            const int nc = N - x0 < NB ? N - x0 : NB;
+            const int nv = (nc + L - 1) / L;
+            float_row_nv<V>(nv, arow, b, x0, nc - L * (nv - 1), r);
         }
     }
 }

@@ -65,6 +65,19 @@ static const dl_matrix2dq_t *need_q(const model_coeff_getter_t *model, const cha
     return m;
 }
 
+/* A weight prepared once for the products (dl_matrixq_prepare): the same
+ * bits, faster where the processor has a kernel for the packed form. Kept
+ * for the life of the program, as the other records of the variants are. */
+static const dl_matrix2dq_t *need_weight(const model_coeff_getter_t *model, const char *name)
+{
+    const dl_matrix2dq_t *m = dl_matrixq_prepare(need_q(model, name));
+    if (!m) {
+        fprintf(stderr, "digits: no memory to prepare %s\n", name);
+        exit(2);
+    }
+    return m;
+}
+
 /* ---- LSTM: the rows of the image are the time steps --------------------- */
 
 static int lstm_float(const fptp_t *image)
@@ -98,9 +111,9 @@ static int lstm_quantised_weights(const fptp_t *image)
     static dl_matrix2d_t *c, *h, *scores;
     if (!w) {
         const model_coeff_getter_t *m = &get_coeff_lstm_qw;
-        w = need_q(m, "lstm_w");
+        w = need_weight(m, "lstm_w");
         b = need_f(m, "lstm_b");
-        fc_w = need_q(m, "lstm_fc_w");
+        fc_w = need_weight(m, "lstm_fc_w");
         fc_b = need_f(m, "lstm_fc_b");
         c = dl_matrix_alloc(LSTM_UNITS, 1);
         h = dl_matrix_alloc(LSTM_UNITS, 1);
@@ -124,9 +137,9 @@ static int lstm_fixed(const fptp_t *image)
     static dl_matrix2dq_t *pixels, *step, *c, *h, *scores;
     if (!w) {
         const model_coeff_getter_t *m = &get_coeff_lstm_q;
-        w = need_q(m, "lstm_w");
+        w = need_weight(m, "lstm_w");
         b = need_q(m, "lstm_b");
-        fc_w = need_q(m, "lstm_fc_w");
+        fc_w = need_weight(m, "lstm_fc_w");
         fc_b = need_q(m, "lstm_fc_b");
         pixels = dl_matrixq_alloc(SIDE, SIDE);
         c = dl_matrixq_alloc(LSTM_UNITS, 1);
@@ -190,15 +203,15 @@ static int conv_quantised_weights(const fptp_t *image)
     static dl_matrix2d_t *features, *hidden, *scores;
     if (!conv_w) {
         const model_coeff_getter_t *m = &get_coeff_conv_qw;
-        conv_w = need_q(m, "conv_w");
+        conv_w = need_weight(m, "conv_w");
         conv_b = need_f(m, "conv_b");
-        fc1_w = need_q(m, "fc1_w");
+        fc1_w = need_weight(m, "fc1_w");
         fc1_b = need_f(m, "fc1_b");
         offset = need_f(m, "bn1_offset");
         scale = need_f(m, "bn1_scale");
         mean = need_f(m, "bn1_mean");
         root = need_f(m, "bn1_var");
-        fc2_w = need_q(m, "fc2_w");
+        fc2_w = need_weight(m, "fc2_w");
         fc2_b = need_f(m, "fc2_b");
         features = dl_matrix_alloc(CONV_OUT_SIZE, 1);
         hidden = dl_matrix_alloc(FC1_OUTPUTS, 1);
@@ -224,17 +237,17 @@ static int conv_fixed(const fptp_t *image)
     static dl_matrix2dq_t *features_q, *hidden, *scores;
     if (!conv_w) {
         const model_coeff_getter_t *m = &get_coeff_conv_q;
-        conv_w = need_q(m, "conv_w");
+        conv_w = need_weight(m, "conv_w");
         /* The library convolves with a fixed-point filter into floats, with
          * a float bias: the bias is turned back to floats once. */
         conv_b = dl_matrix2d_from_matrixq(need_q(m, "conv_b"), NULL);
-        fc1_w = need_q(m, "fc1_w");
+        fc1_w = need_weight(m, "fc1_w");
         fc1_b = need_q(m, "fc1_b");
         offset = need_q(m, "bn1_offset");
         scale = need_q(m, "bn1_scale");
         mean = need_q(m, "bn1_mean");
         root = need_q(m, "bn1_var");
-        fc2_w = need_q(m, "fc2_w");
+        fc2_w = need_weight(m, "fc2_w");
         fc2_b = need_q(m, "fc2_b");
         features = dl_matrix_alloc(CONV_OUT_SIZE, 1);
         features_q = dl_matrixq_alloc(CONV_OUT_SIZE, 1);
