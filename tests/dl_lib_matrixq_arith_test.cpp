@@ -137,7 +137,7 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
         ASSERT_EQ(dl::prepared_pairs(prepared.get()) != nullptr, dl::pairs_usable() && K > 0);
         for (int x = 0; x < N; x++)
             for (int y = 0; y < K; y++) ASSERT_EQ(prepared->itemq[y + prepared->stride * x], b.at(x, y));
-        const int shift = uniform(rng, 0, default_shift(K)), s = default_shift(K) - shift;
+        const int shift = uniform(rng, 0, product_shift(K)), s = product_shift(K) - shift;
         ItemBox want(N, M, 0), got(N, M, 1);
         FloatBox fwant(N, M, 0), fgot(N, M, 2);
         dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_items(&want.m, s));
@@ -166,7 +166,7 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
             dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_floats(&want.m, 1.0f));
             dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_items(&want_items.m, 20));
             dl_matrixq_dot_matrix_out(&a.m, p.get(), &got.m);
-            dl_matrixq_dot(&a.m, p.get(), &items.m, default_shift(K) - 20);
+            dl_matrixq_dot(&a.m, p.get(), &items.m, product_shift(K) - 20);
             for (int x = 0; x < 9; x++) {
                 ASSERT_EQ(got.at(x, 0), want.at(x, 0)) << c[0] << " " << c[1] << " K " << K;
                 ASSERT_EQ(items.at(x, 0), want_items.at(x, 0)) << c[0] << " " << c[1] << " K " << K;
