@@ -259,10 +259,6 @@ TEST(SoftmaxQ, QuarterOfZeroMatrixAndInPlace)
 
 // ---- Contract ------------------------------------------------------------
 
-class ActivationDeathTest : public testing::TestWithParam<DeathCase> {};
-
-TEST_P(ActivationDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
 dl_matrix2d_t *f(int w, int h) { return dl_matrix_alloc(w, h); }
 dl_matrix2dq_t *q(int w, int h) { return dl_matrixq_alloc(w, h); }
 
@@ -279,6 +275,6 @@ const DeathCase kActivationDeathTestCases[] = {
     {"softmax_q_into_small", [] { dl_softmax_q(q(1, 2), q(1, 1)); },
      "dl_softmax_q: Assertion `out->w>=in->w && out->h>=in->h'"}};
 
-INSTANTIATE_TEST_SUITE_P(Conditions, ActivationDeathTest, testing::ValuesIn(kActivationDeathTestCases), CaseName());
+DEATH_TEST_TABLE(ActivationDeathTest, kActivationDeathTestCases);
 
 }  // namespace

@@ -422,10 +422,6 @@ TEST(QGetSet, SetRaisesExponentOnlyAsNeeded)
 // ---- Contract ------------------------------------------------------------
 
 // One case per asserted condition, in the order the conditions are checked.
-class MatrixqDeathTest : public testing::TestWithParam<DeathCase> {};
-
-TEST_P(MatrixqDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
 // A record with the given shape; a negative width is kept as given.
 dl_matrix2dq_t *q(int w, int h)
 {
@@ -527,6 +523,6 @@ const DeathCase kMatrixqDeathTestCases[] = {
     {"set_column", [] { dl_matrixq_set(q(2, 2), 2, 0, 1.0f); }, "dl_matrixq_set: Assertion `x>=0 && x<m->w'"},
     {"set_row", [] { dl_matrixq_set(q(2, 2), 0, -1, 1.0f); }, "dl_matrixq_set: Assertion `y>=0 && y<m->h'"}};
 
-INSTANTIATE_TEST_SUITE_P(Conditions, MatrixqDeathTest, testing::ValuesIn(kMatrixqDeathTestCases), CaseName());
+DEATH_TEST_TABLE(MatrixqDeathTest, kMatrixqDeathTestCases);
 
 }  // namespace

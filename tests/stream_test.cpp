@@ -211,15 +211,13 @@ TEST(StreamSilence, LongRunNeitherAllocatesNorDrifts)
 
 void death_stream_float_on_fixed_features()
 {
-    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&kDefaultConfig, dl_matrixq_alloc(2, 257), nullptr);
     dl_audio_stream_alloc(
         f, 4, 1, [](void *, const dl_matrix2d_t *, fptp_t *) {}, nullptr);
 }
 void death_detector_words()
 {
-    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&kDefaultConfig, dl_matrixq_alloc(2, 257), nullptr);
     dl_audio_stream_t *s = dl_audio_stream_alloc_q(
         f, 4, 2, [](void *, const dl_matrix2dq_t *, fptp_t *) {}, nullptr);
     const int win = 1;
@@ -227,16 +225,11 @@ void death_detector_words()
     dl_audio_stream_push(nullptr, 0, s, dl_detector_alloc(1, &win, thresh), nullptr, 0);
 }
 
-class StreamDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
+const testutil::DeathCase kStreamDeaths[] = {
+    {"float_on_fixed_features", death_stream_float_on_fixed_features, "Assertion `features->mel' failed"},
+    {"detector_words", death_detector_words, "Assertion `detector->words==s->n_scores' failed"},
+};
 
-TEST_P(StreamDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
-INSTANTIATE_TEST_SUITE_P(Conditions, StreamDeathTest,
-                         testing::Values(testutil::DeathCase{"float_on_fixed_features",
-                                                             death_stream_float_on_fixed_features,
-                                                             "Assertion `features->mel' failed"},
-                                         testutil::DeathCase{"detector_words", death_detector_words,
-                                                             "Assertion `detector->words==s->n_scores' failed"}),
-                         testutil::CaseName());
+DEATH_TEST_TABLE(StreamDeathTest, kStreamDeaths);
 
 }  // namespace

@@ -518,10 +518,6 @@ const testutil::DeathCase kDeaths[] = {
      "Assertion `in->c==1' failed"},
 };
 
-class TensorOpsDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
-
-TEST_P(TensorOpsDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
-INSTANTIATE_TEST_SUITE_P(Conditions, TensorOpsDeathTest, testing::ValuesIn(kDeaths), testutil::CaseName());
+DEATH_TEST_TABLE(TensorOpsDeathTest, kDeaths);
 
 }  // namespace

@@ -64,6 +64,13 @@ struct DeathCase {
 
 inline void PrintTo(const DeathCase &c, std::ostream *os) { *os << c.name; }
 
+// The death test suite of a table of DeathCase rows, one test a row, named
+// Conditions/<Suite>.FailsWithConditionText/<row name>.
+#define DEATH_TEST_TABLE(Suite, cases)                                                             \
+    class Suite : public testing::TestWithParam<testutil::DeathCase> {};                           \
+    TEST_P(Suite, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); } \
+    INSTANTIATE_TEST_SUITE_P(Conditions, Suite, testing::ValuesIn(cases), testutil::CaseName())
+
 // The bytes of a version 1.0 .npy file with the given header text and data.
 inline std::string npy_bytes(const std::string &header, const std::string &data)
 {
