@@ -19,17 +19,12 @@ namespace {
 
 // ---- helpers ----------------------------------------------------------------
 
-// A model directory of crafted files, removed with the object.
-class ModelDir : public TempDir {
-  public:
-    // One row of '<f4' values.
-    void write_row(const std::string &name, const std::vector<float> &values) const
-    {
-        write(name,
-              npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': (" + std::to_string(values.size()) + ",), }",
-                        raw<float>(values)));
-    }
-};
+// A file of one row of '<f4' values in a model directory.
+void write_row(const TempDir &dir, const std::string &name, const std::vector<float> &values)
+{
+    const std::string shape = "(" + std::to_string(values.size()) + ",)";
+    dir.write(name, npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': " + shape + ", }", raw(values)));
+}
 
 struct RunResult {
     int status;
@@ -158,8 +153,8 @@ class WarningTest : public testing::TestWithParam<WarningCase> {};
 TEST_P(WarningTest, Directory)
 {
     const WarningCase &c = GetParam();
-    ModelDir dir;
-    dir.write_row(c.file, c.values);
+    TempDir dir;
+    write_row(dir, c.file, c.values);
     const ModelReport r = analyse(dir.path(), c.opts);
     ASSERT_EQ(r.tables.size(), 1u);
     std::vector<std::string> codes;
@@ -202,9 +197,9 @@ INSTANTIATE_TEST_SUITE_P(
 // them (bytes that are no UTF-8 become U+FFFD).
 TEST(Json, NamesWithQuotesBackslashesAndControlBytesParse)
 {
-    ModelDir dir;
+    TempDir dir;
     const std::string odd = "q\"b\\s\x01\x1f.npy";
-    dir.write_row(odd, {1.0f, -0.5f});
+    write_row(dir, odd, {1.0f, -0.5f});
     dir.write("junk.\x7f\xff", "not a numpy file");
     const RunResult res = run({dir.path().c_str(), "--json"});
     ASSERT_EQ(res.status, 0) << res.err;
@@ -267,7 +262,7 @@ TEST_P(AgreementTest, TablesAndFlashBytes)
 {
     const AgreementCase &c = GetParam();
     const std::string dir = std::string(DL_SOURCE_DIR) + "/" + c.dir;
-    ModelDir out;
+    TempDir out;
     Settings s = settings(dir, c.opts);
     s.cfile = out.path() + "/m.c";
     s.hfile = out.path() + "/m.h";
