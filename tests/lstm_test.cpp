@@ -157,9 +157,9 @@ INSTANTIATE_TEST_SUITE_P(Shapes, LstmReferenceTest,
 
 // One unit, one row, one input: the two states after one step, as state_c's
 // item and exponent, then state_h's.
-using QState = std::tuple<int, int, int, int>;
+using States = std::tuple<int, int, int, int>;
 
-QState q_step(const std::vector<int> &weight, int w_exponent, const std::vector<int> *bias, int b_exponent, int c_item,
+States q_step(const std::vector<int> &weight, int w_exponent, const std::vector<int> *bias, int b_exponent, int c_item,
               int c_exponent, int shift, std::string *errors)
 {
     MatrixqPtr in = qmatrix(1, 1, -15, {16384});
@@ -183,7 +183,7 @@ TEST(LstmQ, ExponentTrailWithZeroWeight)
     // h 20360 at -16 (0.7308 and 0.3107).
     std::string errors;
     const std::vector<int> zero(8, 0);
-    EXPECT_EQ(q_step(zero, -15, nullptr, 0, 16384, -14, 0, &errors), QState(23948, -15, 20360, -16));
+    EXPECT_EQ(q_step(zero, -15, nullptr, 0, 16384, -14, 0, &errors), States(23948, -15, 20360, -16));
     EXPECT_EQ(dl_tanh_op_q(23948), 20365);
     EXPECT_EQ((20365 * 16382) >> 16, 5090);
     EXPECT_EQ(errors, "");
@@ -199,7 +199,7 @@ TEST(LstmQ, ExponentTrailWithSaturatedGates)
     std::string errors;
     const std::vector<int> zero(8, 0), bias = {16384, 8192, 16384, 16384};
     const int h = (dl_tanh_op_q(24574 << 1) * 32767) >> 16;
-    EXPECT_EQ(q_step(zero, -15, &bias, -11, 32767, -16, 0, &errors), QState(24574, -14, h << 1, -15));
+    EXPECT_EQ(q_step(zero, -15, &bias, -11, 32767, -16, 0, &errors), States(24574, -14, h << 1, -15));
     EXPECT_EQ(errors, "");
 }
 
