@@ -123,7 +123,7 @@ struct QDotCase {
     const char *name;
     ItemBox a, b;
     int shift;
-    std::vector<int> want;  // items of res, column by column
+    std::vector<int> want;  // items of res, row by row
     int exponent;
 };
 
@@ -136,9 +136,7 @@ TEST_P(QDotGoldenTest, ItemsAndExponent)
     QDotCase c = GetParam();
     ItemBox res(c.b.m.w, c.a.m.h, 0, 99);
     dl_matrixq_dot(&c.a.m, &c.b.m, &res.m, c.shift);
-    EXPECT_EQ(res.m.exponent, c.exponent);
-    for (int x = 0; x < res.m.w; x++)
-        for (int y = 0; y < res.m.h; y++) EXPECT_EQ(res.at(x, y), c.want[y + res.m.h * x]) << x << "," << y;
+    EXPECT_EQ(state(&res.m), QState(c.want, c.exponent));
 }
 
 const int kMax = 32767;
@@ -173,18 +171,6 @@ TEST(QDotMatrixOut, FactorFromExponentsAndFloatOperand)
 
 // ---- Element-wise operations ------------------------------------------------
 
-// The items of a record, column by column, and its exponent.
-struct Snapshot {
-    int w, h, exponent;
-    std::vector<int32_t> v;  // column by column
-    explicit Snapshot(const dl_matrix2dq_t &m) : w(m.w), h(m.h), exponent(m.exponent)
-    {
-        for (int x = 0; x < w; x++)
-            for (int y = 0; y < h; y++) v.push_back(m.itemq[y + m.stride * x]);
-    }
-    explicit Snapshot(const ItemBox &b) : Snapshot(b.m) {}
-};
-
 using QOp = void (*)(const dl_matrix2dq_t *, const dl_matrix2dq_t *, dl_matrix2dq_t *, int);
 
 void mul_op(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *r, int) { dl_matrixq_mul(a, b, r); }
@@ -210,8 +196,7 @@ TEST_P(QPairTest, ItemsAndExponentThroughViews)
     ItemBox a = items(2, 1, {c.a, c.a}, c.ea, 2), b = items(2, 1, {c.b, c.b}, c.eb, 2), fresh(2, 1, 2, 99);
     ItemBox &res = into == Into::a ? a : into == Into::b ? b : fresh;
     c.op(&a.m, &b.m, &res.m, c.shift);
-    EXPECT_EQ(Snapshot(res).v, std::vector<int32_t>(2, c.want));
-    EXPECT_EQ(res.m.exponent, c.exponent);
+    EXPECT_EQ(state(&res.m), QState({c.want, c.want}, c.exponent));
     EXPECT_TRUE(a.margins_intact() && b.margins_intact() && res.margins_intact());
 }
 
@@ -267,8 +252,7 @@ TEST(QAddConst, Boundaries)
     for (const auto &c : cases) {
         ItemBox m = items(3, 1, {5, -1, kMax}, c.exponent, 1);
         dl_matrixq_add_const(&m.m, c.value, c.shift);
-        EXPECT_EQ(m.m.exponent, c.want_exponent) << c.value;
-        for (int x = 0; x < 3; x++) EXPECT_EQ(m.at(x, 0), c.want[x]) << c.value << " item " << x;
+        EXPECT_EQ(state(&m.m), QState(c.want, c.want_exponent)) << c.value;
         EXPECT_TRUE(m.margins_intact()) << c.value;
     }
 }
@@ -302,17 +286,17 @@ TEST(QSliceFlatten, ViewsAndRowByRowCopies)
     for (int x = 0; x < 4; x++)
         for (int y = 0; y < 3; y++) src.at(x, y) = static_cast<qtp_t>(10 * x + y);
     dl_matrix2dq_t *v = dl_matrixq_slice(&src.m, 1, 1, 2, 2, nullptr);
-    EXPECT_EQ(Snapshot(*v).v, (std::vector<int32_t>{11, 12, 21, 22}));
+    EXPECT_EQ(state(v).first, (std::vector<int>{11, 21, 12, 22}));
     EXPECT_EQ(v->flags, DL_MF_FOREIGNDATA);
     EXPECT_EQ(v->exponent, -6);
     dl_matrixq_slice(&src.m, 0, 2, 4, 1, v);  // the record reused for the last row
-    EXPECT_EQ(Snapshot(*v).v, (std::vector<int32_t>{2, 12, 22, 32}));
+    EXPECT_EQ(state(v).first, (std::vector<int>{2, 12, 22, 32}));
     dl_matrixq_free(v);
     EXPECT_TRUE(src.margins_intact());
 
     MatrixqPtr out = own(dl_matrixq_flatten(&src.m, 1, 1, 2, 2, nullptr));
     EXPECT_EQ(std::tuple(out->w, out->h, out->stride, out->exponent), std::tuple(4, 1, 1, -6));
-    EXPECT_EQ(Snapshot(*out).v, (std::vector<int32_t>{11, 21, 12, 22}));
+    EXPECT_EQ(state(out.get()).first, (std::vector<int>{11, 21, 12, 22}));
     src.at(1, 1) = -5;  // once more into the same record
     EXPECT_EQ(dl_matrixq_flatten(&src.m, 1, 1, 2, 2, out.get()), out.get());
     EXPECT_EQ(out->itemq[0], -5);
@@ -347,7 +331,7 @@ TEST_P(SanityTest, ResultAndMessage)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     dl_set_sanity_handler(nullptr, nullptr);
     EXPECT_EQ(routed, c.message);
-    EXPECT_EQ(Snapshot(m).v, std::vector<int32_t>(c.items.begin(), c.items.end()));
+    EXPECT_EQ(state(&m.m).first, c.items);
 }
 
 std::vector<int> with_clipped(int clipped, int total)
@@ -386,8 +370,7 @@ TEST(QReadjust, Boundaries)
         const int n = static_cast<int>(c.items.size());
         ItemBox m = items(n, 1, c.items);
         dl_matrixq_readjust_exp(&m.m);
-        EXPECT_EQ(m.m.exponent, c.exponent) << c.items[0];
-        EXPECT_EQ(Snapshot(m).v, std::vector<int32_t>(c.want.begin(), c.want.end())) << c.items[0];
+        EXPECT_EQ(state(&m.m), QState(c.want, c.exponent)) << c.items[0];
     }
 }
 
@@ -412,8 +395,7 @@ TEST(QGetSet, SetRaisesExponentOnlyAsNeeded)
     for (const auto &c : cases) {
         ItemBox m = items(2, 1, c.items, c.exponent, 1);  // stride 2
         dl_matrixq_set(&m.m, 0, 0, c.value);
-        EXPECT_EQ(m.m.exponent, c.want_exponent) << c.name;
-        EXPECT_EQ(Snapshot(m).v, std::vector<int32_t>(c.want.begin(), c.want.end())) << c.name;
+        EXPECT_EQ(state(&m.m), QState(c.want, c.want_exponent)) << c.name;
         EXPECT_EQ(dl_matrixq_get(&m.m, 1, 0), std::ldexp(static_cast<float>(c.want[1]), c.want_exponent)) << c.name;
         EXPECT_TRUE(m.margins_intact()) << c.name;
     }
