@@ -196,6 +196,12 @@ inline QState state(const dl_matrix2dq_t *m)
     return s;
 }
 
+// A tensor's items in storage order and its exponent.
+inline QState state(const dl_matrix3dq_t *t)
+{
+    return {std::vector<int>(t->item, t->item + static_cast<size_t>(t->n) * t->w * t->h * t->c), t->exponent};
+}
+
 // A w x h matrix of values uniform in [lo, hi).
 inline testutil::MatrixPtr random_matrix(Rng &rng, int w, int h, float lo, float hi)
 {
