@@ -285,6 +285,7 @@ INSTANTIATE_TEST_SUITE_P(Paths, ConvPathTest,
                                           testing::ValuesIn(kCases)),
                          PathName());
 
+// The float layer by each path; the fixed-point ones have one path.
 class DepthwiseTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};
 
 TEST_P(DepthwiseTest, SameBitsAsReference)
@@ -298,7 +299,7 @@ TEST_P(DepthwiseTest, SameBitsAsReference)
     for (int round = 0; round < 3; round++) {
         Operands o(rng, k, true);
         T3 f = own(
-            dl_matrix3d_depthwise_conv_layer(o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, &k.pad, nullptr));
+            dl::depthwise_conv_layer(isa, o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, &k.pad, nullptr));
         expect_floats(ref_float(k, g, true, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(),
                       dl::isa_name(isa));
         T3q qin = own(dl_matrixq_from_matrix3d(o.fin.get()));
@@ -349,15 +350,13 @@ TEST(TensorConvGolden, FilterBankLayoutAndFixedPointExponent)
     T3q filter = items(2, 2, 1, 2, -3, {1, 0, 0, 0, 0, 1, 0, 1});  // first channel-0 item; sum of channel 1
     T3q out = own(dl_matrix3dq_conv_layer_q(in.get(), filter.get(), nullptr, 1, 1, nullptr, nullptr, 17));
     // K = 4, default shift 17, caller's 17: s = 0, so the sums stand as they are.
-    EXPECT_EQ(out->exponent, -5);
-    EXPECT_EQ(std::vector<int>(out->item, out->item + 2), (std::vector<int>{1, 6}));
+    EXPECT_EQ(state(out.get()), QState({1, 6}, -5));
     // With the default shift: 6 >> 17 is 0, and the exponent rises by 17.
     T3q bias = items(1, 1, 1, 2, -12, {-3, 5});
     T3q shifted = own(dl_matrix3dq_conv_layer_q(in.get(), filter.get(), bias.get(), 1, 1, nullptr, nullptr, 0));
     // The bias at -12 is lower than the sums' 12: shifted right by 24, -3
     // becomes -1 (rounded down), 5 becomes 0.
-    EXPECT_EQ(shifted->exponent, 12);
-    EXPECT_EQ(std::vector<int>(shifted->item, shifted->item + 2), (std::vector<int>{-1, 0}));
+    EXPECT_EQ(state(shifted.get()), QState({-1, 0}, 12));
 }
 
 TEST(TensorConvGolden, ImageBytesAreEighths)
@@ -367,14 +366,11 @@ TEST(TensorConvGolden, ImageBytesAreEighths)
     img_rec.item = bytes;
     T3 filter = floats(1, 1, 1, 1, {2.0f});
     T3 out = own(dl_matrix3du_conv_layer(&img_rec, filter.get(), nullptr, 1, 1, nullptr, nullptr));
-    EXPECT_EQ(out->item[0], 1.0f);
-    EXPECT_EQ(out->item[1], 255.0f / 128.0f);
+    EXPECT_EQ(std::vector<float>(out->item, out->item + 2), (std::vector<float>{1.0f, 255.0f / 128.0f}));
     // Fixed point: items 128 * b at exponent -15.
     T3q qfilter = items(1, 1, 1, 1, 0, {1});
     T3q q = own(dl_matrix3du_conv_layer_q(&img_rec, qfilter.get(), nullptr, 1, 1, nullptr, nullptr, 15));
-    EXPECT_EQ(q->exponent, -15);
-    EXPECT_EQ(q->item[0], 128 * 128);
-    EXPECT_EQ(q->item[1], 255 * 128);
+    EXPECT_EQ(state(q.get()), QState({128 * 128, 255 * 128}, -15));
 }
 
 struct SameCase {
@@ -427,15 +423,12 @@ TEST(TensorPool, FixedPointRoundsDownAndKeepsExponent)
     // Two channels; windows of 1 x 2 over 2 x 1 x 2.
     T3q in = items(1, 2, 1, 2, -7, {-1, 32767, -2, 32767});
     T3q avg = own(dl_matrix3dq_avg_pool_q(in.get(), 2, 1, 1, 1, nullptr));
-    EXPECT_EQ(avg->exponent, -7);
-    EXPECT_EQ(avg->item[0], -2);  // -3 / 2 rounded toward minus infinity
-    EXPECT_EQ(avg->item[1], 32767);
+    EXPECT_EQ(state(avg.get()), QState({-2, 32767}, -7));  // -3 / 2 rounded toward minus infinity
     T3q low = items(1, 2, 1, 1, 0, {-32768, -32768});
     T3q g = own(dl_matrix3dq_global_avg_pool_q(low.get(), nullptr));
     EXPECT_EQ(g->item[0], -32767);  // saturated
     T3q mx = own(dl_matrix3dq_max_pool_q(in.get(), 2, 1, 1, 1, nullptr));
-    EXPECT_EQ(std::vector<int>(mx->item, mx->item + 2), (std::vector<int>{-1, 32767}));
-    EXPECT_EQ(mx->exponent, -7);
+    EXPECT_EQ(state(mx.get()), QState({-1, 32767}, -7));
 }
 
 // ---- Element-wise -----------------------------------------------------------
@@ -444,17 +437,14 @@ TEST(TensorElementwise, ReluAndAddFollowTheMatrixRules)
 {
     T3q a = items(1, 1, 1, 3, -4, {-5, 40, 100});
     T3q r = own(dl_matrix3dq_relu_q(a.get(), 4.0f, nullptr));  // clip 4.0 is item 64
-    EXPECT_EQ(r->exponent, -4);
-    EXPECT_EQ(std::vector<int>(r->item, r->item + 3), (std::vector<int>{0, 40, 64}));
+    EXPECT_EQ(state(r.get()), QState({0, 40, 64}, -4));
     T3q b = items(1, 1, 1, 3, -2, {1, -1, 32767});
     // b is higher: a is shifted right by 2 (-5 -> -2), saturated at 32767.
     T3q s1 = own(dl_matrix3dq_add_q(a.get(), b.get(), nullptr, 1));
-    EXPECT_EQ(s1->exponent, -2);
-    EXPECT_EQ(std::vector<int>(s1->item, s1->item + 3), (std::vector<int>{-1, 9, 32767}));
+    EXPECT_EQ(state(s1.get()), QState({-1, 9, 32767}, -2));
     // In place, halving: exponent one above.
     dl_matrix3dq_add_q(a.get(), b.get(), a.get(), 0);
-    EXPECT_EQ(a->exponent, -1);
-    EXPECT_EQ(std::vector<int>(a->item, a->item + 3), (std::vector<int>{-1, 4, 16396}));
+    EXPECT_EQ(state(a.get()), QState({-1, 4, 16396}, -1));
 
     T3 f = floats(1, 1, 1, 3, {-1, 0.5f, 9});
     dl_matrix3d_relu(f.get(), 2.0f, f.get());
