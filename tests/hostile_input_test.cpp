@@ -62,11 +62,6 @@ bool within_limits(long mb, int cpu_seconds, const std::function<bool()> &f)
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-const std::string kF4 = "{'descr': '<f4', 'fortran_order': False, 'shape': ";
-
-// A '<f4' file of the shape and data.
-std::string f4(const std::string &shape, const std::string &data = "") { return npy_bytes(kF4 + shape + ", }", data); }
-
 // --- Loaders ----------------------------------------------------------------
 
 enum class Loader { matrix, weights, weights_q, input };
@@ -209,8 +204,7 @@ class HostileDirectoryTest : public testing::Test {
 TEST_F(HostileDirectoryTest, BillionsPromisedAreRefusedWithoutAllocating)
 {
     const char *const shapes[] = {"(2000000000, 1)", "(65536, 65536)", "(1000000, 1000)"};
-    for (int i = 0; i < 3; i++)
-        write("w" + std::to_string(i) + ".npy", npy_bytes(kF4 + shapes[i] + ", }", raw<float>({1})));
+    for (int i = 0; i < 3; i++) write("w" + std::to_string(i) + ".npy", f4(shapes[i], raw<float>({1})));
     const std::vector<std::vector<std::string>> modes = {
         {}, {"-no-quantized"}, {"-3d"}, {"-3d", "-no-quantized"}, {"-3d", "-in"}};
     for (const std::vector<std::string> &options : modes) {

@@ -19,11 +19,6 @@ struct LoadCase {
     std::vector<float> items{};
 };
 
-const std::string kF4 = "{'descr': '<f4', 'fortran_order': False, 'shape': ";
-
-// A '<f4' file of the shape and data.
-std::string f4(const std::string &shape, const std::string &data) { return npy_bytes(kF4 + shape + ", }", data); }
-
 // The line every load that gets as far as the element type prints.
 std::string size_line(const std::string &h, const std::string &w) { return "@: matrix of " + h + " by " + w + ".\n"; }
 

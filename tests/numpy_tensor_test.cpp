@@ -19,13 +19,8 @@ std::vector<float> counting(int count)
     return v;
 }
 
-std::string f4_file(const std::string &shape, const std::string &data)
-{
-    return npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': " + shape + ", }", data);
-}
-
 // A '<f4' file of the shape holding the elements 1 to count.
-std::string f4(const std::string &shape, int count) { return f4_file(shape, raw(counting(count))); }
+std::string f4(const std::string &shape, int count) { return testutil::f4(shape, raw(counting(count))); }
 
 struct TensorCase {
     const char *name;

@@ -22,8 +22,7 @@ namespace {
 // A file of one row of '<f4' values in a model directory.
 void write_row(const TempDir &dir, const std::string &name, const std::vector<float> &values)
 {
-    const std::string shape = "(" + std::to_string(values.size()) + ",)";
-    dir.write(name, npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': " + shape + ", }", raw(values)));
+    dir.write(name, f4("(" + std::to_string(values.size()) + ",)", raw(values)));
 }
 
 struct RunResult {

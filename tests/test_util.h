@@ -86,6 +86,14 @@ std::string raw(const std::vector<T> &values)
     return std::string(reinterpret_cast<const char *>(values.data()), values.size() * sizeof(T));
 }
 
+// The header of a '<f4' file up to its shape, and such a file of the shape
+// ("(2, 3)", say) and data.
+inline const std::string kF4 = "{'descr': '<f4', 'fortran_order': False, 'shape': ";
+inline std::string f4(const std::string &shape, const std::string &data = "")
+{
+    return npy_bytes(kF4 + shape + ", }", data);
+}
+
 // The expected messages of a loader, with "@" standing for the file's path.
 inline std::string with_path(std::string text, const std::string &path)
 {
