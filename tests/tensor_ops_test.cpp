@@ -186,27 +186,28 @@ void expect_floats(const std::vector<float> &want, const dl_matrix3d_t *got, con
             << what << " item " << i << ": " << want[i] << " vs " << got->item[i];
 }
 
-void expect_items(const std::vector<qtp_t> &want, int e, const dl_matrix3dq_t *got, const std::string &what)
+// Fixed-point items and their exponent.
+using Items = std::pair<std::vector<qtp_t>, int>;
+
+void expect_items(const Items &want, const dl_matrix3dq_t *got, const std::string &what)
 {
-    ASSERT_EQ(want.size(), count(got)) << what;
-    EXPECT_EQ(e, got->exponent) << what;
-    for (size_t i = 0; i < want.size(); i++) ASSERT_EQ(want[i], got->item[i]) << what << " item " << i;
+    ASSERT_EQ(want.first.size(), count(got)) << what;
+    EXPECT_EQ(want.second, got->exponent) << what;
+    for (size_t i = 0; i < want.first.size(); i++) ASSERT_EQ(want.first[i], got->item[i]) << what << " item " << i;
 }
 
 // Items of a sum, shifted and saturated, then the bias.
 template <class In, class Val>
-void ref_q(const ConvCase &k, const Geometry &g, bool dw, const In *in, int e_in, Val val, const Operands &o,
-           std::vector<qtp_t> &out, int &e)
+Items ref_q(const ConvCase &k, const Geometry &g, bool dw, const In *in, int e_in, Val val, const Operands &o)
 {
     const int places = dw ? k.kw * k.kh : k.kw * k.kh * k.c;
     const int s = product_shift(places) - o.shift;
-    out.assign(static_cast<size_t>(g.wo) * g.ho * (dw ? k.c : k.out_c), 0);
-    ref_sums(k, g, dw, in, val, o.qfilter.get(), [&](size_t i, int64_t sum) {
-        const int64_t v = sum >> s;
-        out[i] = static_cast<qtp_t>(v > 32767 ? 32767 : v < -32767 ? -32767 : v);
-    });
-    e = e_in + o.qfilter->exponent + s;
-    ref_bias_q(out, e, o.qbias.get());
+    Items out{std::vector<qtp_t>(static_cast<size_t>(g.wo) * g.ho * (dw ? k.c : k.out_c)),
+              e_in + o.qfilter->exponent + s};
+    ref_sums(k, g, dw, in, val, o.qfilter.get(),
+             [&](size_t i, int64_t sum) { out.first[i] = static_cast<qtp_t>(clamp(sum >> s)); });
+    ref_bias_q(out.first, out.second, o.qbias.get());
+    return out;
 }
 
 template <class In, class Val>
@@ -259,12 +260,9 @@ TEST_P(ConvPathTest, SameBitsAsReference)
                                                     nullptr));
         expect_floats(ref_qweight(k, g, false, qin->item, qin->exponent, iv, o), fq.get(), what + " quantised_weight");
 
-        std::vector<qtp_t> want;
-        int e;
-        ref_q(k, g, false, o.qin->item, o.qin->exponent, iv, o, want, e);
         T3q q =
             own(dl::conv_layer_q(isa, o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift));
-        expect_items(want, e, q.get(), what + " q");
+        expect_items(ref_q(k, g, false, o.qin->item, o.qin->exponent, iv, o), q.get(), what + " q");
 
         // The image forms read bytes as b / 256.
         T3 fu = own(dl::conv_layer(isa, o.image.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, pad, nullptr));
@@ -273,10 +271,9 @@ TEST_P(ConvPathTest, SameBitsAsReference)
         T3 fqu = own(dl::conv_layer_quantised_weight(isa, o.image.get(), o.qfilter.get(), o.fbias.get(), k.sx, k.sy,
                                                      pad, nullptr));
         expect_floats(ref_qweight(k, g, false, o.image->item, -15, bi, o), fqu.get(), what + " image quantised_weight");
-        ref_q(k, g, false, o.image->item, -15, bi, o, want, e);
         T3q qu = own(
             dl::conv_layer_q(isa, o.image.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift));
-        expect_items(want, e, qu.get(), what + " image q");
+        expect_items(ref_q(k, g, false, o.image->item, -15, bi, o), qu.get(), what + " image q");
     }
 }
 
@@ -306,12 +303,9 @@ TEST_P(DepthwiseTest, SameBitsAsReference)
         T3 fq = own(dl_matrix3d_depthwise_conv_layer_quantised_weight(o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx,
                                                                       k.sy, &k.pad, nullptr));
         expect_floats(ref_qweight(k, g, true, qin->item, qin->exponent, iv, o), fq.get(), "quantised_weight");
-        std::vector<qtp_t> want;
-        int e;
-        ref_q(k, g, true, o.qin->item, o.qin->exponent, iv, o, want, e);
         T3q q = own(dl_matrix3dq_depthwise_conv_layer_q(o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, &k.pad,
                                                         nullptr, o.shift));
-        expect_items(want, e, q.get(), "q");
+        expect_items(ref_q(k, g, true, o.qin->item, o.qin->exponent, iv, o), q.get(), "q");
     }
 }
 
