@@ -100,21 +100,14 @@ TEST_P(Stream, AnyBlockSizeGivesTheOneShotFrames)
     MatrixqPtr once_q = c.fixed ? own(dl_audio_features_q(data.samples.data(), data.n(), f.get(), nullptr))
                                 : MatrixqPtr(nullptr, dl_matrixq_free);
     const int width = dl_audio_features_width(f.get()), frames = once ? once->h : once_q->h;
+    std::vector<int16_t> zeros(480);
+    std::vector<fptp_t> silent(width);
+    std::vector<qtp_t> silent_q(width);
+    if (c.fixed) dl_audio_frame_q(zeros.data(), f.get(), silent_q.data(), 1);
+    else dl_audio_frame(zeros.data(), f.get(), silent.data());
+    if (c.fixed) silent.assign(silent_q.begin(), silent_q.end());
     for (int block : {0, 1, 7, 160, 1000, data.n()}) {
-        Expectation e;
-        e.frames = once.get();
-        e.frames_q = once_q.get();
-        e.exponent = c.fixed ? once_q->exponent : 0;
-        std::vector<int16_t> zeros(480);
-        std::vector<fptp_t> silent(width);
-        std::vector<qtp_t> silent_q(width);
-        if (c.fixed) {
-            dl_audio_frame_q(zeros.data(), f.get(), silent_q.data(), 1);
-            e.silent.assign(silent_q.begin(), silent_q.end());
-        } else {
-            dl_audio_frame(zeros.data(), f.get(), silent.data());
-            e.silent = silent;
-        }
+        Expectation e{once.get(), once_q.get(), silent, c.fixed ? once_q->exponent : 0};
         StreamPtr s(c.fixed ? dl_audio_stream_alloc_q(f.get(), c.n_frames, 2, check_window<dl_matrix2dq_t>, &e)
                             : dl_audio_stream_alloc(f.get(), c.n_frames, 2, check_window<dl_matrix2d_t>, &e),
                     dl_audio_stream_free);
@@ -149,9 +142,7 @@ TEST(StreamHop, LongerThanWindowSkipsSamples)
     std::vector<int16_t> signal(2000);
     for (int i = 0; i < 2000; i++) signal[i] = static_cast<int16_t>((i * 7919) % 20000 - 10000);
     MatrixqPtr once = own(dl_audio_features_q(signal.data(), 2000, f.get(), nullptr));
-    Expectation e;
-    e.frames_q = once.get();
-    e.exponent = once->exponent;
+    Expectation e{nullptr, once.get(), {}, once->exponent};
     StreamPtr s(dl_audio_stream_alloc_q(f.get(), 2, 2, check_window<dl_matrix2dq_t>, &e), dl_audio_stream_free);
     qtp_t silent;
     std::vector<int16_t> zeros(100);
