@@ -196,6 +196,11 @@ class HostileDirectoryTest : public testing::Test {
         });
     }
 
+    static std::function<bool(const std::string &)> contains(const std::string &text)
+    {
+        return [text](const std::string &out) { return out.find(text) != std::string::npos; };
+    }
+
     TempDir tmp_;
     const std::string root_ = tmp_.path();
     std::string model_ = root_ + "/m";
@@ -208,15 +213,11 @@ TEST_F(HostileDirectoryTest, BillionsPromisedAreRefusedWithoutAllocating)
     const std::vector<std::vector<std::string>> modes = {
         {}, {"-no-quantized"}, {"-3d"}, {"-3d", "-no-quantized"}, {"-3d", "-in"}};
     for (const std::vector<std::string> &options : modes) {
-        EXPECT_TRUE(convert_within(
-            64, 10, 0,
-            [](const std::string &out) {
-                return out.find(
-                           "WARNING: Could not parse file w0.npy, not converting.\n"
-                           "WARNING: Could not parse file w1.npy, not converting.\n"
-                           "WARNING: Could not parse file w2.npy, not converting.\n") != std::string::npos;
-            },
-            options))
+        EXPECT_TRUE(convert_within(64, 10, 0,
+                                   contains("WARNING: Could not parse file w0.npy, not converting.\n"
+                                            "WARNING: Could not parse file w1.npy, not converting.\n"
+                                            "WARNING: Could not parse file w2.npy, not converting.\n"),
+                                   options))
             << options.size() << " options";
     }
 }
@@ -263,9 +264,7 @@ TEST_F(HostileDirectoryTest, MegabyteLinesOfModelInfoAreReadInPieces)
 {
     // Four megabytes without a newline, 2 + 4k fields nowhere in a piece.
     write("_MODEL_INFO_", std::string(4 << 20, 'x') + "_a_b\n");
-    EXPECT_TRUE(convert_within(16, 10, 1, [](const std::string &out) {
-        return out.rfind("ERROR: Could not parse file ") != std::string::npos;
-    }));
+    EXPECT_TRUE(convert_within(16, 10, 1, contains("ERROR: Could not parse file ")));
     // The same with the significant line behind it.
     write("_MODEL_INFO_", std::string(4 << 20, '_') + "\nkws_v1_hey_3_0.8_0.6\n");
     EXPECT_TRUE(convert_within(16, 10, 0, [](const std::string &out) { return out.empty(); }));
