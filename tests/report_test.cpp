@@ -70,12 +70,12 @@ const float kInf = std::numeric_limits<float>::infinity();
 
 struct FigureCase {
     const char *what;
-    std::vector<float> values;  // one row
     int flags;
     std::optional<int> exponent;
     std::optional<double> snr_db;  // nothing: exact
     double max_error;
     double zeroed_share;
+    std::vector<float> values;  // one row
 };
 
 void PrintTo(const FigureCase &c, std::ostream *os) { *os << c.what; }
@@ -98,42 +98,37 @@ TEST_P(FigureTest, SnrErrorAndZeroed)
     EXPECT_EQ(row->cmp.zeroed_share(), c.zeroed_share);
 }
 
-// 1e-7 as the float the file holds, and its square.
-const double k1e7 = static_cast<double>(1e-7f);
+// 1e-7 as the float the file holds, and one unit at exponent -14.
+const double k1e7 = static_cast<double>(1e-7f), kUnit = std::ldexp(1.0, -14);
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, FigureTest,
-    testing::Values(
-        // 1.0 sets exponent -14: 16384, 8192, 4096 and 0 are exact items.
-        FigureCase{"exact items", {1.0f, 0.5f, 0.25f, 0.0f}, MF_QUANTISED, -14, std::nullopt, 0.0, 0.0},
-        // -1.0 becomes -16383, one unit of 2^-14 short: SNR = 10 log10(2 / 2^-28).
-        FigureCase{"a negative item one unit off",
-                   {1.0f, -1.0f},
-                   MF_QUANTISED,
-                   -14,
-                   290.0 * std::log10(2.0),
-                   std::ldexp(1.0, -14),
-                   0.0},
-        // 2^-16 is a quarter unit: item 0; SNR = 10 log10((1 + 2^-32) / 2^-32).
-        FigureCase{"a small value lost",
-                   {1.0f, std::ldexp(1.0f, -16)},
-                   MF_QUANTISED,
-                   -14,
-                   10.0 * std::log10(std::ldexp(1.0, 32) + 1.0),
-                   std::ldexp(1.0, -16),
-                   0.5},
-        FigureCase{"all zero", {0.0f, 0.0f}, MF_QUANTISED, 0, std::nullopt, 0.0, 0.0},
-        // Six decimals read back to the same floats.
-        FigureCase{"float, exact in six decimals", {0.5f, -2.0f, 0.1f}, 0, std::nullopt, std::nullopt, 0.0, 0.0},
-        // 1e-7 prints as 0.000000.
-        FigureCase{"float, six decimals lose a value",
-                   {0.5f, 1e-7f},
-                   0,
-                   std::nullopt,
-                   10.0 * std::log10((0.25 + k1e7 * k1e7) / (k1e7 * k1e7)),
-                   k1e7,
-                   0.5}),
-    [](const auto &info) { return test_name(info.param.what); });
+const FigureCase kFigureCases[] = {
+    // 1.0 sets exponent -14: 16384, 8192, 4096 and 0 are exact items.
+    {"exact items", MF_QUANTISED, -14, std::nullopt, 0.0, 0.0, {1.0f, 0.5f, 0.25f, 0.0f}},
+    // -1.0 becomes -16383, one unit of 2^-14 short: SNR = 10 log10(2 / 2^-28).
+    {"a negative item one unit off", MF_QUANTISED, -14, 290.0 * std::log10(2.0), kUnit, 0.0, {1.0f, -1.0f}},
+    // 2^-16 is a quarter unit: item 0; SNR = 10 log10((1 + 2^-32) / 2^-32).
+    {"a small value lost",
+     MF_QUANTISED,
+     -14,
+     10.0 * std::log10(std::ldexp(1.0, 32) + 1.0),
+     kUnit / 4,
+     0.5,
+     {1.0f, std::ldexp(1.0f, -16)}},
+    {"all zero", MF_QUANTISED, 0, std::nullopt, 0.0, 0.0, {0.0f, 0.0f}},
+    // Six decimals read back to the same floats.
+    {"float, exact in six decimals", 0, std::nullopt, std::nullopt, 0.0, 0.0, {0.5f, -2.0f, 0.1f}},
+    // 1e-7 prints as 0.000000.
+    {"float, six decimals lose a value",
+     0,
+     std::nullopt,
+     10.0 * std::log10((0.25 + k1e7 * k1e7) / (k1e7 * k1e7)),
+     k1e7,
+     0.5,
+     {0.5f, 1e-7f}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, FigureTest, testing::ValuesIn(kFigureCases),
+                         [](const auto &info) { return test_name(info.param.what); });
 
 // ---- warnings, each from a tiny directory ---------------------------------------
 
