@@ -64,8 +64,6 @@ bool within_limits(long mb, int cpu_seconds, const std::function<bool()> &f)
 
 // --- Loaders ----------------------------------------------------------------
 
-enum class Loader { matrix, weights, weights_q, input };
-
 struct LoadBound {
     const char *label;
     Loader loader;
@@ -74,33 +72,6 @@ struct LoadBound {
 };
 
 void PrintTo(const LoadBound &c, std::ostream *os) { *os << c.label; }
-
-std::vector<int> dims(const dl_matrix2d_t *m) { return {m->w, m->h}; }
-template <class Tensor>
-std::vector<int> dims(const Tensor *t)
-{
-    return {t->n, t->w, t->h, t->c};
-}
-
-template <class T>
-std::vector<int> load_dims(T *(*load)(const char *), void (*release)(T *), const char *path)
-{
-    T *t = load(path);
-    const std::vector<int> d = t ? dims(t) : std::vector<int>{};
-    release(t);
-    return d;
-}
-
-std::vector<int> load_dims(Loader loader, const char *path)
-{
-    switch (loader) {
-    case Loader::matrix: return load_dims(dl_matrix2d_from_numpy_file, dl_matrix_free, path);
-    case Loader::weights: return load_dims(dl_matrix3d_weight_from_numpy_file, dl_matrix3d_free, path);
-    case Loader::weights_q: return load_dims(dl_matrix3dq_weight_from_numpy_file, dl_matrix3dq_free, path);
-    case Loader::input: return load_dims(dl_matrix3du_input_from_numpy_file, dl_matrix3du_free, path);
-    }
-    return {};
-}
 
 class LoaderBoundTest : public testing::TestWithParam<LoadBound> {};
 

@@ -94,6 +94,37 @@ inline std::string f4(const std::string &shape, const std::string &data = "")
     return npy_bytes(kF4 + shape + ", }", data);
 }
 
+// The library's four loaders, and the dimensions of what one gives for a
+// file: w, h of a matrix; n, w, h, c of a tensor; none when it refuses.
+enum class Loader { matrix, weights, weights_q, input };
+
+inline std::vector<int> dims(const dl_matrix2d_t *m) { return {m->w, m->h}; }
+template <class Tensor>
+inline std::vector<int> dims(const Tensor *t)
+{
+    return {t->n, t->w, t->h, t->c};
+}
+
+template <class T>
+std::vector<int> load_dims(T *(*load)(const char *), void (*release)(T *), const char *path)
+{
+    T *t = load(path);
+    const std::vector<int> d = t ? dims(t) : std::vector<int>{};
+    release(t);
+    return d;
+}
+
+inline std::vector<int> load_dims(Loader loader, const char *path)
+{
+    switch (loader) {
+    case Loader::matrix: return load_dims(dl_matrix2d_from_numpy_file, dl_matrix_free, path);
+    case Loader::weights: return load_dims(dl_matrix3d_weight_from_numpy_file, dl_matrix3d_free, path);
+    case Loader::weights_q: return load_dims(dl_matrix3dq_weight_from_numpy_file, dl_matrix3dq_free, path);
+    case Loader::input: return load_dims(dl_matrix3du_input_from_numpy_file, dl_matrix3du_free, path);
+    }
+    return {};
+}
+
 // The expected messages of a loader, with "@" standing for the file's path.
 inline std::string with_path(std::string text, const std::string &path)
 {
