@@ -72,9 +72,7 @@ TEST(Relu, NoClip)
     MatrixqPtr q = qmatrix(3, 1, -3, {-5, 0, 32767});
     MatrixqPtr out = own(dl_matrixq_alloc(3, 1));
     dl_relu_noclip_q(q.get(), out.get());
-    EXPECT_EQ(out->exponent, -3);
-    EXPECT_EQ(item(out.get(), 0, 0), 0);
-    EXPECT_EQ(item(out.get(), 2, 0), 32767);
+    EXPECT_EQ(state(out.get()), QState({0, 0, 32767}, -3));
 }
 
 TEST(Softmax, OverTheWholeMatrixWithoutGuards)
@@ -180,8 +178,7 @@ TEST_P(SigmoidQAlignTest, ItemsAndExponent)
     const int w = static_cast<int>(c.items.size());
     MatrixqPtr m = qmatrix(w, 1, c.exponent, c.items);
     dl_sigmoid_q(m.get(), m.get());
-    EXPECT_EQ(m->exponent, -15);
-    for (int x = 0; x < w; x++) EXPECT_EQ(item(m.get(), x, 0), c.want[x]) << "item " << x;
+    EXPECT_EQ(state(m.get()), QState(c.want, -15));
 }
 
 INSTANTIATE_TEST_SUITE_P(Exponents, SigmoidQAlignTest,
@@ -208,11 +205,9 @@ TEST_P(ReluQTest, LimitAtTheExponent)
     const std::vector<int> in = {-5, 0, 1, 96, 200, 32767};
     MatrixqPtr m = qmatrix(2, 3, c.exponent, in);
     dl_relu_q(m.get(), c.clip, m.get());
-    for (int i = 0; i < 6; i++) {
-        const int want = in[i] < 0 ? 0 : in[i] > c.limit ? c.limit : in[i];
-        EXPECT_EQ(item(m.get(), i % 2, i / 2), want) << i;
-    }
-    EXPECT_EQ(m->exponent, c.exponent);
+    std::vector<int> want;
+    for (int v : in) want.push_back(v < 0 ? 0 : v > c.limit ? c.limit : v);
+    EXPECT_EQ(state(m.get()), QState(want, c.exponent));
 }
 
 INSTANTIATE_TEST_SUITE_P(Clips, ReluQTest,
@@ -223,8 +218,7 @@ TEST(SoftmaxQ, QuarterOfZeroMatrixAndInPlace)
 {
     MatrixqPtr z = qmatrix(2, 2, 3, {0, 0, 0, 0});
     dl_softmax_q(z.get(), z.get());
-    EXPECT_EQ(z->exponent, -15);
-    for (int i = 0; i < 4; i++) EXPECT_EQ(item(z.get(), i % 2, i / 2), 8192);
+    EXPECT_EQ(state(z.get()), QState({8192, 8192, 8192, 8192}, -15));
 
     // In place the exponent is the input's for each read: the same items as
     // with two records.
@@ -232,9 +226,8 @@ TEST(SoftmaxQ, QuarterOfZeroMatrixAndInPlace)
     MatrixqPtr out = qmatrix(3, 2, -12, {0, 0, 0, 0, 0, 0});
     dl_softmax_q(a.get(), out.get());
     dl_softmax_q(a.get(), a.get());
-    EXPECT_EQ(a->exponent, -15);
     EXPECT_EQ(out->exponent, -15);
-    for (int i = 0; i < 6; i++) EXPECT_EQ(item(a.get(), i % 3, i / 3), item(out.get(), i % 3, i / 3)) << i;
+    EXPECT_EQ(state(a.get()), state(out.get()));
     EXPECT_EQ(item(out.get(), 1, 1), static_cast<int>(fast_exp(3.0, 8) /
                                                       (fast_exp(1, 8) + fast_exp(-2, 8) + fast_exp(0, 8) +
                                                        fast_exp(0.5, 8) + fast_exp(3, 8) + fast_exp(-1, 8)) *
@@ -250,18 +243,11 @@ TEST(SoftmaxQ, QuarterOfZeroMatrixAndInPlace)
     for (int big : {100, 120}) {
         MatrixqPtr m = qmatrix(3, 1, 0, {1, big, 0});
         dl_softmax_q(m.get(), m.get());
-        EXPECT_EQ(m->exponent, -15) << big;
-        EXPECT_EQ(item(m.get(), 0, 0), 0) << big;
-        EXPECT_EQ(item(m.get(), 1, 0), 32767) << big;
-        EXPECT_EQ(item(m.get(), 2, 0), 0) << big;
+        EXPECT_EQ(state(m.get()), QState({0, 32767, 0}, -15)) << big;
     }
 }
 
 // ---- Contract ------------------------------------------------------------
-
-class ActivationDeathTest : public testing::TestWithParam<DeathCase> {};
-
-TEST_P(ActivationDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
 
 dl_matrix2d_t *f(int w, int h) { return dl_matrix_alloc(w, h); }
 dl_matrix2dq_t *q(int w, int h) { return dl_matrixq_alloc(w, h); }
@@ -279,7 +265,7 @@ const DeathCase kActivationDeathTestCases[] = {
     {"softmax_q_into_small", [] { dl_softmax_q(q(1, 2), q(1, 1)); },
      "dl_softmax_q: Assertion `out->w>=in->w && out->h>=in->h'"}};
 
-INSTANTIATE_TEST_SUITE_P(Conditions, ActivationDeathTest, testing::ValuesIn(kActivationDeathTestCases), CaseName());
+DEATH_TEST_TABLE(ActivationDeathTest, kActivationDeathTestCases);
 
 }  // namespace
 

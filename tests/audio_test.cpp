@@ -8,7 +8,7 @@
 #include "audio_internal.h"
 #include "audio_test_util.h"
 #include "dl_lib.h"
-#include "test_util.h"
+#include "reference.h"
 
 using testutil::CaseName;
 using testutil::MatrixPtr;
@@ -137,24 +137,19 @@ TEST_F(AudioFeatures, FixedFeaturesAreTheTwinsBits)
     for (const auto &c : cases) {
         FeaturesPtr f = features_q(data.melq.get(), c.dct);
         MatrixqPtr out = own(dl_audio_features_q(data.samples.data(), data.n(), f.get(), nullptr));
-        ASSERT_EQ(out->w, c.expected->w);
-        ASSERT_EQ(out->h, c.expected->h);
-        EXPECT_EQ(out->exponent, c.exponent);
-        for (int y = 0; y < out->h; y++)
-            for (int x = 0; x < out->w; x++)
-                ASSERT_EQ(out->itemq[y + out->stride * x], c.expected->item[x + c.expected->stride * y])
-                    << "frame " << y << " item " << x;
+        ASSERT_EQ(std::tuple(out->w, out->h), std::tuple(c.expected->w, c.expected->h));
+        const std::vector<float> want = testutil::items_of(c.expected);
+        EXPECT_EQ(ref::state(out.get()), ref::QState(std::vector<int>(want.begin(), want.end()), c.exponent));
     }
 }
 
 TEST(AudioFeaturesSilence, ZeroFrameGivesTheFloor)
 {
-    const dl_audio_config_t config = DL_AUDIO_CONFIG_DEFAULT;
     MatrixPtr mel = own(dl_matrix_alloc(3, 257));
     for (int k = 0; k < 257; k++) mel->item[3 * k + k % 3] = 1.0f;
     MatrixqPtr melq = own(dl_matrixq_from_matrix2d(mel.get(), nullptr));
-    FeaturesPtr ff = own(dl_audio_features_alloc(&config, mel.get(), nullptr));
-    FeaturesPtr fq = own(dl_audio_features_alloc_q(&config, melq.get(), nullptr));
+    FeaturesPtr ff = own(dl_audio_features_alloc(&kDefaultConfig, mel.get(), nullptr));
+    FeaturesPtr fq = own(dl_audio_features_alloc_q(&kDefaultConfig, melq.get(), nullptr));
     std::vector<int16_t> zeros(480);
     fptp_t out[3];
     qtp_t outq[3];
@@ -183,51 +178,37 @@ TEST(AudioFeaturesFraming, FrameCount)
 void death_fft_not_power_of_two()
 {
     const dl_audio_config_t c = {480, 320, 500};
-    dl_matrix2d_t *mel = dl_matrix_alloc(1, 251);
-    dl_audio_features_alloc(&c, mel, nullptr);
+    dl_audio_features_alloc(&c, dl_matrix_alloc(1, 251), nullptr);
 }
-void death_mel_rows()
-{
-    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_alloc(&c, dl_matrix_alloc(1, 256), nullptr);
-}
+void death_mel_rows() { dl_audio_features_alloc(&kDefaultConfig, dl_matrix_alloc(1, 256), nullptr); }
 void death_negative_mel_item()
 {
-    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
     dl_matrix2dq_t *mel = dl_matrixq_alloc(2, 257);
     mel->itemq[mel->stride + 5] = -1;
-    dl_audio_features_alloc_q(&c, mel, nullptr);
+    dl_audio_features_alloc_q(&kDefaultConfig, mel, nullptr);
 }
 void death_dct_exponent()
 {
-    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
     dl_matrix2dq_t *dct = dl_matrixq_alloc(2, 2);
     dct->exponent = 3;
-    dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), dct);
+    dl_audio_features_alloc_q(&kDefaultConfig, dl_matrixq_alloc(2, 257), dct);
 }
 void death_float_frame_on_fixed_record()
 {
-    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&kDefaultConfig, dl_matrixq_alloc(2, 257), nullptr);
     static const int16_t zeros[480] = {};
     fptp_t out[2];
     dl_audio_frame(zeros, f, out);
 }
 
-class AudioFeaturesDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
+const testutil::DeathCase kAudioDeaths[] = {
+    {"mel_rows", death_mel_rows, "Assertion `mel->h==config->fft_len/2\\+1' failed"},
+    {"negative_mel_item", death_negative_mel_item, "mel->itemq\\[y\\+mel->stride\\*x\\]>=0"},
+    {"dct_exponent", death_dct_exponent, "3-dct->exponent>=1"},
+    {"fft_not_power_of_two", death_fft_not_power_of_two, "Assertion `\\(c->fft_len&\\(c->fft_len-1\\)\\)==0' failed"},
+    {"float_frame_on_fixed_record", death_float_frame_on_fixed_record, "Assertion `f->mel' failed"},
+};
 
-TEST_P(AudioFeaturesDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
-INSTANTIATE_TEST_SUITE_P(
-    Conditions, AudioFeaturesDeathTest,
-    testing::Values(testutil::DeathCase{"mel_rows", death_mel_rows, "Assertion `mel->h==config->fft_len/2\\+1' failed"},
-                    testutil::DeathCase{"negative_mel_item", death_negative_mel_item,
-                                        "mel->itemq\\[y\\+mel->stride\\*x\\]>=0"},
-                    testutil::DeathCase{"dct_exponent", death_dct_exponent, "3-dct->exponent>=1"},
-                    testutil::DeathCase{"fft_not_power_of_two", death_fft_not_power_of_two,
-                                        "Assertion `\\(c->fft_len&\\(c->fft_len-1\\)\\)==0' failed"},
-                    testutil::DeathCase{"float_frame_on_fixed_record", death_float_frame_on_fixed_record,
-                                        "Assertion `f->mel' failed"}),
-    CaseName());
+DEATH_TEST_TABLE(AudioFeaturesDeathTest, kAudioDeaths);
 
 }  // namespace

@@ -15,18 +15,18 @@ using FeaturesPtr = std::unique_ptr<dl_audio_features_t, decltype(&dl_audio_feat
 using StreamPtr = std::unique_ptr<dl_audio_stream_t, decltype(&dl_audio_stream_free)>;
 using DetectorPtr = std::unique_ptr<dl_detector_t, decltype(&dl_detector_free)>;
 
+inline constexpr dl_audio_config_t kDefaultConfig = DL_AUDIO_CONFIG_DEFAULT;
+
 inline FeaturesPtr own(dl_audio_features_t *f) { return FeaturesPtr(f, dl_audio_features_free); }
 
 inline FeaturesPtr features(const dl_matrix2d_t *mel, const dl_matrix2d_t *dct)
 {
-    const dl_audio_config_t config = DL_AUDIO_CONFIG_DEFAULT;
-    return FeaturesPtr(dl_audio_features_alloc(&config, mel, dct), dl_audio_features_free);
+    return own(dl_audio_features_alloc(&kDefaultConfig, mel, dct));
 }
 
 inline FeaturesPtr features_q(const dl_matrix2dq_t *mel, const dl_matrix2dq_t *dct)
 {
-    const dl_audio_config_t config = DL_AUDIO_CONFIG_DEFAULT;
-    return FeaturesPtr(dl_audio_features_alloc_q(&config, mel, dct), dl_audio_features_free);
+    return own(dl_audio_features_alloc_q(&kDefaultConfig, mel, dct));
 }
 
 namespace audiotest {

@@ -4,8 +4,8 @@
  * initialises by field name are pinned here too.
  */
 #include <stddef.h>
-#include <stdio.h>
 
+#include "check.h"
 #include "dl_lib.h"
 #include "dl_lib_coefgetter_if.h"
 
@@ -19,9 +19,6 @@ _Static_assert(offsetof(dl_matrix2dq_t, itemq) == 24 || offsetof(dl_matrix2dq_t,
 _Static_assert(offsetof(dl_matrix3dq_t, n) == 12 && offsetof(dl_matrix3dq_t, stride) == 16 &&
                    offsetof(dl_matrix3dq_t, exponent) == 20,
                "dl_matrix3dq_t layout");
-
-static int failures;
-#define CHECK(cond) ((cond) ? (void)0 : (void)(failures++, fprintf(stderr, "check failed: %s\n", #cond)))
 
 int main(void)
 {
@@ -39,5 +36,5 @@ int main(void)
     dl_matrixq_free(q);
     dl_matrix_free(m);
     CHECK(dl_matrix2d_from_numpy_file("/nonexistent.npy") == NULL);
-    return failures ? 1 : 0;
+    return check_status();
 }

@@ -75,10 +75,7 @@ TEST_P(ConvGeometryTest, AxisAndWindows)
 {
     const AxisCase &c = GetParam();
     const dl::ConvAxis a = dl::conv_axis(c.size, c.f, c.s, c.padding);
-    EXPECT_EQ(a.n, c.n);
-    EXPECT_EQ(a.padded, c.padded);
-    EXPECT_EQ(a.offset, c.offset);
-    EXPECT_EQ(a.margin, c.margin);
+    EXPECT_EQ(std::tuple(a.n, a.padded, a.offset, a.margin), std::tuple(c.n, c.padded, c.offset, c.margin));
 
     // Through both layers, along x and along y (the other axis one element
     // wide): an identity filter puts window place i in channel i, so the

@@ -19,11 +19,9 @@ TEST(FullyConnect, ProductThenBias)
     MatrixPtr b = matrix(2, 2, {0.5f, 0, 0, -0.5f});
     MatrixPtr out = own(dl_matrix_alloc(2, 2));
     dl_fully_connect_layer(in.get(), w.get(), nullptr, out.get());
-    const float product[] = {7, -1, 3, -2};
-    for (int i = 0; i < 4; i++) EXPECT_EQ(out->item[i], product[i]) << i;
+    EXPECT_EQ(items_of(out.get()), (std::vector<float>{7, -1, 3, -2}));
     dl_fully_connect_layer(in.get(), w.get(), b.get(), out.get());
-    const float biased[] = {7.5f, -1, 3, -2.5f};
-    for (int i = 0; i < 4; i++) EXPECT_EQ(out->item[i], biased[i]) << i;
+    EXPECT_EQ(items_of(out.get()), (std::vector<float>{7.5f, -1, 3, -2.5f}));
 
     // Quantised weights in one call: the product of dl_matrix_matrixq_dot,
     // then the float bias.
@@ -32,7 +30,7 @@ TEST(FullyConnect, ProductThenBias)
     dl_matrix_matrixq_dot(in.get(), qw.get(), two_calls.get());
     dl_matrix_add(two_calls.get(), b.get(), two_calls.get());
     dl_fully_connect_layer_quantised_weight(in.get(), qw.get(), b.get(), out.get());
-    for (int i = 0; i < 4; i++) EXPECT_EQ(out->item[i], two_calls->item[i]) << i;
+    EXPECT_EQ(items_of(out.get()), items_of(two_calls.get()));
 }
 
 TEST(FullyConnectQ, ShiftGoesToTheProductAndBiasSaturates)
@@ -42,21 +40,17 @@ TEST(FullyConnectQ, ShiftGoesToTheProductAndBiasSaturates)
     MatrixqPtr w = qmatrix(1, 2, -14, {16384, 8192});
     MatrixqPtr out = own(dl_matrixq_alloc(1, 1));
     dl_fully_connect_layer_q(in.get(), w.get(), nullptr, out.get(), 0);  // shifted by 15 + 1
-    EXPECT_EQ(item(out.get(), 0, 0), 6144);
-    EXPECT_EQ(out->exponent, -12);  // 1.5
+    EXPECT_EQ(state(out.get()), QState({6144}, -12));                    // 1.5
     dl_fully_connect_layer_q(in.get(), w.get(), nullptr, out.get(), 1);
-    EXPECT_EQ(item(out.get(), 0, 0), 12288);
-    EXPECT_EQ(out->exponent, -13);
+    EXPECT_EQ(state(out.get()), QState({12288}, -13));
     // The bias's larger exponent wins; the product is aligned to it.
     MatrixqPtr b = qmatrix(1, 1, -11, {4096});
     dl_fully_connect_layer_q(in.get(), w.get(), b.get(), out.get(), 0);
-    EXPECT_EQ(item(out.get(), 0, 0), 7168);
-    EXPECT_EQ(out->exponent, -11);  // 3.5
+    EXPECT_EQ(state(out.get()), QState({7168}, -11));  // 3.5
     // A bias at a smaller exponent is aligned instead, and the sum saturates.
     MatrixqPtr big = qmatrix(1, 1, -12, {30000});
     dl_fully_connect_layer_q(in.get(), w.get(), big.get(), out.get(), 0);
-    EXPECT_EQ(item(out.get(), 0, 0), 32767);
-    EXPECT_EQ(out->exponent, -12);
+    EXPECT_EQ(state(out.get()), QState({32767}, -12));
 }
 
 // ---- Batch normalisation -------------------------------------------------
@@ -88,9 +82,8 @@ TEST(BatchNormalizeQ, ItemsAndZeroRootItem)
     dl_batch_normalize_q(m.get(), offset.get(), scale.get(), mean.get(), root.get(), 14);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "CheckSanity: batch_normalize_q after div: 50.000000% of items is clipped!\n");
-    EXPECT_EQ(m->exponent, -10);
-    EXPECT_EQ(item(m.get(), 0, 0), 4608);   // 4.5
-    EXPECT_EQ(item(m.get(), 1, 0), -7680);  // -32767 at -12, times 1.0, plus 0.5
+    // 4.5, and -32767 at -12 times 1.0 plus 0.5.
+    EXPECT_EQ(state(m.get()), QState({4608, -7680}, -10));
 }
 
 // The exponent of m after the four steps: max(e_m, e_mean) - e_root - shift
@@ -134,13 +127,13 @@ TEST(BatchNormSqrtvar, RootsAndNegativeSums)
     dl_batch_normalize_get_sqrtvar(v.get(), eps, v.get());
     const std::string line = "dl_batch_normalize_get_sqrtvar: negative input to sqrt\n";
     EXPECT_EQ(testing::internal::GetCapturedStderr(), line + line + line);
-    const float want[] = {static_cast<float>(std::sqrt(static_cast<double>(eps))), 2.0f, 0, 0, 0, 0};
-    for (int i = 0; i < 6; i++) EXPECT_EQ(v->item[i], want[i]) << i;
+    const float root = static_cast<float>(std::sqrt(static_cast<double>(eps)));
+    EXPECT_EQ(items_of(v.get()), (std::vector<float>{root, 2.0f, 0, 0, 0, 0}));
 
     // Into a separate record, the input left as it was.
     MatrixPtr in = matrix(2, 1, {3.0f, 8.0f}), out = own(dl_matrix_alloc(2, 1));
     dl_batch_normalize_get_sqrtvar(in.get(), 1.0f, out.get());
-    EXPECT_EQ(std::vector<float>(out->item, out->item + 2), (std::vector<float>{2.0f, 3.0f}));
+    EXPECT_EQ(items_of(out.get()), (std::vector<float>{2.0f, 3.0f}));
     EXPECT_EQ(in->item[0], 3.0f);
 }
 

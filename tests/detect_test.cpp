@@ -1,6 +1,7 @@
 // The detector's window and hysteresis on hand-made score sequences.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <vector>
 
 #include "audio_test_util.h"
@@ -115,27 +116,19 @@ TEST(DetectorTwin, SameDetectionsAsTheTwin)
     }
 }
 
-void death_no_words()
-{
-    const int win[1] = {3};
-    const fptp_t thresh[2] = {0.5f, 0.4f};
-    dl_detector_alloc(0, win, thresh);
-}
-void death_window_zero()
-{
-    const int win[2] = {3, 0};
-    const fptp_t thresh[4] = {0.5f, 0.4f, 0.5f, 0.4f};
-    dl_detector_alloc(2, win, thresh);
-}
+const testutil::DeathCase kDetectorDeaths[] = {
+    {"no_words",
+     [] {
+         dl_detector_alloc(0, std::array{3}.data(), std::array{0.5f, 0.4f}.data());
+     },
+     "Assertion `word_num>=1' failed"},
+    {"window_zero",
+     [] {
+         dl_detector_alloc(2, std::array{3, 0}.data(), std::array{0.5f, 0.4f, 0.5f, 0.4f}.data());
+     },
+     "Assertion `win_list\\[i\\]>=1' failed"},
+};
 
-class DetectorDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
-
-TEST_P(DetectorDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
-INSTANTIATE_TEST_SUITE_P(
-    Conditions, DetectorDeathTest,
-    testing::Values(testutil::DeathCase{"no_words", death_no_words, "Assertion `word_num>=1' failed"},
-                    testutil::DeathCase{"window_zero", death_window_zero, "Assertion `win_list\\[i\\]>=1' failed"}),
-    testutil::CaseName());
+DEATH_TEST_TABLE(DetectorDeathTest, kDetectorDeaths);
 
 }  // namespace

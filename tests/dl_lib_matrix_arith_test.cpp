@@ -157,10 +157,6 @@ INSTANTIATE_TEST_SUITE_P(
 // ---- Contract ------------------------------------------------------------
 
 // One case per asserted condition, in the order the conditions are checked.
-class MatrixDeathTest : public testing::TestWithParam<DeathCase> {};
-
-TEST_P(MatrixDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
 // A record with the given shape; a negative width is kept as given.
 dl_matrix2d_t *f(int w, int h)
 {
@@ -225,6 +221,6 @@ const DeathCase kMatrixDeathTestCases[] = {
     {"avg_sq_err_widths", [] { dl_matrix_get_avg_sq_err(f(2, 2), f(3, 2)); },
      "dl_matrix_get_avg_sq_err: Assertion `a->w==b->w'"}};
 
-INSTANTIATE_TEST_SUITE_P(Conditions, MatrixDeathTest, testing::ValuesIn(kMatrixDeathTestCases), CaseName());
+DEATH_TEST_TABLE(MatrixDeathTest, kMatrixDeathTestCases);
 
 }  // namespace

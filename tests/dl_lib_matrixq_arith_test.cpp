@@ -221,7 +221,7 @@ struct QDotCase {
     const char *name;
     ItemBox a, b;
     int shift;
-    std::vector<int> want;  // items of res, column by column
+    std::vector<int> want;  // items of res, row by row
     int exponent;
 };
 
@@ -234,9 +234,7 @@ TEST_P(QDotGoldenTest, ItemsAndExponent)
     QDotCase c = GetParam();
     ItemBox res(c.b.m.w, c.a.m.h, 0, 99);
     dl_matrixq_dot(&c.a.m, &c.b.m, &res.m, c.shift);
-    EXPECT_EQ(res.m.exponent, c.exponent);
-    for (int x = 0; x < res.m.w; x++)
-        for (int y = 0; y < res.m.h; y++) EXPECT_EQ(res.at(x, y), c.want[y + res.m.h * x]) << x << "," << y;
+    EXPECT_EQ(state(&res.m), QState(c.want, c.exponent));
 }
 
 const int kMax = 32767;
@@ -271,18 +269,6 @@ TEST(QDotMatrixOut, FactorFromExponentsAndFloatOperand)
 
 // ---- Element-wise operations ------------------------------------------------
 
-// The items of a record, column by column, and its exponent.
-struct Snapshot {
-    int w, h, exponent;
-    std::vector<int32_t> v;  // column by column
-    explicit Snapshot(const dl_matrix2dq_t &m) : w(m.w), h(m.h), exponent(m.exponent)
-    {
-        for (int x = 0; x < w; x++)
-            for (int y = 0; y < h; y++) v.push_back(m.itemq[y + m.stride * x]);
-    }
-    explicit Snapshot(const ItemBox &b) : Snapshot(b.m) {}
-};
-
 using QOp = void (*)(const dl_matrix2dq_t *, const dl_matrix2dq_t *, dl_matrix2dq_t *, int);
 
 void mul_op(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, dl_matrix2dq_t *r, int) { dl_matrixq_mul(a, b, r); }
@@ -308,8 +294,7 @@ TEST_P(QPairTest, ItemsAndExponentThroughViews)
     ItemBox a = items(2, 1, {c.a, c.a}, c.ea, 2), b = items(2, 1, {c.b, c.b}, c.eb, 2), fresh(2, 1, 2, 99);
     ItemBox &res = into == Into::a ? a : into == Into::b ? b : fresh;
     c.op(&a.m, &b.m, &res.m, c.shift);
-    EXPECT_EQ(Snapshot(res).v, std::vector<int32_t>(2, c.want));
-    EXPECT_EQ(res.m.exponent, c.exponent);
+    EXPECT_EQ(state(&res.m), QState({c.want, c.want}, c.exponent));
     EXPECT_TRUE(a.margins_intact() && b.margins_intact() && res.margins_intact());
 }
 
@@ -365,8 +350,7 @@ TEST(QAddConst, Boundaries)
     for (const auto &c : cases) {
         ItemBox m = items(3, 1, {5, -1, kMax}, c.exponent, 1);
         dl_matrixq_add_const(&m.m, c.value, c.shift);
-        EXPECT_EQ(m.m.exponent, c.want_exponent) << c.value;
-        for (int x = 0; x < 3; x++) EXPECT_EQ(m.at(x, 0), c.want[x]) << c.value << " item " << x;
+        EXPECT_EQ(state(&m.m), QState(c.want, c.want_exponent)) << c.value;
         EXPECT_TRUE(m.margins_intact()) << c.value;
     }
 }
@@ -400,17 +384,17 @@ TEST(QSliceFlatten, ViewsAndRowByRowCopies)
     for (int x = 0; x < 4; x++)
         for (int y = 0; y < 3; y++) src.at(x, y) = static_cast<qtp_t>(10 * x + y);
     dl_matrix2dq_t *v = dl_matrixq_slice(&src.m, 1, 1, 2, 2, nullptr);
-    EXPECT_EQ(Snapshot(*v).v, (std::vector<int32_t>{11, 12, 21, 22}));
+    EXPECT_EQ(state(v).first, (std::vector<int>{11, 21, 12, 22}));
     EXPECT_EQ(v->flags, DL_MF_FOREIGNDATA);
     EXPECT_EQ(v->exponent, -6);
     dl_matrixq_slice(&src.m, 0, 2, 4, 1, v);  // the record reused for the last row
-    EXPECT_EQ(Snapshot(*v).v, (std::vector<int32_t>{2, 12, 22, 32}));
+    EXPECT_EQ(state(v).first, (std::vector<int>{2, 12, 22, 32}));
     dl_matrixq_free(v);
     EXPECT_TRUE(src.margins_intact());
 
     MatrixqPtr out = own(dl_matrixq_flatten(&src.m, 1, 1, 2, 2, nullptr));
     EXPECT_EQ(std::tuple(out->w, out->h, out->stride, out->exponent), std::tuple(4, 1, 1, -6));
-    EXPECT_EQ(Snapshot(*out).v, (std::vector<int32_t>{11, 21, 12, 22}));
+    EXPECT_EQ(state(out.get()).first, (std::vector<int>{11, 21, 12, 22}));
     src.at(1, 1) = -5;  // once more into the same record
     EXPECT_EQ(dl_matrixq_flatten(&src.m, 1, 1, 2, 2, out.get()), out.get());
     EXPECT_EQ(out->itemq[0], -5);
@@ -445,7 +429,7 @@ TEST_P(SanityTest, ResultAndMessage)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     dl_set_sanity_handler(nullptr, nullptr);
     EXPECT_EQ(routed, c.message);
-    EXPECT_EQ(Snapshot(m).v, std::vector<int32_t>(c.items.begin(), c.items.end()));
+    EXPECT_EQ(state(&m.m).first, c.items);
 }
 
 std::vector<int> with_clipped(int clipped, int total)
@@ -484,8 +468,7 @@ TEST(QReadjust, Boundaries)
         const int n = static_cast<int>(c.items.size());
         ItemBox m = items(n, 1, c.items);
         dl_matrixq_readjust_exp(&m.m);
-        EXPECT_EQ(m.m.exponent, c.exponent) << c.items[0];
-        EXPECT_EQ(Snapshot(m).v, std::vector<int32_t>(c.want.begin(), c.want.end())) << c.items[0];
+        EXPECT_EQ(state(&m.m), QState(c.want, c.exponent)) << c.items[0];
     }
 }
 
@@ -510,8 +493,7 @@ TEST(QGetSet, SetRaisesExponentOnlyAsNeeded)
     for (const auto &c : cases) {
         ItemBox m = items(2, 1, c.items, c.exponent, 1);  // stride 2
         dl_matrixq_set(&m.m, 0, 0, c.value);
-        EXPECT_EQ(m.m.exponent, c.want_exponent) << c.name;
-        EXPECT_EQ(Snapshot(m).v, std::vector<int32_t>(c.want.begin(), c.want.end())) << c.name;
+        EXPECT_EQ(state(&m.m), QState(c.want, c.want_exponent)) << c.name;
         EXPECT_EQ(dl_matrixq_get(&m.m, 1, 0), std::ldexp(static_cast<float>(c.want[1]), c.want_exponent)) << c.name;
         EXPECT_TRUE(m.margins_intact()) << c.name;
     }
@@ -520,10 +502,6 @@ TEST(QGetSet, SetRaisesExponentOnlyAsNeeded)
 // ---- Contract ------------------------------------------------------------
 
 // One case per asserted condition, in the order the conditions are checked.
-class MatrixqDeathTest : public testing::TestWithParam<DeathCase> {};
-
-TEST_P(MatrixqDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
 // A record with the given shape; a negative width is kept as given.
 dl_matrix2dq_t *q(int w, int h)
 {
@@ -625,6 +603,6 @@ const DeathCase kMatrixqDeathTestCases[] = {
     {"set_column", [] { dl_matrixq_set(q(2, 2), 2, 0, 1.0f); }, "dl_matrixq_set: Assertion `x>=0 && x<m->w'"},
     {"set_row", [] { dl_matrixq_set(q(2, 2), 0, -1, 1.0f); }, "dl_matrixq_set: Assertion `y>=0 && y<m->h'"}};
 
-INSTANTIATE_TEST_SUITE_P(Conditions, MatrixqDeathTest, testing::ValuesIn(kMatrixqDeathTestCases), CaseName());
+DEATH_TEST_TABLE(MatrixqDeathTest, kMatrixqDeathTestCases);
 
 }  // namespace

@@ -30,8 +30,7 @@ TEST_P(QuantiseTest, ExponentAndItems)
     const int w = static_cast<int>(c.values.size());
     MatrixPtr m = matrix(w, 1, c.values);
     MatrixqPtr q = own(dl_matrixq_from_matrix2d(m.get(), nullptr));
-    EXPECT_EQ(q->exponent, c.exponent);
-    for (int x = 0; x < w; x++) EXPECT_EQ(q->itemq[q->stride * x], c.items[x]) << "item " << x;
+    EXPECT_EQ(state(q.get()), QState(c.items, c.exponent));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -60,33 +59,26 @@ TEST(Quantise, OddHeightAndGivenViewKeepTheirStrides)
     MatrixPtr m = matrix(2, 3, {1, 2, 3, 4, 5, 6});
     MatrixqPtr q = own(dl_matrixq_from_matrix2d(m.get(), nullptr));
     ASSERT_EQ(q->stride, 4);
-    EXPECT_EQ(q->exponent, -12);
-    const int want[2][3] = {{4096, 12288, 20480}, {8192, 16384, 24576}};
-    for (int x = 0; x < 2; x++)
-        for (int y = 0; y < 3; y++) EXPECT_EQ(q->itemq[y + 4 * x], want[x][y]);
+    EXPECT_EQ(state(q.get()), QState({4096, 8192, 12288, 16384, 20480, 24576}, -12));
     EXPECT_EQ(q->itemq[3], 0) << "the spare slot stays untouched";
     // And back to a float matrix through both strides.
     MatrixPtr back = own(dl_matrix2d_from_matrixq(q.get(), nullptr));
-    for (int i = 0; i < 6; i++) EXPECT_EQ(back->item[i], m->item[i]);
+    EXPECT_EQ(items_of(back.get()), items_of(m.get()));
 
     // Into a 2 x 3 view at stride 4 that starts one item in.
     MatrixqPtr parent = own(dl_matrixq_alloc(4, 4));
     dl_matrix2dq_t view = {2, 3, 4, DL_MF_FOREIGNDATA, 0, parent->itemq + 1};
     EXPECT_EQ(dl_matrixq_from_matrix2d(m.get(), &view), &view);
     EXPECT_EQ(view.exponent, -12);
-    const int items[] = {0, 4096, 12288, 20480, 0, 8192};
-    for (int i = 0; i < 6; i++) EXPECT_EQ(parent->itemq[i], items[i]) << i;
+    EXPECT_EQ(std::vector<int>(parent->itemq, parent->itemq + 6), (std::vector<int>{0, 4096, 12288, 20480, 0, 8192}));
 }
 
 TEST(QuantiseByQmf, ClipsAndScales)
 {
     MatrixPtr m = matrix(4, 1, {3.0f, 100.0f, -100.0f, NAN});
     MatrixqPtr q = own(dl_matrixq_from_matrix2d_by_qmf(m.get(), nullptr, 4, 4));
-    EXPECT_EQ(q->exponent, -4);
-    EXPECT_EQ(q->itemq[0], 48);
-    EXPECT_EQ(q->itemq[1], 128);   // clipped to 8.0
-    EXPECT_EQ(q->itemq[2], -127);  // -128 + 0.5 truncates toward zero
-    EXPECT_EQ(q->itemq[3], 0);
+    // 100.0 clips to 8.0; -128 + 0.5 truncates toward zero.
+    EXPECT_EQ(state(q.get()), QState({48, 128, -127, 0}, -4));
 }
 
 TEST(MatrixqRecord, AllocAndFree)

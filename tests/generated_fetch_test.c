@@ -10,12 +10,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "check.h"
 #include "fetch.h"
-
-static int failures;
-
-#define CHECK(cond) \
-    ((cond) ? (void)0 : (void)(failures++, fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond)))
 
 /* The source values of the fixture model, as its generator writes them. */
 static float source_value(int seed, int i, const char *name)
@@ -110,6 +106,5 @@ int main(void)
     if (FETCH_MODE == 1) CHECK(g->getter_f == NULL);
     CHECK(g->getter_3d == NULL && g->getter_3dq == NULL);
     CHECK(g->getter_q("no_such_table", NULL, 0) == NULL);
-    if (failures) fprintf(stderr, "%d checks failed\n", failures);
-    return failures ? 1 : 0;
+    return check_status();
 }

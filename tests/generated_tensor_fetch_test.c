@@ -6,15 +6,10 @@
  * -3d -in (8-bit images, getter_3d); the record is GETTER, declared in
  * tensors.h.
  */
-#include <stdio.h>
 #include <string.h>
 
+#include "check.h"
 #include "tensors.h"
-
-static int failures;
-
-#define CHECK(cond) \
-    ((cond) ? (void)0 : (void)(failures++, fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond)))
 
 #if FETCH_MODE == 3 || FETCH_MODE == 4
 /* Element i of a filter file, in its C order, as the generator writes it. */
@@ -104,6 +99,5 @@ int main(void)
 #else
     check_filters();
 #endif
-    if (failures) fprintf(stderr, "%d checks failed\n", failures);
-    return failures != 0;
+    return check_status();
 }

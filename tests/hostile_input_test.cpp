@@ -23,14 +23,11 @@ using namespace testutil;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kAddressSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool kAddressSanitizer = true;
-#else
-constexpr bool kAddressSanitizer = false;
+#ifndef __has_feature
+#define __has_feature(x) 0
 #endif
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+constexpr bool kAddressSanitizer = true;
 #else
 constexpr bool kAddressSanitizer = false;
 #endif
@@ -65,14 +62,7 @@ bool within_limits(long mb, int cpu_seconds, const std::function<bool()> &f)
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-const std::string kF4 = "{'descr': '<f4', 'fortran_order': False, 'shape': ";
-
-// A '<f4' file of the shape and data.
-std::string f4(const std::string &shape, const std::string &data = "") { return npy_bytes(kF4 + shape + ", }", data); }
-
 // --- Loaders ----------------------------------------------------------------
-
-enum class Loader { matrix, weights, weights_q, input };
 
 struct LoadBound {
     const char *label;
@@ -82,33 +72,6 @@ struct LoadBound {
 };
 
 void PrintTo(const LoadBound &c, std::ostream *os) { *os << c.label; }
-
-std::vector<int> dims(const dl_matrix2d_t *m) { return {m->w, m->h}; }
-template <class Tensor>
-std::vector<int> dims(const Tensor *t)
-{
-    return {t->n, t->w, t->h, t->c};
-}
-
-template <class T>
-std::vector<int> load_dims(T *(*load)(const char *), void (*release)(T *), const char *path)
-{
-    T *t = load(path);
-    const std::vector<int> d = t ? dims(t) : std::vector<int>{};
-    release(t);
-    return d;
-}
-
-std::vector<int> load_dims(Loader loader, const char *path)
-{
-    switch (loader) {
-    case Loader::matrix: return load_dims(dl_matrix2d_from_numpy_file, dl_matrix_free, path);
-    case Loader::weights: return load_dims(dl_matrix3d_weight_from_numpy_file, dl_matrix3d_free, path);
-    case Loader::weights_q: return load_dims(dl_matrix3dq_weight_from_numpy_file, dl_matrix3dq_free, path);
-    case Loader::input: return load_dims(dl_matrix3du_input_from_numpy_file, dl_matrix3du_free, path);
-    }
-    return {};
-}
 
 class LoaderBoundTest : public testing::TestWithParam<LoadBound> {};
 
@@ -204,6 +167,11 @@ class HostileDirectoryTest : public testing::Test {
         });
     }
 
+    static std::function<bool(const std::string &)> contains(const std::string &text)
+    {
+        return [text](const std::string &out) { return out.find(text) != std::string::npos; };
+    }
+
     TempDir tmp_;
     const std::string root_ = tmp_.path();
     std::string model_ = root_ + "/m";
@@ -212,20 +180,15 @@ class HostileDirectoryTest : public testing::Test {
 TEST_F(HostileDirectoryTest, BillionsPromisedAreRefusedWithoutAllocating)
 {
     const char *const shapes[] = {"(2000000000, 1)", "(65536, 65536)", "(1000000, 1000)"};
-    for (int i = 0; i < 3; i++)
-        write("w" + std::to_string(i) + ".npy", npy_bytes(kF4 + shapes[i] + ", }", raw<float>({1})));
+    for (int i = 0; i < 3; i++) write("w" + std::to_string(i) + ".npy", f4(shapes[i], raw<float>({1})));
     const std::vector<std::vector<std::string>> modes = {
         {}, {"-no-quantized"}, {"-3d"}, {"-3d", "-no-quantized"}, {"-3d", "-in"}};
     for (const std::vector<std::string> &options : modes) {
-        EXPECT_TRUE(convert_within(
-            64, 10, 0,
-            [](const std::string &out) {
-                return out.find(
-                           "WARNING: Could not parse file w0.npy, not converting.\n"
-                           "WARNING: Could not parse file w1.npy, not converting.\n"
-                           "WARNING: Could not parse file w2.npy, not converting.\n") != std::string::npos;
-            },
-            options))
+        EXPECT_TRUE(convert_within(64, 10, 0,
+                                   contains("WARNING: Could not parse file w0.npy, not converting.\n"
+                                            "WARNING: Could not parse file w1.npy, not converting.\n"
+                                            "WARNING: Could not parse file w2.npy, not converting.\n"),
+                                   options))
             << options.size() << " options";
     }
 }
@@ -272,9 +235,7 @@ TEST_F(HostileDirectoryTest, MegabyteLinesOfModelInfoAreReadInPieces)
 {
     // Four megabytes without a newline, 2 + 4k fields nowhere in a piece.
     write("_MODEL_INFO_", std::string(4 << 20, 'x') + "_a_b\n");
-    EXPECT_TRUE(convert_within(16, 10, 1, [](const std::string &out) {
-        return out.rfind("ERROR: Could not parse file ") != std::string::npos;
-    }));
+    EXPECT_TRUE(convert_within(16, 10, 1, contains("ERROR: Could not parse file ")));
     // The same with the significant line behind it.
     write("_MODEL_INFO_", std::string(4 << 20, '_') + "\nkws_v1_hey_3_0.8_0.6\n");
     EXPECT_TRUE(convert_within(16, 10, 0, [](const std::string &out) { return out.empty(); }));

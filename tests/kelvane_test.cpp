@@ -107,9 +107,7 @@ TEST_P(ModelInfoTest, Emit)
     testing::internal::CaptureStdout();
     const bool ok = emit_model_info(file.path(), cfile.get());
     fflush(stdout);
-    std::string want = c.printed;
-    if (size_t at = want.find('@'); at != std::string::npos) want.replace(at, 1, file.path());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), want);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), with_path(c.printed, file.path()));
     ASSERT_EQ(ok, !c.window.empty());
     if (!ok) {
         EXPECT_EQ(cfile.str(), "") << "nothing of an unusable file reaches the output";

@@ -156,12 +156,11 @@ INSTANTIATE_TEST_SUITE_P(Shapes, LstmReferenceTest,
 
 // ---- Fixed point ---------------------------------------------------------
 
-struct QState {
-    int c_item, c_exponent, h_item, h_exponent;
-};
+// One unit, one row, one input: the two states after one step, as state_c's
+// item and exponent, then state_h's.
+using States = std::tuple<int, int, int, int>;
 
-// One unit, one row, one input: the two states after one step.
-QState q_step(const std::vector<int> &weight, int w_exponent, const std::vector<int> *bias, int b_exponent, int c_item,
+States q_step(const std::vector<int> &weight, int w_exponent, const std::vector<int> *bias, int b_exponent, int c_item,
               int c_exponent, int shift, std::string *errors)
 {
     MatrixqPtr in = qmatrix(1, 1, -15, {16384});
@@ -175,12 +174,6 @@ QState q_step(const std::vector<int> &weight, int w_exponent, const std::vector<
     return {item(c.get(), 0, 0), c->exponent, item(h.get(), 0, 0), h->exponent};
 }
 
-void expect_state(const QState &got, const QState &want)
-{
-    EXPECT_EQ(std::tuple(got.c_item, got.c_exponent, got.h_item, got.h_exponent),
-              std::tuple(want.c_item, want.c_exponent, want.h_item, want.h_exponent));
-}
-
 TEST(LstmQ, ExponentTrailWithZeroWeight)
 {
     // Gates: f = sigmoid(1.0) = 23950, i = o = sigmoid(0) = 16382, g = 0,
@@ -191,7 +184,7 @@ TEST(LstmQ, ExponentTrailWithZeroWeight)
     // h 20360 at -16 (0.7308 and 0.3107).
     std::string errors;
     const std::vector<int> zero(8, 0);
-    expect_state(q_step(zero, -15, nullptr, 0, 16384, -14, 0, &errors), {23948, -15, 20360, -16});
+    EXPECT_EQ(q_step(zero, -15, nullptr, 0, 16384, -14, 0, &errors), States(23948, -15, 20360, -16));
     EXPECT_EQ(dl_tanh_op_q(23948), 20365);
     EXPECT_EQ((20365 * 16382) >> 16, 5090);
     EXPECT_EQ(errors, "");
@@ -206,9 +199,8 @@ TEST(LstmQ, ExponentTrailWithSaturatedGates)
     // -14, raised one bit by the readjustment.
     std::string errors;
     const std::vector<int> zero(8, 0), bias = {16384, 8192, 16384, 16384};
-    const QState s = q_step(zero, -15, &bias, -11, 32767, -16, 0, &errors);
     const int h = (dl_tanh_op_q(24574 << 1) * 32767) >> 16;
-    expect_state(s, {24574, -14, h << 1, -15});
+    EXPECT_EQ(q_step(zero, -15, &bias, -11, 32767, -16, 0, &errors), States(24574, -14, h << 1, -15));
     EXPECT_EQ(errors, "");
 }
 

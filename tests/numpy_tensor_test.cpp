@@ -12,20 +12,16 @@ using namespace testutil;
 namespace {
 
 // Elements 1, 2, 3, ...: distinct, and none equal to the 0 a tensor starts with.
-std::vector<float> counting(int count)
+template <class T = float>
+std::vector<T> counting(int count)
 {
-    std::vector<float> v;
-    for (int i = 0; i < count; i++) v.push_back(static_cast<float>(i + 1));
+    std::vector<T> v;
+    for (int i = 0; i < count; i++) v.push_back(static_cast<T>(i + 1));
     return v;
 }
 
-std::string f4_file(const std::string &shape, const std::string &data)
-{
-    return npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': " + shape + ", }", data);
-}
-
 // A '<f4' file of the shape holding the elements 1 to count.
-std::string f4(const std::string &shape, int count) { return f4_file(shape, raw(counting(count))); }
+std::string f4(const std::string &shape, int count) { return testutil::f4(shape, raw(counting(count))); }
 
 struct TensorCase {
     const char *name;
@@ -134,17 +130,11 @@ TEST_P(WeightLoadTest, FloatAndQuantisedLoaders)
 
 INSTANTIATE_TEST_SUITE_P(Bytes, WeightLoadTest, testing::ValuesIn(weight_cases()), CaseName());
 
-std::string bytes(int count)
-{
-    std::string b;
-    for (int i = 0; i < count; i++) b += static_cast<char>(i + 1);
-    return b;
-}
-
 // A '|u1' file of the shape holding the bytes 1 to count.
 std::string u1(const std::string &shape, int count)
 {
-    return npy_bytes("{'descr': '|u1', 'fortran_order': False, 'shape': " + shape + ", }", bytes(count));
+    return npy_bytes("{'descr': '|u1', 'fortran_order': False, 'shape': " + shape + ", }",
+                     raw(counting<uint8_t>(count)));
 }
 
 // The line an input's load begins with, for its (w, h, c).

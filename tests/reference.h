@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ostream>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "dl_lib.h"
@@ -182,6 +183,24 @@ inline testutil::MatrixqPtr qmatrix(int w, int h, int e, const std::vector<int> 
 }
 
 inline int item(const dl_matrix2dq_t *m, int x, int y) { return m->itemq[y + m->stride * x]; }
+
+// A fixed-point record's items row by row (as qmatrix takes them) and its
+// exponent, for one comparison of both.
+using QState = std::pair<std::vector<int>, int>;
+
+inline QState state(const dl_matrix2dq_t *m)
+{
+    QState s{{}, m->exponent};
+    for (int y = 0; y < m->h; y++)
+        for (int x = 0; x < m->w; x++) s.first.push_back(item(m, x, y));
+    return s;
+}
+
+// A tensor's items in storage order and its exponent.
+inline QState state(const dl_matrix3dq_t *t)
+{
+    return {std::vector<int>(t->item, t->item + static_cast<size_t>(t->n) * t->w * t->h * t->c), t->exponent};
+}
 
 // A w x h matrix of values uniform in [lo, hi).
 inline testutil::MatrixPtr random_matrix(Rng &rng, int w, int h, float lo, float hi)

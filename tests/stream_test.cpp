@@ -100,21 +100,14 @@ TEST_P(Stream, AnyBlockSizeGivesTheOneShotFrames)
     MatrixqPtr once_q = c.fixed ? own(dl_audio_features_q(data.samples.data(), data.n(), f.get(), nullptr))
                                 : MatrixqPtr(nullptr, dl_matrixq_free);
     const int width = dl_audio_features_width(f.get()), frames = once ? once->h : once_q->h;
+    std::vector<int16_t> zeros(480);
+    std::vector<fptp_t> silent(width);
+    std::vector<qtp_t> silent_q(width);
+    if (c.fixed) dl_audio_frame_q(zeros.data(), f.get(), silent_q.data(), 1);
+    else dl_audio_frame(zeros.data(), f.get(), silent.data());
+    if (c.fixed) silent.assign(silent_q.begin(), silent_q.end());
     for (int block : {0, 1, 7, 160, 1000, data.n()}) {
-        Expectation e;
-        e.frames = once.get();
-        e.frames_q = once_q.get();
-        e.exponent = c.fixed ? once_q->exponent : 0;
-        std::vector<int16_t> zeros(480);
-        std::vector<fptp_t> silent(width);
-        std::vector<qtp_t> silent_q(width);
-        if (c.fixed) {
-            dl_audio_frame_q(zeros.data(), f.get(), silent_q.data(), 1);
-            e.silent.assign(silent_q.begin(), silent_q.end());
-        } else {
-            dl_audio_frame(zeros.data(), f.get(), silent.data());
-            e.silent = silent;
-        }
+        Expectation e{once.get(), once_q.get(), silent, c.fixed ? once_q->exponent : 0};
         StreamPtr s(c.fixed ? dl_audio_stream_alloc_q(f.get(), c.n_frames, 2, check_window<dl_matrix2dq_t>, &e)
                             : dl_audio_stream_alloc(f.get(), c.n_frames, 2, check_window<dl_matrix2d_t>, &e),
                     dl_audio_stream_free);
@@ -149,9 +142,7 @@ TEST(StreamHop, LongerThanWindowSkipsSamples)
     std::vector<int16_t> signal(2000);
     for (int i = 0; i < 2000; i++) signal[i] = static_cast<int16_t>((i * 7919) % 20000 - 10000);
     MatrixqPtr once = own(dl_audio_features_q(signal.data(), 2000, f.get(), nullptr));
-    Expectation e;
-    e.frames_q = once.get();
-    e.exponent = once->exponent;
+    Expectation e{nullptr, once.get(), {}, once->exponent};
     StreamPtr s(dl_audio_stream_alloc_q(f.get(), 2, 2, check_window<dl_matrix2dq_t>, &e), dl_audio_stream_free);
     qtp_t silent;
     std::vector<int16_t> zeros(100);
@@ -211,15 +202,13 @@ TEST(StreamSilence, LongRunNeitherAllocatesNorDrifts)
 
 void death_stream_float_on_fixed_features()
 {
-    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&kDefaultConfig, dl_matrixq_alloc(2, 257), nullptr);
     dl_audio_stream_alloc(
         f, 4, 1, [](void *, const dl_matrix2d_t *, fptp_t *) {}, nullptr);
 }
 void death_detector_words()
 {
-    const dl_audio_config_t c = DL_AUDIO_CONFIG_DEFAULT;
-    dl_audio_features_t *f = dl_audio_features_alloc_q(&c, dl_matrixq_alloc(2, 257), nullptr);
+    dl_audio_features_t *f = dl_audio_features_alloc_q(&kDefaultConfig, dl_matrixq_alloc(2, 257), nullptr);
     dl_audio_stream_t *s = dl_audio_stream_alloc_q(
         f, 4, 2, [](void *, const dl_matrix2dq_t *, fptp_t *) {}, nullptr);
     const int win = 1;
@@ -227,16 +216,11 @@ void death_detector_words()
     dl_audio_stream_push(nullptr, 0, s, dl_detector_alloc(1, &win, thresh), nullptr, 0);
 }
 
-class StreamDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
+const testutil::DeathCase kStreamDeaths[] = {
+    {"float_on_fixed_features", death_stream_float_on_fixed_features, "Assertion `features->mel' failed"},
+    {"detector_words", death_detector_words, "Assertion `detector->words==s->n_scores' failed"},
+};
 
-TEST_P(StreamDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
-INSTANTIATE_TEST_SUITE_P(Conditions, StreamDeathTest,
-                         testing::Values(testutil::DeathCase{"float_on_fixed_features",
-                                                             death_stream_float_on_fixed_features,
-                                                             "Assertion `features->mel' failed"},
-                                         testutil::DeathCase{"detector_words", death_detector_words,
-                                                             "Assertion `detector->words==s->n_scores' failed"}),
-                         testutil::CaseName());
+DEATH_TEST_TABLE(StreamDeathTest, kStreamDeaths);
 
 }  // namespace

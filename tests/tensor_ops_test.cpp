@@ -186,27 +186,28 @@ void expect_floats(const std::vector<float> &want, const dl_matrix3d_t *got, con
             << what << " item " << i << ": " << want[i] << " vs " << got->item[i];
 }
 
-void expect_items(const std::vector<qtp_t> &want, int e, const dl_matrix3dq_t *got, const std::string &what)
+// Fixed-point items and their exponent.
+using Items = std::pair<std::vector<qtp_t>, int>;
+
+void expect_items(const Items &want, const dl_matrix3dq_t *got, const std::string &what)
 {
-    ASSERT_EQ(want.size(), count(got)) << what;
-    EXPECT_EQ(e, got->exponent) << what;
-    for (size_t i = 0; i < want.size(); i++) ASSERT_EQ(want[i], got->item[i]) << what << " item " << i;
+    ASSERT_EQ(want.first.size(), count(got)) << what;
+    EXPECT_EQ(want.second, got->exponent) << what;
+    for (size_t i = 0; i < want.first.size(); i++) ASSERT_EQ(want.first[i], got->item[i]) << what << " item " << i;
 }
 
 // Items of a sum, shifted and saturated, then the bias.
 template <class In, class Val>
-void ref_q(const ConvCase &k, const Geometry &g, bool dw, const In *in, int e_in, Val val, const Operands &o,
-           std::vector<qtp_t> &out, int &e)
+Items ref_q(const ConvCase &k, const Geometry &g, bool dw, const In *in, int e_in, Val val, const Operands &o)
 {
     const int places = dw ? k.kw * k.kh : k.kw * k.kh * k.c;
     const int s = product_shift(places) - o.shift;
-    out.assign(static_cast<size_t>(g.wo) * g.ho * (dw ? k.c : k.out_c), 0);
-    ref_sums(k, g, dw, in, val, o.qfilter.get(), [&](size_t i, int64_t sum) {
-        const int64_t v = sum >> s;
-        out[i] = static_cast<qtp_t>(v > 32767 ? 32767 : v < -32767 ? -32767 : v);
-    });
-    e = e_in + o.qfilter->exponent + s;
-    ref_bias_q(out, e, o.qbias.get());
+    Items out{std::vector<qtp_t>(static_cast<size_t>(g.wo) * g.ho * (dw ? k.c : k.out_c)),
+              e_in + o.qfilter->exponent + s};
+    ref_sums(k, g, dw, in, val, o.qfilter.get(),
+             [&](size_t i, int64_t sum) { out.first[i] = static_cast<qtp_t>(clamp(sum >> s)); });
+    ref_bias_q(out.first, out.second, o.qbias.get());
+    return out;
 }
 
 template <class In, class Val>
@@ -259,12 +260,9 @@ TEST_P(ConvPathTest, SameBitsAsReference)
                                                     nullptr));
         expect_floats(ref_qweight(k, g, false, qin->item, qin->exponent, iv, o), fq.get(), what + " quantised_weight");
 
-        std::vector<qtp_t> want;
-        int e;
-        ref_q(k, g, false, o.qin->item, o.qin->exponent, iv, o, want, e);
         T3q q =
             own(dl::conv_layer_q(isa, o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift));
-        expect_items(want, e, q.get(), what + " q");
+        expect_items(ref_q(k, g, false, o.qin->item, o.qin->exponent, iv, o), q.get(), what + " q");
 
         // The image forms read bytes as b / 256.
         T3 fu = own(dl::conv_layer(isa, o.image.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, pad, nullptr));
@@ -273,10 +271,9 @@ TEST_P(ConvPathTest, SameBitsAsReference)
         T3 fqu = own(dl::conv_layer_quantised_weight(isa, o.image.get(), o.qfilter.get(), o.fbias.get(), k.sx, k.sy,
                                                      pad, nullptr));
         expect_floats(ref_qweight(k, g, false, o.image->item, -15, bi, o), fqu.get(), what + " image quantised_weight");
-        ref_q(k, g, false, o.image->item, -15, bi, o, want, e);
         T3q qu = own(
             dl::conv_layer_q(isa, o.image.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift));
-        expect_items(want, e, qu.get(), what + " image q");
+        expect_items(ref_q(k, g, false, o.image->item, -15, bi, o), qu.get(), what + " image q");
     }
 }
 
@@ -315,15 +312,13 @@ TEST(TensorConvGolden, FilterBankLayoutAndFixedPointExponent)
     T3q filter = items(2, 2, 1, 2, -3, {1, 0, 0, 0, 0, 1, 0, 1});  // first channel-0 item; sum of channel 1
     T3q out = own(dl_matrix3dq_conv_layer_q(in.get(), filter.get(), nullptr, 1, 1, nullptr, nullptr, 17));
     // K = 4, default shift 17, caller's 17: s = 0, so the sums stand as they are.
-    EXPECT_EQ(out->exponent, -5);
-    EXPECT_EQ(std::vector<int>(out->item, out->item + 2), (std::vector<int>{1, 6}));
+    EXPECT_EQ(state(out.get()), QState({1, 6}, -5));
     // With the default shift: 6 >> 17 is 0, and the exponent rises by 17.
     T3q bias = items(1, 1, 1, 2, -12, {-3, 5});
     T3q shifted = own(dl_matrix3dq_conv_layer_q(in.get(), filter.get(), bias.get(), 1, 1, nullptr, nullptr, 0));
     // The bias at -12 is lower than the sums' 12: shifted right by 24, -3
     // becomes -1 (rounded down), 5 becomes 0.
-    EXPECT_EQ(shifted->exponent, 12);
-    EXPECT_EQ(std::vector<int>(shifted->item, shifted->item + 2), (std::vector<int>{-1, 0}));
+    EXPECT_EQ(state(shifted.get()), QState({-1, 0}, 12));
 }
 
 TEST(TensorConvGolden, ImageBytesAreEighths)
@@ -333,14 +328,11 @@ TEST(TensorConvGolden, ImageBytesAreEighths)
     img_rec.item = bytes;
     T3 filter = floats(1, 1, 1, 1, {2.0f});
     T3 out = own(dl_matrix3du_conv_layer(&img_rec, filter.get(), nullptr, 1, 1, nullptr, nullptr));
-    EXPECT_EQ(out->item[0], 1.0f);
-    EXPECT_EQ(out->item[1], 255.0f / 128.0f);
+    EXPECT_EQ(std::vector<float>(out->item, out->item + 2), (std::vector<float>{1.0f, 255.0f / 128.0f}));
     // Fixed point: items 128 * b at exponent -15.
     T3q qfilter = items(1, 1, 1, 1, 0, {1});
     T3q q = own(dl_matrix3du_conv_layer_q(&img_rec, qfilter.get(), nullptr, 1, 1, nullptr, nullptr, 15));
-    EXPECT_EQ(q->exponent, -15);
-    EXPECT_EQ(q->item[0], 128 * 128);
-    EXPECT_EQ(q->item[1], 255 * 128);
+    EXPECT_EQ(state(q.get()), QState({128 * 128, 255 * 128}, -15));
 }
 
 struct SameCase {
@@ -393,15 +385,12 @@ TEST(TensorPool, FixedPointRoundsDownAndKeepsExponent)
     // Two channels; windows of 1 x 2 over 2 x 1 x 2.
     T3q in = items(1, 2, 1, 2, -7, {-1, 32767, -2, 32767});
     T3q avg = own(dl_matrix3dq_avg_pool_q(in.get(), 2, 1, 1, 1, nullptr));
-    EXPECT_EQ(avg->exponent, -7);
-    EXPECT_EQ(avg->item[0], -2);  // -3 / 2 rounded toward minus infinity
-    EXPECT_EQ(avg->item[1], 32767);
+    EXPECT_EQ(state(avg.get()), QState({-2, 32767}, -7));  // -3 / 2 rounded toward minus infinity
     T3q low = items(1, 2, 1, 1, 0, {-32768, -32768});
     T3q g = own(dl_matrix3dq_global_avg_pool_q(low.get(), nullptr));
     EXPECT_EQ(g->item[0], -32767);  // saturated
     T3q mx = own(dl_matrix3dq_max_pool_q(in.get(), 2, 1, 1, 1, nullptr));
-    EXPECT_EQ(std::vector<int>(mx->item, mx->item + 2), (std::vector<int>{-1, 32767}));
-    EXPECT_EQ(mx->exponent, -7);
+    EXPECT_EQ(state(mx.get()), QState({-1, 32767}, -7));
 }
 
 // ---- Element-wise -----------------------------------------------------------
@@ -410,17 +399,14 @@ TEST(TensorElementwise, ReluAndAddFollowTheMatrixRules)
 {
     T3q a = items(1, 1, 1, 3, -4, {-5, 40, 100});
     T3q r = own(dl_matrix3dq_relu_q(a.get(), 4.0f, nullptr));  // clip 4.0 is item 64
-    EXPECT_EQ(r->exponent, -4);
-    EXPECT_EQ(std::vector<int>(r->item, r->item + 3), (std::vector<int>{0, 40, 64}));
+    EXPECT_EQ(state(r.get()), QState({0, 40, 64}, -4));
     T3q b = items(1, 1, 1, 3, -2, {1, -1, 32767});
     // b is higher: a is shifted right by 2 (-5 -> -2), saturated at 32767.
     T3q s1 = own(dl_matrix3dq_add_q(a.get(), b.get(), nullptr, 1));
-    EXPECT_EQ(s1->exponent, -2);
-    EXPECT_EQ(std::vector<int>(s1->item, s1->item + 3), (std::vector<int>{-1, 9, 32767}));
+    EXPECT_EQ(state(s1.get()), QState({-1, 9, 32767}, -2));
     // In place, halving: exponent one above.
     dl_matrix3dq_add_q(a.get(), b.get(), a.get(), 0);
-    EXPECT_EQ(a->exponent, -1);
-    EXPECT_EQ(std::vector<int>(a->item, a->item + 3), (std::vector<int>{-1, 4, 16396}));
+    EXPECT_EQ(state(a.get()), QState({-1, 4, 16396}, -1));
 
     T3 f = floats(1, 1, 1, 3, {-1, 0.5f, 9});
     dl_matrix3d_relu(f.get(), 2.0f, f.get());
@@ -484,11 +470,7 @@ const testutil::DeathCase kDeaths[] = {
      "Assertion `in->c==1' failed"},
 };
 
-class TensorOpsDeathTest : public testing::TestWithParam<testutil::DeathCase> {};
-
-TEST_P(TensorOpsDeathTest, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); }
-
-INSTANTIATE_TEST_SUITE_P(Conditions, TensorOpsDeathTest, testing::ValuesIn(kDeaths), testutil::CaseName());
+DEATH_TEST_TABLE(TensorOpsDeathTest, kDeaths);
 
 // ---- Depthwise kernels, each against the reference ------------------------------
 
@@ -533,12 +515,9 @@ TEST_P(DepthwiseKernelTest, SameBitsAsReference)
         T3 fq = own(dl::depthwise_conv_layer_quantised_weight(isa, o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx,
                                                               k.sy, &k.pad, nullptr));
         expect_floats(ref_qweight(k, g, true, qin->item, qin->exponent, iv, o), fq.get(), what + " quantised_weight");
-        std::vector<qtp_t> want;
-        int e;
-        ref_q(k, g, true, o.qin->item, o.qin->exponent, iv, o, want, e);
         T3q q = own(dl::depthwise_conv_layer_q(isa, o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, &k.pad,
                                                nullptr, o.shift));
-        expect_items(want, e, q.get(), what + " q");
+        expect_items(ref_q(k, g, true, o.qin->item, o.qin->exponent, iv, o), q.get(), what + " q");
     }
 }
 

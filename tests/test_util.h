@@ -64,6 +64,13 @@ struct DeathCase {
 
 inline void PrintTo(const DeathCase &c, std::ostream *os) { *os << c.name; }
 
+// The death test suite of a table of DeathCase rows, one test a row, named
+// Conditions/<Suite>.FailsWithConditionText/<row name>.
+#define DEATH_TEST_TABLE(Suite, cases)                                                             \
+    class Suite : public testing::TestWithParam<testutil::DeathCase> {};                           \
+    TEST_P(Suite, FailsWithConditionText) { EXPECT_DEATH(GetParam().call(), GetParam().message); } \
+    INSTANTIATE_TEST_SUITE_P(Conditions, Suite, testing::ValuesIn(cases), testutil::CaseName())
+
 // The bytes of a version 1.0 .npy file with the given header text and data.
 inline std::string npy_bytes(const std::string &header, const std::string &data)
 {
@@ -77,6 +84,45 @@ template <class T>
 std::string raw(const std::vector<T> &values)
 {
     return std::string(reinterpret_cast<const char *>(values.data()), values.size() * sizeof(T));
+}
+
+// The header of a '<f4' file up to its shape, and such a file of the shape
+// ("(2, 3)", say) and data.
+inline const std::string kF4 = "{'descr': '<f4', 'fortran_order': False, 'shape': ";
+inline std::string f4(const std::string &shape, const std::string &data = "")
+{
+    return npy_bytes(kF4 + shape + ", }", data);
+}
+
+// The library's four loaders, and the dimensions of what one gives for a
+// file: w, h of a matrix; n, w, h, c of a tensor; none when it refuses.
+enum class Loader { matrix, weights, weights_q, input };
+
+inline std::vector<int> dims(const dl_matrix2d_t *m) { return {m->w, m->h}; }
+template <class Tensor>
+inline std::vector<int> dims(const Tensor *t)
+{
+    return {t->n, t->w, t->h, t->c};
+}
+
+template <class T>
+std::vector<int> load_dims(T *(*load)(const char *), void (*release)(T *), const char *path)
+{
+    T *t = load(path);
+    const std::vector<int> d = t ? dims(t) : std::vector<int>{};
+    release(t);
+    return d;
+}
+
+inline std::vector<int> load_dims(Loader loader, const char *path)
+{
+    switch (loader) {
+    case Loader::matrix: return load_dims(dl_matrix2d_from_numpy_file, dl_matrix_free, path);
+    case Loader::weights: return load_dims(dl_matrix3d_weight_from_numpy_file, dl_matrix3d_free, path);
+    case Loader::weights_q: return load_dims(dl_matrix3dq_weight_from_numpy_file, dl_matrix3dq_free, path);
+    case Loader::input: return load_dims(dl_matrix3du_input_from_numpy_file, dl_matrix3du_free, path);
+    }
+    return {};
 }
 
 // The expected messages of a loader, with "@" standing for the file's path.

@@ -26,10 +26,8 @@ except ImportError:
 class TablesCase(unittest.TestCase):
     def setUp(self):
         self._tmp = tempfile.TemporaryDirectory()
+        self.addCleanup(self._tmp.cleanup)
         self.dir = self._tmp.name
-
-    def tearDown(self):
-        self._tmp.cleanup()
 
     def tables(self, **arrays):
         for name, value in arrays.items():

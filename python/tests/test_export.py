@@ -12,7 +12,6 @@ import torch
 import torch.nn as nn
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import reference as ref  # noqa: E402
 from kelvane_export import ExportError, ModelWriter, TensorModelWriter, library_axis, read_record  # noqa: E402
@@ -24,12 +23,10 @@ class ExportCase(unittest.TestCase):
         warnings.filterwarnings("ignore", "Using padding='same'", UserWarning)
         self.rng = np.random.default_rng(7)
         self._tmp = tempfile.TemporaryDirectory()
+        self.addCleanup(self._tmp.cleanup)
         self.dir = self._tmp.name
         self.out = ModelWriter(self.dir)
-
-    def tearDown(self):
-        self.out._out.discard()
-        self._tmp.cleanup()
+        self.addCleanup(self.out._out.discard)
 
     def load(self, name):
         self.out.close()

@@ -13,7 +13,6 @@ import torch
 import torch.nn as nn
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import reference as ref  # noqa: E402
 from kelvane_export import ExportError, TensorModelWriter  # noqa: E402

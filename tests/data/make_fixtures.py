@@ -27,6 +27,12 @@ def save(rel, array):
     np.save(path(rel), array)
 
 
+def write(rel, data):
+    """Writes text or bytes as they are."""
+    with open(path(rel), "wb" if isinstance(data, bytes) else "w") as f:
+        f.write(data)
+
+
 def fresh_dir(rel):
     d = os.path.join(ROOT, rel)
     shutil.rmtree(d, ignore_errors=True)
@@ -34,10 +40,11 @@ def fresh_dir(rel):
     return rel
 
 
-def fetch_values(seed, count):
-    """The values the compile-and-fetch test recomputes in C: multiples of
-    1/7, which six decimals cannot hold exactly."""
-    return [((i * 37 + seed * 11) % 101 - 50) / 7.0 for i in range(count)]
+def fetch_values(seed, count, divisor=7.0):
+    """The values the compile-and-fetch tests recompute in C: multiples of
+    1/7, which six decimals cannot hold exactly, or of 1/8, which they and a
+    fixed-point table hold exactly."""
+    return [((i * 37 + seed * 11) % 101 - 50) / divisor for i in range(count)]
 
 
 def loader_fixtures():
@@ -66,14 +73,11 @@ def fetch_models():
         if name == "zero":
             values = np.zeros(shape, dtype=np.float32)
         save(f"{d}/{name}.npy", values)
-    with open(path(d, "_MODEL_INFO_"), "w") as f:
-        f.write("# wake words of the fetch test\n")
-        f.write("kws_v1_hey_5_0.72_0.65_stop_x_0.8_0.7\n")
+    write(f"{d}/_MODEL_INFO_", "# wake words of the fetch test\nkws_v1_hey_5_0.72_0.65_stop_x_0.8_0.7\n")
     d3 = fresh_dir("tests/data/escape_model")
     save(f"{d3}/w.npy", np.array([1.0], dtype=np.float32))
-    with open(path(d3, "_MODEL_INFO_"), "wb") as f:
-        # A quote, a backslash, a trigraph and a carriage return (DOS line end).
-        f.write(b'm_v1_say"hi"_3_0.5_0.25_back\\slash_4_0.1236_0_what??=_1_1_2\r\n')
+    # A quote, a backslash, a trigraph and a carriage return (DOS line end).
+    write(f"{d3}/_MODEL_INFO_", b'm_v1_say"hi"_3_0.5_0.25_back\\slash_4_0.1236_0_what??=_1_1_2\r\n')
     d2 = fresh_dir("tests/data/fetch_model_noinfo")
     save(f"{d2}/w.npy", np.array([[0.5, -1.0], [2.0, 0.125]], dtype=np.float32))
 
@@ -86,8 +90,7 @@ def cli_case_models():
         d = model(case)
         save(f"{d}/a.npy", np.array([0.5, -2], dtype=np.float32))
         save(f"{d}/b c.v2.npy", np.array([1.5, 0.25, 3], dtype=np.float32))
-        with open(path(d, ".x"), "w") as f:
-            f.write("hidden\n")
+        write(f"{d}/.x", "hidden\n")
 
     for case in ("exclude_bn", "quant_bn"):
         d = model(case)
@@ -106,39 +109,29 @@ def cli_case_models():
     d = model("model_info")
     save(f"{d}/A.npy", np.array([1.0], dtype=np.float32))
     save(f"{d}/b.npy", np.array([2.0], dtype=np.float32))
-    with open(path(d, "_MODEL_INFO_"), "w") as f:
-        f.write("# comment_with_the_right_count_of_under_scores\n")
-        f.write("five_fields_are_skipped\n")
-        f.write("cnn_v2_alpha_5_0.72_0.65_beta_x_0.8_0.7\n")
-        f.write("x_y_later_1_0.5_0.5\n")
+    write(f"{d}/_MODEL_INFO_", "# comment_with_the_right_count_of_under_scores\nfive_fields_are_skipped\n"
+                               "cnn_v2_alpha_5_0.72_0.65_beta_x_0.8_0.7\nx_y_later_1_0.5_0.5\n")
 
     for case in ("empty_dir", "flags_repeat"):
-        with open(path(model(case), ".keep"), "w") as f:
-            f.write("")
+        write(f"{model(case)}/.keep", "")
 
     d = model("info_no_line")
     save(f"{d}/B.npy", np.array([1.0], dtype=np.float32))
     save(f"{d}/c.npy", np.array([1.0], dtype=np.float32))
-    with open(path(d, "_MODEL_INFO_"), "w") as f:
-        f.write("# only_comments_and_blank_lines_here_x\n\n   \n_a_b\n")
+    write(f"{d}/_MODEL_INFO_", "# only_comments_and_blank_lines_here_x\n\n   \n_a_b\n")
 
     d = model("info_empty_field")
-    with open(path(d, "_MODEL_INFO_"), "w") as f:
-        f.write("m_v1_word__0.5_0.5\n")
+    write(f"{d}/_MODEL_INFO_", "m_v1_word__0.5_0.5\n")
 
     d = model("bad_files")
     save(f"{d}/good.npy", np.array([[1, 2], [3, 4]], dtype=np.float32))
     save(f"{d}/my-weights.npy", np.array([1.0], dtype=np.float32))
     save(f"{d}/2nd.npy", np.array([1.0], dtype=np.float32))
-    with open(path(d, "notes.txt"), "w") as f:
-        f.write("not a numpy file\n")
-    with open(path(d, "subdir", ".keep"), "w") as f:
-        f.write("")
+    write(f"{d}/notes.txt", "not a numpy file\n")
+    write(f"{d}/subdir/.keep", "")
     full = open(path(d, "good.npy"), "rb").read()
-    with open(path(d, "truncated.npy"), "wb") as f:
-        f.write(full[:-6])
-    with open(path(d, "_MODEL_INFO_.txt"), "w") as f:
-        f.write("a_b_c_1_0.5_0.5\n")
+    write(f"{d}/truncated.npy", full[:-6])
+    write(f"{d}/_MODEL_INFO_.txt", "a_b_c_1_0.5_0.5\n")
 
     strict_cases(model)
     report_cases(model)
@@ -150,18 +143,14 @@ def report_cases(model):
     save(f"{d}/a.npy", np.array([1.0, -1.0], dtype=np.float32))
     # Roots 10000 (exact at exponent -1) and sqrt(0.001), which is lost.
     save(f"{d}/pop_var.npy", np.array([1e8, 0.0], dtype=np.float32))
-    with open(path(d, "2nd.npy"), "w") as f:
-        f.write("")
-    with open(path(d, "_MODEL_INFO_"), "w") as f:
-        f.write("no significant line\n")
+    write(f"{d}/2nd.npy", "")
+    write(f"{d}/_MODEL_INFO_", "no significant line\n")
     d = model("report_json")
     # 10000 stays, -30000 becomes -29999 (exponent 0): SNR = 10 log10(1e9 / 1) = 90 dB.
     save(f"{d}/a.npy", np.array([10000.0, -30000.0], dtype=np.float32))
     save(f"{d}/b.npy", np.array([1.0, 0.5], dtype=np.float32))
-    with open(path(d, "junk.txt"), "w") as f:
-        f.write("not a numpy file")
-    with open(path(d, "_MODEL_INFO_"), "w") as f:
-        f.write("kws_v1_hey_3_0.80_0.60\n")
+    write(f"{d}/junk.txt", "not a numpy file")
+    write(f"{d}/_MODEL_INFO_", "kws_v1_hey_3_0.80_0.60\n")
 
 
 def npy_bytes(header, data=b""):
@@ -178,13 +167,11 @@ def strict_cases(model):
     runs that -strict refuses or writes exactly (strict_*)."""
     d = model("classic_values")
     save(f"{d}/w.npy", np.array([np.inf, -np.inf, np.nan, 0.5], dtype=np.float32))
-    with open(path(d, "_MODEL_INFO_"), "wb") as f:
-        f.write(b"m_v1_say_3_nan_abc_go_7_inf_0.5\r\n")
+    write(f"{d}/_MODEL_INFO_", b"m_v1_say_3_nan_abc_go_7_inf_0.5\r\n")
     d = model("strict_ok")
     save(f"{d}/w.npy", np.array([np.inf, -np.inf, np.nan, 0.5], dtype=np.float32))
     save(f"{d}/q.npy", np.array([[1.0, -0.5]], dtype=np.float32))
-    with open(path(d, "_MODEL_INFO_"), "wb") as f:
-        f.write(b"m_v1_say??=_3_0.5_0.25\r\n")
+    write(f"{d}/_MODEL_INFO_", b"m_v1_say??=_3_0.5_0.25\r\n")
 
     for case in ("strict_refusals", "classic_refusals"):
         d = model(case)
@@ -195,12 +182,10 @@ def strict_cases(model):
         save(f"{d}/fortran.npy", np.asfortranarray(np.arange(6, dtype=np.float32).reshape(2, 3)))
         save(f"{d}/three_d.npy", np.arange(24, dtype=np.float32).reshape(2, 3, 4))
         save(f"{d}/structured.npy", np.zeros(2, dtype=[("a", "<i4"), ("b", "<f4")]))
-        with open(path(d, "negative.npy"), "wb") as f:
-            f.write(npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': (2, -1), }", b"\0" * 8))
-        with open(path(d, "truncated.npy"), "wb") as f:
-            f.write(npy_bytes("{'descr': '<f4', 'fortran_order': False, 'shape': (2, 2), }", b"\0" * 12))
-        with open(path(d, "_MODEL_INFO_"), "wb") as f:
-            f.write(b"\xef\xbb\xbf# comment_a_b_1_0.5_0.5\nm_v1_go_0_0.5_0.5\n")
+        f4 = "{'descr': '<f4', 'fortran_order': False, 'shape': (%s), }"
+        write(f"{d}/negative.npy", npy_bytes(f4 % "2, -1", b"\0" * 8))
+        write(f"{d}/truncated.npy", npy_bytes(f4 % "2, 2", b"\0" * 12))
+        write(f"{d}/_MODEL_INFO_", b"\xef\xbb\xbf# comment_a_b_1_0.5_0.5\nm_v1_go_0_0.5_0.5\n")
 
     for case in ("classic_names", "full_disk"):
         save(f"{model(case)}/a.npy", np.array([0.5, -2], dtype=np.float32))
@@ -209,10 +194,9 @@ def strict_cases(model):
     d = model("strict_tensor")
     save(f"{d}/five_d.npy", np.zeros((1, 1, 1, 1, 2), dtype=np.float32))
     save(f"{d}/filters.npy", np.ones((1, 1, 1, 2), dtype=np.float32))
-    with open(path(d, "_MODEL_INFO_"), "w") as f:
-        # Read in pieces of 2047 bytes: the first piece qualifies, and the
-        # classic reader takes its threshold without the rest of its digits.
-        f.write("m_v1_go_3_0.5_0." + "5" * 2100 + "\n")
+    # Read in pieces of 2047 bytes: the first piece qualifies, and the
+    # classic reader takes its threshold without the rest of its digits.
+    write(f"{d}/_MODEL_INFO_", "m_v1_go_3_0.5_0." + "5" * 2100 + "\n")
 
 
 def hostile_models():

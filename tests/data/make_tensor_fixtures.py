@@ -8,27 +8,10 @@ with Debian's python3-numpy 1.24. Tests read the committed files and never
 need Python. Rerun after changing a fixture and review the diff.
 """
 import os
-import shutil
 
 import numpy as np
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-
-
-def fresh_dir(rel):
-    d = os.path.join(ROOT, rel)
-    shutil.rmtree(d, ignore_errors=True)
-    os.makedirs(d)
-    return d
-
-
-def save(d, name, array):
-    np.save(os.path.join(d, name), array)
-
-
-def write(d, name, text):
-    with open(os.path.join(d, name), "w") as f:
-        f.write(text)
+from make_fixtures import fetch_values, fresh_dir, path, save, write
 
 
 def loader_fixtures(d):
@@ -37,22 +20,16 @@ def loader_fixtures(d):
     tensor modes; each element holds its own index in C order."""
     bank = np.arange(24).reshape(2, 3, 2, 2)  # (h, w, c, n)
     for descr, dtype in (("f4", np.float32), ("f8", np.float64), ("i4", np.int32), ("i8", np.int64), ("u1", np.uint8)):
-        save(d, f"w_{descr}_2x3x2x2.npy", bank.astype(dtype))
-    save(d, "w_f4_vec5.npy", np.arange(5, dtype=np.float32))
-    save(d, "w_f4_2d_3x4.npy", np.arange(12, dtype=np.float32).reshape(3, 4))
-    save(d, "w_f4_2x3x4.npy", np.arange(24, dtype=np.float32).reshape(2, 3, 4))
+        save(f"{d}/w_{descr}_2x3x2x2.npy", bank.astype(dtype))
+    save(f"{d}/w_f4_vec5.npy", np.arange(5, dtype=np.float32))
+    save(f"{d}/w_f4_2d_3x4.npy", np.arange(12, dtype=np.float32).reshape(3, 4))
+    save(f"{d}/w_f4_2x3x4.npy", np.arange(24, dtype=np.float32).reshape(2, 3, 4))
     # Input images: element k holds k * 37 - 100, beyond a byte on both sides.
     image = np.arange(24).reshape(2, 3, 4) * 37 - 100
     for descr, dtype in (("f4", np.float32), ("f8", np.float64), ("i4", np.int32), ("i8", np.int64)):
-        save(d, f"in_{descr}_2x3x4.npy", image.astype(dtype))
-    save(d, "in_u1_2x3x4.npy", image.astype(np.int64).astype(np.uint8))
-    save(d, "in_u1_2x3.npy", np.arange(6, dtype=np.uint8).reshape(2, 3))
-
-
-def fetch_values(seed, count):
-    """The values the compile-and-fetch test recomputes in C: multiples of
-    1/8, which six decimals and a fixed-point table hold exactly."""
-    return [((i * 37 + seed * 11) % 101 - 50) / 8.0 for i in range(count)]
+        save(f"{d}/in_{descr}_2x3x4.npy", image.astype(dtype))
+    save(f"{d}/in_u1_2x3x4.npy", image.astype(np.int64).astype(np.uint8))
+    save(f"{d}/in_u1_2x3.npy", np.arange(6, dtype=np.uint8).reshape(2, 3))
 
 
 INFO = "# wake words of the tensor fetch test\nkws_v1_hey_5_0.72_0.65_stop_x_0.8_0.7\n"
@@ -63,40 +40,38 @@ def fetch_models(root):
     d = fresh_dir(os.path.join(root, "filters"))
     shapes = {"conv": (3, 2, 2, 4), "bias": (5,), "dense": (3, 2)}
     for seed, (name, shape) in enumerate(sorted(shapes.items())):
-        values = np.array(fetch_values(seed, int(np.prod(shape))), dtype=np.float32).reshape(shape)
-        save(d, f"{name}.npy", values)
-    write(d, "_MODEL_INFO_", INFO)
+        values = np.array(fetch_values(seed, int(np.prod(shape)), 8.0), dtype=np.float32).reshape(shape)
+        save(f"{d}/{name}.npy", values)
+    write(f"{d}/_MODEL_INFO_", INFO)
     d = fresh_dir(os.path.join(root, "images"))
-    save(d, "gray.npy", (np.arange(12).reshape(3, 4, 1) * 23).astype(np.uint8))
-    save(d, "rgb.npy", (np.arange(12).reshape(2, 2, 3) * 50.5 - 100).astype(np.float32))
-    write(d, "_MODEL_INFO_", INFO)
+    save(f"{d}/gray.npy", (np.arange(12).reshape(3, 4, 1) * 23).astype(np.uint8))
+    save(f"{d}/rgb.npy", (np.arange(12).reshape(2, 2, 3) * 50.5 - 100).astype(np.float32))
+    write(f"{d}/_MODEL_INFO_", INFO)
 
 
 def cli_case_models():
     d = fresh_dir("tests/cli/tensor_q/model")
-    save(d, "conv.npy", (np.arange(12, dtype=np.float32) * 0.25 - 1.5).reshape(2, 1, 2, 3))
-    save(d, "bias.npy", np.array([0.5, -2.0, 1.0], dtype=np.float64))
-    save(d, "dense.npy", np.array([[1, -2], [3, -4], [5, -6]], dtype=np.int32))
+    save(f"{d}/conv.npy", (np.arange(12, dtype=np.float32) * 0.25 - 1.5).reshape(2, 1, 2, 3))
+    save(f"{d}/bias.npy", np.array([0.5, -2.0, 1.0], dtype=np.float64))
+    save(f"{d}/dense.npy", np.array([[1, -2], [3, -4], [5, -6]], dtype=np.int32))
     # Named in the default -bnmatrices: a tensor is written unchanged.
-    save(d, "pop_var.npy", np.array([0.25, 4.0], dtype=np.float32))
-    save(d, "cube.npy", np.zeros((2, 3, 4), dtype=np.float32))
+    save(f"{d}/pop_var.npy", np.array([0.25, 4.0], dtype=np.float32))
+    save(f"{d}/cube.npy", np.zeros((2, 3, 4), dtype=np.float32))
 
     d = fresh_dir("tests/cli/tensor_f/model")
-    save(d, "conv.npy", (np.arange(12, dtype=np.float32) * 0.25 - 1.5).reshape(2, 1, 2, 3))
-    save(d, "dense.npy", np.array([[1, -2], [3, -4], [5, -6]], dtype=np.int32))
-    save(d, "empty.npy", np.zeros((0, 2, 2, 2), dtype=np.float32))
+    save(f"{d}/conv.npy", (np.arange(12, dtype=np.float32) * 0.25 - 1.5).reshape(2, 1, 2, 3))
+    save(f"{d}/dense.npy", np.array([[1, -2], [3, -4], [5, -6]], dtype=np.int32))
+    save(f"{d}/empty.npy", np.zeros((0, 2, 2, 2), dtype=np.float32))
     full = np.array([[0.5, 1.5], [2.5, 3.5], [4.5, 5.5]], dtype=np.float32)
-    save(d, "short2d.npy", full)
-    with open(os.path.join(d, "short2d.npy"), "rb") as f:
-        data = f.read()
-    with open(os.path.join(d, "short2d.npy"), "wb") as f:
-        f.write(data[:-12])  # the last row and a half gone
+    save(f"{d}/short2d.npy", full)
+    data = open(path(f"{d}/short2d.npy"), "rb").read()
+    write(f"{d}/short2d.npy", data[:-12])  # the last row and a half gone
 
     d = fresh_dir("tests/cli/tensor_in/model")
-    save(d, "gray.npy", np.array([[[0], [255]], [[256], [300]]], dtype=np.int32))
-    save(d, "rgb.npy", np.array([[[3.9, -0.5, 255.9], [256.0, -1.0, np.nan], [257.0, 1e10, 7.0]]], dtype=np.float32))
-    save(d, "vec.npy", np.arange(4, dtype=np.uint8))
-    write(d, "_MODEL_INFO_", "m_v1_go_3_0.5_0.25\n")
+    save(f"{d}/gray.npy", np.array([[[0], [255]], [[256], [300]]], dtype=np.int32))
+    save(f"{d}/rgb.npy", np.array([[[3.9, -0.5, 255.9], [256.0, -1.0, np.nan], [257.0, 1e10, 7.0]]], dtype=np.float32))
+    save(f"{d}/vec.npy", np.arange(4, dtype=np.uint8))
+    write(f"{d}/_MODEL_INFO_", "m_v1_go_3_0.5_0.25\n")
 
 
 if __name__ == "__main__":
