@@ -1,6 +1,7 @@
 #include "dl_lib.h"
 
 #include "dl_lib_internal.h"
+#include "kernels_internal.h"
 
 // ---- LSTM cell -----------------------------------------------------------
 
@@ -254,6 +255,66 @@ struct GateColumns {
     *out = {h_hi, h_lo};
 }
 
+// The same passes where the processor has a vector kernel for the Q15
+// activations: the gates are activated whole, in place in out_data (the
+// step's own scratch), before the passes, which then only multiply and add;
+// the new cell's tanh goes into gate i, spent by then, between the update's
+// two halves. Items, exponents and extremes are those of keep and update.
+struct ActivatedGates {
+    qtp_t *f, *i, *g, *o;
+    int n;  // items of a gate, one run
+};
+
+// The alignment shift of a kernel for items of exponent e, when it has one:
+// right shifts stop at 31 as ToQ15's do.
+bool kernel_shift(int e, int *s)
+{
+    *s = e + 15 < -31 ? -31 : e + 15;
+    return dl::activation_q15_kernel(dl::detected_isa(), dl::Activation::sigmoid, nullptr, nullptr, 0, *s);
+}
+
+void activate(dl::Activation act, const qtp_t *in, qtp_t *out, int n, int s)
+{
+    dl::activation_q15_kernel(dl::detected_isa(), act, in, out, n, s);
+}
+
+[[gnu::noinline]] Extremes keep_activated(dl_matrix2dq_t *c, const ActivatedGates &a)
+{
+    int32_t hi = 0, lo = 0;
+    for (int k = 0; k < a.n; k++) {
+        const int32_t r = mul_item(c->itemq[k], a.f[k]);
+        c->itemq[k] = static_cast<qtp_t>(r);
+        hi = r > hi ? r : hi;
+        lo = r < lo ? r : lo;
+    }
+    c->exponent += 1;
+    return {hi, lo};
+}
+
+[[gnu::noinline]] void update_activated(const ActivatedGates &a, int s_c, dl_matrix2dq_t *c, dl_matrix2dq_t *h,
+                                        Extremes *cell, Extremes *out)
+{
+    const AlignedSum sum(c->exponent, -14);
+    int32_t c_hi = 0, c_lo = 0, h_hi = 0, h_lo = 0;
+    for (int k = 0; k < a.n; k++) {
+        const int32_t ct = sum(c->itemq[k], mul_item(a.i[k], a.g[k]));
+        c->itemq[k] = static_cast<qtp_t>(ct);
+        c_hi = ct > c_hi ? ct : c_hi;
+        c_lo = ct < c_lo ? ct : c_lo;
+    }
+    activate(dl::Activation::tanh, c->itemq, a.i, a.n, s_c);
+    for (int k = 0; k < a.n; k++) {
+        const int32_t ht = mul_item(a.i[k], a.o[k]);
+        h->itemq[k] = static_cast<qtp_t>(ht);
+        h_hi = ht > h_hi ? ht : h_hi;
+        h_lo = ht < h_lo ? ht : h_lo;
+    }
+    c->exponent = c->exponent > -14 ? c->exponent : -14;
+    h->exponent = -14;
+    *cell = {c_hi, c_lo};
+    *out = {h_hi, h_lo};
+}
+
 // Brings the largest magnitude of a state to 16383 or more, or halves the
 // items once when some are clipped, as dl_matrixq_readjust_exp does; e are
 // the state's extremes. The states' items lie within +-32767, so an extreme
@@ -327,9 +388,27 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
         gate_f.exponent += n;
     }
     check_if_needed(add_one(&gate_f, one, n), &gate_f, "lstm f after add_const");
-    check_if_needed(keep(state_c, &gate_f), state_c, "lstm state_c after mul");
+
+    // The vector kernels take gates and states that lie in one run each.
+    const int units = q * rows;
+    const int e_c = state_c->exponent + 1 > -14 ? state_c->exponent + 1 : -14;  // the cell's, after keep
+    int s_f, s_gates, s_c;
+    const bool by_kernels = dl::is_flat(state_c) && dl::is_flat(state_h) && back_to_back(q, rows, column) &&
+                            kernel_shift(gate_f.exponent, &s_f) && kernel_shift(out_data->exponent, &s_gates) &&
+                            kernel_shift(e_c, &s_c);
+    const ActivatedGates activated = {gate_f.itemq, out_data->itemq, out_data->itemq + quarter,
+                                      out_data->itemq + 3 * quarter, units};
+    if (by_kernels) {
+        activate(dl::Activation::sigmoid, activated.f, activated.f, units, s_f);
+        activate(dl::Activation::sigmoid, activated.i, activated.i, units, s_gates);
+        activate(dl::Activation::tanh, activated.g, activated.g, units, s_gates);
+        activate(dl::Activation::sigmoid, activated.o, activated.o, units, s_gates);
+    }
+    check_if_needed(by_kernels ? keep_activated(state_c, activated) : keep(state_c, &gate_f), state_c,
+                    "lstm state_c after mul");
     Extremes cell, out;
-    update(gates, state_c, state_h, &cell, &out);
+    if (by_kernels) update_activated(activated, s_c, state_c, state_h, &cell, &out);
+    else update(gates, state_c, state_h, &cell, &out);
     check_if_needed(cell, state_c, "lstm state_c after add");
 
     // Both states go to the next step at full precision.
