@@ -4,6 +4,7 @@
 
 #include "conv_internal.h"
 #include "dl_lib_internal.h"
+#include "kernels_internal.h"
 
 // ---- Convolution layers --------------------------------------------------
 
@@ -227,13 +228,31 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     const fptp_t *b = bias->item;
     fptp_t *o = out->item;
     const int step = column * stride_x;
+    // Where the processor has the vector pair kernel, a row of positions is
+    // one product of its windows (flattened at the input's exponent) with the
+    // filter instead: the same exact sums, rounded and scaled the same way.
+    dl_matrix2dq_t *windows = dl::pairs_usable() ? dl_matrixq_alloc(filter_w * filter_h, geo.x.n) : nullptr;
     for (int oy = 0; oy < geo.y.n; oy++) {
         const qtp_t *first = frame + static_cast<size_t>(column) * geo.x.offset + (oy * stride_y + geo.y.offset);
+        if (windows) {
+            windows->exponent = e_in;
+            for (int ox = 0; ox < geo.x.n; ox++)
+                for (int dy = 0; dy < filter_h; dy++)
+                    for (int dx = 0; dx < filter_w; dx++)
+                        windows->itemq[ox + windows->stride * (dy * filter_w + dx)] =
+                            first[static_cast<size_t>(step) * ox + static_cast<size_t>(column) * dx + dy];
+            dl_matrix2d_t row = view_of(o, out_channels, geo.x.n, out_channels);
+            dl_matrixq_dot_matrix_out(windows, filter, &row);
+            for (int ox = 0; ox < geo.x.n; ox++, o += out_channels)
+                for (int oc = 0; oc < out_channels; oc++) o[oc] = o[oc] + b[oc];
+            continue;
+        }
         dl::window_sums(layout, first, geo.x.n, step, sums);
         const int64_t *s = sums;
         for (int ox = 0; ox < geo.x.n; ox++, s += out_channels, o += out_channels)
             for (int oc = 0; oc < out_channels; oc++) o[oc] = to_float(s[oc]) * factor + b[oc];
     }
+    dl_matrixq_free(windows);
     dl::mem_free(block);
     return out;
 }
