@@ -137,6 +137,15 @@ static inline const int16_t *prepared_pairs(const dl_matrix2dq_t *b)
     return p.pairs;
 }
 
+/* Whether vector kernels can exist in this build at all (x86-64): elsewhere
+ * the code that only feeds them is left out at compile time, so a device
+ * build pays nothing for it. */
+#if defined(__x86_64__)
+constexpr bool kVectorKernels = true;
+#else
+constexpr bool kVectorKernels = false;
+#endif
+
 /* Whether the pair kernel runs here: dl_matrixq_prepare packs only then. */
 bool pairs_usable();
 

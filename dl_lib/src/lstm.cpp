@@ -393,9 +393,9 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
     const int units = q * rows;
     const int e_c = state_c->exponent + 1 > -14 ? state_c->exponent + 1 : -14;  // the cell's, after keep
     int s_f, s_gates, s_c;
-    const bool by_kernels = dl::is_flat(state_c) && dl::is_flat(state_h) && back_to_back(q, rows, column) &&
-                            kernel_shift(gate_f.exponent, &s_f) && kernel_shift(out_data->exponent, &s_gates) &&
-                            kernel_shift(e_c, &s_c);
+    const bool by_kernels = dl::kVectorKernels && dl::is_flat(state_c) && dl::is_flat(state_h) &&
+                            back_to_back(q, rows, column) && kernel_shift(gate_f.exponent, &s_f) &&
+                            kernel_shift(out_data->exponent, &s_gates) && kernel_shift(e_c, &s_c);
     const ActivatedGates activated = {gate_f.itemq, out_data->itemq, out_data->itemq + quarter,
                                       out_data->itemq + 3 * quarter, units};
     if (by_kernels) {
