@@ -228,11 +228,12 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     const fptp_t *b = bias->item;
     fptp_t *o = out->item;
     const int step = column * stride_x;
-    // Where the processor has the vector pair kernel, a row of positions is
-    // one product of its windows (flattened at the input's exponent) with the
-    // filter instead: the same exact sums, rounded and scaled the same way.
-    dl_matrix2dq_t *windows =
-        dl::kVectorKernels && dl::pairs_usable() ? dl_matrixq_alloc(filter_w * filter_h, geo.x.n) : nullptr;
+    // On x86-64 a row of positions is one product of its windows (flattened
+    // at the input's exponent) with the filter instead, which the vector pair
+    // kernel takes where the processor has it and whose plain loop is faster
+    // there than the window sums': the same exact sums, rounded and scaled the
+    // same way.
+    dl_matrix2dq_t *windows = dl::kVectorKernels ? dl_matrixq_alloc(filter_w * filter_h, geo.x.n) : nullptr;
     for (int oy = 0; oy < geo.y.n; oy++) {
         const qtp_t *first = frame + static_cast<size_t>(column) * geo.x.offset + (oy * stride_y + geo.y.offset);
         if (windows) {
