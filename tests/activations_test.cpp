@@ -272,13 +272,7 @@ DEATH_TEST_TABLE(ActivationDeathTest, kActivationDeathTestCases);
 // Sigmoid and tanh, by the kernel and by the scalar op.
 const dl::Activation kActivations[] = {dl::Activation::sigmoid, dl::Activation::tanh};
 
-class ActivationKernelTest : public testing::TestWithParam<dl::Isa> {
-  protected:
-    void SetUp() override
-    {
-        if (!dl::isa_usable(GetParam())) GTEST_SKIP() << dl::isa_name(GetParam()) << " not built or not supported here";
-    }
-};
+class ActivationKernelTest : public IsaTest {};
 
 // Every item at every alignment the kernel takes, against the scalar op: all
 // 65,536 items, shifted right by 0 to 31 or left by 1 to 15, in one run

@@ -49,12 +49,11 @@ struct Product {
 };
 
 // Every product path: Isa::none is the plain loop, the others the kernels.
-class QDotKernelTest : public testing::TestWithParam<dl::Isa> {};
+class QDotKernelTest : public IsaTest {};
 
 TEST_P(QDotKernelTest, MatchesReferenceBitForBit)
 {
     const dl::Isa isa = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     Rng rng(23);
     for (int round = 0; round < 120; round++) {
         Product p = Product::random(rng, round);
@@ -93,7 +92,6 @@ TEST_P(QDotKernelTest, MatchesReferenceBitForBit)
 TEST_P(QDotKernelTest, ExtremeItemsOverLongSums)
 {
     const dl::Isa isa = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     const int corner[][2] = {{32767, -32768}, {-32768, -32768}, {-32767, 32767}, {255, -32768}, {-32513, -32768}};
     for (const int K : {256, 258, 9001})
         for (const int rows : {1, 3})
@@ -180,12 +178,11 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
 // The element-wise sum kernel against its definition, for every kind,
 // halving or saturating, every alignment shift, on items with the extremes
 // well represented and in runs that leave every tail length.
-class AddItemsKernelTest : public testing::TestWithParam<dl::Isa> {};
+class AddItemsKernelTest : public IsaTest {};
 
 TEST_P(AddItemsKernelTest, SameAsDefinition)
 {
     const dl::Isa isa = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     Rng rng(41);
     std::vector<qtp_t> hi(200), lo(200), out(200);
     for (int kind = 0; kind < 3; kind++)
