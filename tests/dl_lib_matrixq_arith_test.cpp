@@ -119,8 +119,8 @@ INSTANTIATE_TEST_SUITE_P(Paths, QDotKernelTest,
 
 // b prepared gives the plain loop's items, exponent and float bits in
 // dl_matrixq_dot and dl_matrixq_dot_matrix_out, and nothing outside the
-// results changes.
-void check_prepared(const ItemBox &a, const ItemBox &b, int shift)
+// results changes; the items go to a record of `pad` spare items a column.
+void check_prepared(const ItemBox &a, const ItemBox &b, int shift, int pad)
 {
     const int M = a.m.h, K = a.m.w, N = b.m.w, s = product_shift(K) - shift;
     MatrixqPtr prepared = own(dl_matrixq_prepare(&b.m));
@@ -128,7 +128,7 @@ void check_prepared(const ItemBox &a, const ItemBox &b, int shift)
     ASSERT_EQ(prepared->flags, DL_MF_PREPARED);
     ASSERT_EQ(state(prepared.get()), state(&b.m));
     ASSERT_EQ(dl::prepared_pairs(prepared.get()) != nullptr, dl::pairs_usable() && K > 0);
-    ItemBox want(N, M, 0), got(N, M, 1);
+    ItemBox want(N, M, 0), got(N, M, pad);
     FloatBox fwant(N, M, 0), fgot(N, M, 2);
     dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_items(&want.m, s));
     dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_floats(&fwant.m, std::ldexp(1.0f, a.m.exponent + b.m.exponent)));
@@ -150,7 +150,8 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
         const int M = round % 3 == 0 ? 1 : uniform(rng, 1, 40), K = uniform(rng, 0, round % 10 == 0 ? 600 : 70);
         const int N = uniform(rng, 1, 40);
         ItemBox a(rng, K, M, uniform(rng, 0, 2), uniform(rng, -20, 4)), b(rng, N, K, uniform(rng, 0, 3), -9);
-        ASSERT_NO_FATAL_FAILURE(check_prepared(a, b, uniform(rng, 0, product_shift(K)))) << M << "x" << K << "x" << N;
+        ASSERT_NO_FATAL_FAILURE(check_prepared(a, b, uniform(rng, 0, product_shift(K)), round % 2))
+            << M << "x" << K << "x" << N;
     }
     // The largest products over one chunk of 32-bit lane sums and just
     // beyond it, one row (float results show a lost 2^32 at once).
@@ -160,7 +161,8 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
             ItemBox a(K, 1, 0), b(9, K, 1);
             a.each([&](int) { return c[0]; });
             b.each([&](int) { return c[1]; });
-            ASSERT_NO_FATAL_FAILURE(check_prepared(a, b, product_shift(K) - 20)) << c[0] << " " << c[1] << " K " << K;
+            ASSERT_NO_FATAL_FAILURE(check_prepared(a, b, product_shift(K) - 20, 0))
+                << c[0] << " " << c[1] << " K " << K;
         }
     // Copies of a prepared record that no longer describe its packing.
     ItemBox b(rng, 9, 5, 0, 0);
