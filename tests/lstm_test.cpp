@@ -303,15 +303,14 @@ TEST_P(LstmQComposedTest, SameItemsExponentsAndWarnings)
 }
 
 // Exponents that put the gates on the flat ends, in the middle and near 0;
-// small items make every check warn, any items saturate the sums.
+// small items make every check warn, any items saturate the sums. The first
+// row is the digits example's shape; each other reaches branches no other does.
 INSTANTIATE_TEST_SUITE_P(Cases, LstmQComposedTest,
                          testing::Values(QCase{"digits_shape", 1, 8, 32, 0, true, -15, -15, -15, 0, 0, false},
-                                         QCase{"no_bias", 1, 8, 32, 0, false, -15, -15, -15, 0, 0, false},
                                          QCase{"odd_rows_views_extra_columns", 3, 5, 7, 3, true, -14, -11, -16, 2, 0,
                                                true},
                                          QCase{"bias_finer", 2, 4, 5, 0, true, -12, -20, -31, 0, 0, false},
                                          QCase{"large_gates", 1, 6, 9, 1, true, -8, -9, 2, 0, 0, false},
-                                         QCase{"tiny_items", 2, 3, 4, 0, true, -15, -15, -15, 0, 8, false},
                                          QCase{"tiny_no_bias", 1, 3, 4, 0, false, -15, -15, -15, 3, 8, true},
                                          QCase{"coarse_state", 1, 8, 16, 0, true, -15, -3, 10, 19, 0, false}),
                          CaseName());
