@@ -363,11 +363,10 @@ TEST(PaddingSame, SplitsTheTotal)
     for (const SameCase &c : cases) {
         const dl_padding_t after = dl_padding_same(c.size, 1, c.f, 1, c.s, 1, 1);
         const dl_padding_t before = dl_padding_same(c.size, 1, c.f, 1, c.s, 1, 0);
-        EXPECT_EQ(after.left, c.before_if_odd_after) << c.size << " " << c.f << " " << c.s;
-        EXPECT_EQ(after.right, c.after_if_odd_after) << c.size << " " << c.f << " " << c.s;
-        EXPECT_EQ(before.left, c.after_if_odd_after);
-        EXPECT_EQ(before.right, c.before_if_odd_after);
-        EXPECT_EQ(after.top, 0);
+        EXPECT_EQ(
+            std::tuple(after.left, after.right, after.top, before.left, before.right),
+            std::tuple(c.before_if_odd_after, c.after_if_odd_after, 0, c.after_if_odd_after, c.before_if_odd_after))
+            << c.size << " " << c.f << " " << c.s;
         // The padding gives ceil(size / stride) windows.
         EXPECT_EQ((after.left + c.size + after.right - c.f) / c.s + 1, (c.size + c.s - 1) / c.s);
     }
