@@ -267,43 +267,33 @@ const DeathCase kActivationDeathTestCases[] = {
 
 DEATH_TEST_TABLE(ActivationDeathTest, kActivationDeathTestCases);
 
-}  // namespace
-
-namespace {
-
 // ---- The activations' instruction-set kernels ------------------------------
 
-struct ActivationKernelCase {
-    dl::Isa isa;
-    dl::Activation act;
-};
+// Sigmoid and tanh, by the kernel and by the scalar op.
+const dl::Activation kActivations[] = {dl::Activation::sigmoid, dl::Activation::tanh};
 
-void PrintTo(const ActivationKernelCase &c, std::ostream *os)
-{
-    *os << dl::isa_name(c.isa) << (c.act == dl::Activation::sigmoid ? " sigmoid" : " tanh");
-}
-
-class ActivationKernelTest : public testing::TestWithParam<ActivationKernelCase> {};
+class ActivationKernelTest : public IsaTest {};
 
 // Every item at every alignment the kernel takes, against the scalar op: all
 // 65,536 items, shifted right by 0 to 31 or left by 1 to 15, in one run
 // whose length leaves a tail.
 TEST_P(ActivationKernelTest, Q15SameAsScalarOpForEveryItemAndShift)
 {
-    const auto [isa, act] = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " not built or not supported here";
+    const dl::Isa isa = GetParam();
     std::vector<qtp_t> in(65536 + 5), out(in.size());
     for (size_t i = 0; i < in.size(); i++) in[i] = static_cast<qtp_t>(static_cast<int32_t>(i) - 32768);
-    for (int s = -31; s <= 15; s++) {
-        ASSERT_TRUE(dl::activation_q15_kernel(isa, act, in.data(), out.data(), static_cast<int>(in.size()), s));
-        for (size_t i = 0; i < in.size(); i++) {
-            const int32_t x = s > 0 ? in[i] * (1 << s) : in[i] >> -s;
-            const int32_t want = act == dl::Activation::sigmoid ? dl_sigmoid_op_q(x) : dl_tanh_op_q(x);
-            ASSERT_EQ(out[i], static_cast<qtp_t>(want)) << "item " << in[i] << " shift " << s;
+    for (dl::Activation act : kActivations) {
+        for (int s = -31; s <= 15; s++) {
+            ASSERT_TRUE(dl::activation_q15_kernel(isa, act, in.data(), out.data(), static_cast<int>(in.size()), s));
+            for (size_t i = 0; i < in.size(); i++) {
+                const int32_t x = s > 0 ? in[i] * (1 << s) : in[i] >> -s;
+                const int32_t want = act == dl::Activation::sigmoid ? dl_sigmoid_op_q(x) : dl_tanh_op_q(x);
+                ASSERT_EQ(out[i], static_cast<qtp_t>(want)) << "item " << in[i] << " shift " << s;
+            }
         }
+        // Shifts of 16 and more go to the scalar op.
+        EXPECT_FALSE(dl::activation_q15_kernel(isa, act, in.data(), out.data(), 8, 16));
     }
-    // Shifts of 16 and more go to the scalar op.
-    EXPECT_FALSE(dl::activation_q15_kernel(isa, act, in.data(), out.data(), 8, 16));
 }
 
 // Floats around every table point, across the flat ends, and the special
@@ -311,8 +301,7 @@ TEST_P(ActivationKernelTest, Q15SameAsScalarOpForEveryItemAndShift)
 // bit for bit.
 TEST_P(ActivationKernelTest, FloatSameAsScalarOp)
 {
-    const auto [isa, act] = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " not built or not supported here";
+    const dl::Isa isa = GetParam();
     Rng rng(5);
     std::vector<float> in;
     const float inf = std::numeric_limits<float>::infinity();
@@ -322,13 +311,15 @@ TEST_P(ActivationKernelTest, FloatSameAsScalarOp)
         for (int d = -2; d <= 2; d++) in.push_back(std::nextafter(0.5f * i, d < 0 ? -inf : inf) + 1e-7f * d);
     while (in.size() < 20000) in.push_back(any_float(rng) * static_cast<float>(uniform(rng, 1, 6)));
     std::vector<float> out(in.size());
-    for (size_t start = 0, n = 0; start < in.size(); start += n, n = (n + 1) % 27) {
-        const size_t len = std::min(n, in.size() - start);
-        ASSERT_TRUE(dl::activation_kernel(isa, act, in.data() + start, out.data() + start, static_cast<int>(len)));
-    }
-    for (size_t i = 0; i < in.size(); i++) {
-        const float want = act == dl::Activation::sigmoid ? dl_sigmoid_op(in[i]) : dl_tanh_op(in[i]);
-        ASSERT_TRUE(same_float(out[i], want)) << in[i] << ": " << out[i] << " != " << want;
+    for (dl::Activation act : kActivations) {
+        for (size_t start = 0, n = 0; start < in.size(); start += n, n = (n + 1) % 27) {
+            const size_t len = std::min(n, in.size() - start);
+            ASSERT_TRUE(dl::activation_kernel(isa, act, in.data() + start, out.data() + start, static_cast<int>(len)));
+        }
+        for (size_t i = 0; i < in.size(); i++) {
+            const float want = act == dl::Activation::sigmoid ? dl_sigmoid_op(in[i]) : dl_tanh_op(in[i]);
+            ASSERT_TRUE(same_float(out[i], want)) << in[i] << ": " << out[i] << " != " << want;
+        }
     }
 }
 
@@ -336,8 +327,7 @@ TEST_P(ActivationKernelTest, FloatSameAsScalarOp)
 // (negative, NaN, infinite), on runs of every length up to a few vectors.
 TEST_P(ActivationKernelTest, ReluSameAsScalarOp)
 {
-    const dl::Isa isa = GetParam().isa;
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " not built or not supported here";
+    const dl::Isa isa = GetParam();
     Rng rng(9);
     const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
     for (float clip : {6.0f, 0.0f, -1.0f, inf, nan, 1e-40f})
@@ -350,14 +340,7 @@ TEST_P(ActivationKernelTest, ReluSameAsScalarOp)
         }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernels, ActivationKernelTest,
-                         testing::Values(ActivationKernelCase{dl::Isa::avx2, dl::Activation::sigmoid},
-                                         ActivationKernelCase{dl::Isa::avx2, dl::Activation::tanh},
-                                         ActivationKernelCase{dl::Isa::avx512, dl::Activation::sigmoid},
-                                         ActivationKernelCase{dl::Isa::avx512, dl::Activation::tanh}),
-                         [](const auto &info) {
-                             return std::string(dl::isa_name(info.param.isa)) +
-                                    (info.param.act == dl::Activation::sigmoid ? "_sigmoid" : "_tanh");
-                         });
+INSTANTIATE_TEST_SUITE_P(Kernels, ActivationKernelTest, testing::Values(dl::Isa::avx2, dl::Isa::avx512),
+                         testing::PrintToStringParamName());
 
 }  // namespace

@@ -88,12 +88,11 @@ std::vector<float> reference_dot(FloatBox &a, FloatBox &b)
 
 // Every product path: Isa::none is the plain loop, the others the kernels;
 // dl_matrix_dot itself runs whichever this machine chose.
-class FloatDotKernelTest : public testing::TestWithParam<dl::Isa> {};
+class FloatDotKernelTest : public IsaTest {};
 
 TEST_P(FloatDotKernelTest, MatchesReferenceBitForBit)
 {
     const dl::Isa isa = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     Rng rng(11);
     for (int round = 0; round < 150; round++) {
         // Mostly small shapes, some past the tile and panel sizes.

@@ -49,12 +49,11 @@ struct Product {
 };
 
 // Every product path: Isa::none is the plain loop, the others the kernels.
-class QDotKernelTest : public testing::TestWithParam<dl::Isa> {};
+class QDotKernelTest : public IsaTest {};
 
 TEST_P(QDotKernelTest, MatchesReferenceBitForBit)
 {
     const dl::Isa isa = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     Rng rng(23);
     for (int round = 0; round < 120; round++) {
         Product p = Product::random(rng, round);
@@ -93,7 +92,6 @@ TEST_P(QDotKernelTest, MatchesReferenceBitForBit)
 TEST_P(QDotKernelTest, ExtremeItemsOverLongSums)
 {
     const dl::Isa isa = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     const int corner[][2] = {{32767, -32768}, {-32768, -32768}, {-32767, 32767}, {255, -32768}, {-32513, -32768}};
     for (const int K : {256, 258, 9001})
         for (const int rows : {1, 3})
@@ -119,10 +117,32 @@ INSTANTIATE_TEST_SUITE_P(Paths, QDotKernelTest,
                          testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
                          [](const auto &info) { return std::string(dl::isa_name(info.param)); });
 
-// A prepared right-hand operand gives the bits of the plain loop in every
-// product, one row (the layers' case, which only a prepared operand takes to
-// the pair kernel) or several, whatever its origin's stride; a copy of the
-// record that was reshaped or re-pointed is multiplied as a plain record.
+// b prepared gives the plain loop's items, exponent and float bits in
+// dl_matrixq_dot and dl_matrixq_dot_matrix_out, and nothing outside the
+// results changes; the items go to a record of `pad` spare items a column.
+void check_prepared(const ItemBox &a, const ItemBox &b, int shift, int pad)
+{
+    const int M = a.m.h, K = a.m.w, N = b.m.w, s = product_shift(K) - shift;
+    MatrixqPtr prepared = own(dl_matrixq_prepare(&b.m));
+    ASSERT_TRUE(prepared);
+    ASSERT_EQ(prepared->flags, DL_MF_PREPARED);
+    ASSERT_EQ(state(prepared.get()), state(&b.m));
+    ASSERT_EQ(dl::prepared_pairs(prepared.get()) != nullptr, dl::pairs_usable() && K > 0);
+    ItemBox want(N, M, 0), got(N, M, pad);
+    FloatBox fwant(N, M, 0), fgot(N, M, 2);
+    dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_items(&want.m, s));
+    dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_floats(&fwant.m, std::ldexp(1.0f, a.m.exponent + b.m.exponent)));
+    dl_matrixq_dot(&a.m, prepared.get(), &got.m, shift);
+    dl_matrixq_dot_matrix_out(&a.m, prepared.get(), &fgot.m);
+    ASSERT_EQ(state(&got.m), QState(state(&want.m).first, a.m.exponent + b.m.exponent + s));
+    for (int x = 0; x < N; x++)
+        for (int y = 0; y < M; y++) ASSERT_EQ(bits(fgot.at(x, y)), bits(fwant.at(x, y))) << x << "," << y;
+    ASSERT_TRUE(got.margins_intact() && fgot.margins_intact());
+}
+
+// Products of one row (the layers' case, which only a prepared operand takes
+// to the pair kernel) or several, whatever the origin's stride; a copy of
+// the record that was reshaped or re-pointed is multiplied as a plain record.
 TEST(QDotPrepared, SameBitsAsPlainLoop)
 {
     Rng rng(31);
@@ -130,27 +150,8 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
         const int M = round % 3 == 0 ? 1 : uniform(rng, 1, 40), K = uniform(rng, 0, round % 10 == 0 ? 600 : 70);
         const int N = uniform(rng, 1, 40);
         ItemBox a(rng, K, M, uniform(rng, 0, 2), uniform(rng, -20, 4)), b(rng, N, K, uniform(rng, 0, 3), -9);
-        MatrixqPtr prepared = own(dl_matrixq_prepare(&b.m));
-        ASSERT_TRUE(prepared);
-        ASSERT_EQ(prepared->flags, DL_MF_PREPARED);
-        ASSERT_EQ(prepared->exponent, -9);
-        ASSERT_EQ(dl::prepared_pairs(prepared.get()) != nullptr, dl::pairs_usable() && K > 0);
-        for (int x = 0; x < N; x++)
-            for (int y = 0; y < K; y++) ASSERT_EQ(prepared->itemq[y + prepared->stride * x], b.at(x, y));
-        const int shift = uniform(rng, 0, product_shift(K)), s = product_shift(K) - shift;
-        ItemBox want(N, M, 0), got(N, M, 1);
-        FloatBox fwant(N, M, 0), fgot(N, M, 2);
-        dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_items(&want.m, s));
-        dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_floats(&fwant.m, std::ldexp(1.0f, a.m.exponent - 9)));
-        dl_matrixq_dot(&a.m, prepared.get(), &got.m, shift);
-        dl_matrixq_dot_matrix_out(&a.m, prepared.get(), &fgot.m);
-        ASSERT_EQ(got.m.exponent, a.m.exponent - 9 + s);
-        for (int x = 0; x < N; x++)
-            for (int y = 0; y < M; y++) {
-                ASSERT_EQ(got.at(x, y), want.at(x, y)) << M << "x" << K << "x" << N << " at " << x << "," << y;
-                ASSERT_EQ(bits(fgot.at(x, y)), bits(fwant.at(x, y))) << M << "x" << K << "x" << N;
-            }
-        ASSERT_TRUE(got.margins_intact() && fgot.margins_intact());
+        ASSERT_NO_FATAL_FAILURE(check_prepared(a, b, uniform(rng, 0, product_shift(K)), round % 2))
+            << M << "x" << K << "x" << N;
     }
     // The largest products over one chunk of 32-bit lane sums and just
     // beyond it, one row (float results show a lost 2^32 at once).
@@ -160,17 +161,8 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
             ItemBox a(K, 1, 0), b(9, K, 1);
             a.each([&](int) { return c[0]; });
             b.each([&](int) { return c[1]; });
-            MatrixqPtr p = own(dl_matrixq_prepare(&b.m));
-            FloatBox got(9, 1, 0), want(9, 1, 0);
-            ItemBox items(9, 1, 0), want_items(9, 1, 0);
-            dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_floats(&want.m, 1.0f));
-            dl::matrixq_dot_plain(&a.m, &b.m, dl::qdot_to_items(&want_items.m, 20));
-            dl_matrixq_dot_matrix_out(&a.m, p.get(), &got.m);
-            dl_matrixq_dot(&a.m, p.get(), &items.m, product_shift(K) - 20);
-            for (int x = 0; x < 9; x++) {
-                ASSERT_EQ(got.at(x, 0), want.at(x, 0)) << c[0] << " " << c[1] << " K " << K;
-                ASSERT_EQ(items.at(x, 0), want_items.at(x, 0)) << c[0] << " " << c[1] << " K " << K;
-            }
+            ASSERT_NO_FATAL_FAILURE(check_prepared(a, b, product_shift(K) - 20, 0))
+                << c[0] << " " << c[1] << " K " << K;
         }
     // Copies of a prepared record that no longer describe its packing.
     ItemBox b(rng, 9, 5, 0, 0);
@@ -188,12 +180,11 @@ TEST(QDotPrepared, SameBitsAsPlainLoop)
 // The element-wise sum kernel against its definition, for every kind,
 // halving or saturating, every alignment shift, on items with the extremes
 // well represented and in runs that leave every tail length.
-class AddItemsKernelTest : public testing::TestWithParam<dl::Isa> {};
+class AddItemsKernelTest : public IsaTest {};
 
 TEST_P(AddItemsKernelTest, SameAsDefinition)
 {
     const dl::Isa isa = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     Rng rng(41);
     std::vector<qtp_t> hi(200), lo(200), out(200);
     for (int kind = 0; kind < 3; kind++)

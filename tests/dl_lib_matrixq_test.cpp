@@ -127,12 +127,11 @@ TEST(MatrixqRecord, Messages)
 // The quantiser's kernels for one row against the scalar passes: the
 // extremes (equal, or zeros of either sign where zeros tie), and every item,
 // on rows with NaN, infinities, values beyond 32 bits and every tail length.
-class QuantiseKernelTest : public testing::TestWithParam<dl::Isa> {};
+class QuantiseKernelTest : public IsaTest {};
 
 TEST_P(QuantiseKernelTest, SameAsScalarPasses)
 {
     const dl::Isa isa = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
     Rng rng(3);
     for (int round = 0; round < 300; round++) {
         const int n = uniform(rng, 0, 70);

@@ -4,7 +4,6 @@
 #include <functional>
 #include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "dl_lib.h"
@@ -264,7 +263,7 @@ struct QCase {
     bool bias;
     int e_weight, e_bias, e_state, shift;
     int limit;   // items of in, weight and bias within +-limit (0: any item)
-    bool views;  // the states are slices of larger records
+    bool views;  // the states lie in wider columns, as slices of larger records
 };
 
 class LstmQComposedTest : public testing::TestWithParam<QCase> {};
@@ -272,76 +271,46 @@ class LstmQComposedTest : public testing::TestWithParam<QCase> {};
 // Collects the sanity warnings of a run.
 void collect(const char *text, void *arg) { *static_cast<std::string *>(arg) += text; }
 
-MatrixqPtr random_q(Rng &rng, int w, int h, int e, int limit)
-{
-    MatrixqPtr m = own(dl_matrixq_alloc(w, h));
-    for (int x = 0; x < w; x++)
-        for (int y = 0; y < h; y++)
-            m->itemq[y + m->stride * x] = limit ? static_cast<qtp_t>(uniform(rng, -limit, limit)) : any_item(rng);
-    m->exponent = e;
-    return m;
-}
-
-// A state of units x rows: a record of its own, or a slice one column and
-// two rows into a larger one.
-struct StateRecord {
-    MatrixqPtr owner, view;
-    dl_matrix2dq_t *get() { return view ? view.get() : owner.get(); }
-};
-
-StateRecord random_state(Rng &rng, const QCase &p)
-{
-    StateRecord s{random_q(rng, p.units + (p.views ? 2 : 0), p.rows + (p.views ? 3 : 0), p.e_state, 0),
-                  own(static_cast<dl_matrix2dq_t *>(nullptr))};
-    if (p.views) s.view = own(dl_matrixq_slice(s.owner.get(), 1, 2, p.units, p.rows, nullptr));
-    return s;
-}
-
 TEST_P(LstmQComposedTest, SameItemsExponentsAndWarnings)
 {
     const QCase &p = GetParam();
     Rng rng(static_cast<unsigned>(p.rows * 1000 + p.units * 10 + p.e_state + 40));
-    const int columns = 4 * p.units + p.extra_columns;
-    MatrixqPtr w = random_q(rng, columns, p.inputs + p.units, p.e_weight, p.limit);
-    MatrixqPtr b = random_q(rng, columns, p.rows, p.e_bias, p.limit);
-    StateRecord c = random_state(rng, p), h = random_state(rng, p);
-    StateRecord rc = random_state(rng, p), rh = random_state(rng, p);
-    for (auto [from, to] : {std::pair{&c, &rc}, std::pair{&h, &rh}})
-        for (int x = 0; x < p.units; x++)
-            for (int y = 0; y < p.rows; y++) to->get()->itemq[y + to->get()->stride * x] = item(from->get(), x, y);
+    // Operands at dl_matrixq_alloc's strides.
+    const auto operand = [&](int w, int h, int e, int limit) {
+        ItemBox b(w, h, h > 1 ? h % 2 : 0, e);
+        b.each([&](int) { return limit ? uniform(rng, -limit, limit) : any_item(rng); });
+        return b;
+    };
+    const int columns = 4 * p.units + p.extra_columns, state_pad = p.views ? 3 : p.rows > 1 ? p.rows % 2 : 0;
+    ItemBox w = operand(columns, p.inputs + p.units, p.e_weight, p.limit);
+    ItemBox b = operand(columns, p.rows, p.e_bias, p.limit);
+    ItemBox c(rng, p.units, p.rows, state_pad, p.e_state), h(rng, p.units, p.rows, state_pad, p.e_state);
+    ItemBox rc = c, rh = h;
     for (int t = 0; t < 4; t++) {
-        MatrixqPtr in = random_q(rng, p.inputs, p.rows, -15, p.limit);
+        ItemBox in = operand(p.inputs, p.rows, -15, p.limit);
         std::string want, got;
         dl_set_sanity_handler(collect, &want);
-        composed_step_q(in.get(), rc.get(), rh.get(), w.get(), p.bias ? b.get() : nullptr, p.shift);
+        composed_step_q(&in.m, &rc.m, &rh.m, &w.m, p.bias ? &b.m : nullptr, p.shift);
         dl_set_sanity_handler(collect, &got);
-        EXPECT_EQ(dl_basic_lstm_layer_q(in.get(), c.get(), h.get(), w.get(), p.bias ? b.get() : nullptr, p.shift),
-                  h.get());
+        EXPECT_EQ(dl_basic_lstm_layer_q(&in.m, &c.m, &h.m, &w.m, p.bias ? &b.m : nullptr, p.shift), &h.m);
         dl_set_sanity_handler(nullptr, nullptr);
         EXPECT_EQ(got, want) << "step " << t;
-        if (p.limit) {
-            EXPECT_NE(want, "");  // the checks do warn here
-        }
-        for (auto [got_state, want_state] : {std::pair{&c, &rc}, std::pair{&h, &rh}}) {
-            const dl_matrix2dq_t *m = got_state->get(), *r = want_state->get();
-            EXPECT_EQ(m->exponent, r->exponent) << "step " << t;
-            for (int x = 0; x < p.units; x++)
-                for (int y = 0; y < p.rows; y++)
-                    ASSERT_EQ(item(m, x, y), item(r, x, y)) << x << "," << y << " step " << t;
-        }
+        EXPECT_TRUE(p.limit == 0 || want != "");  // small items do make the checks warn
+        ASSERT_EQ(state(&c.m), state(&rc.m)) << "step " << t;
+        ASSERT_EQ(state(&h.m), state(&rh.m)) << "step " << t;
+        ASSERT_TRUE(c.margins_intact() && h.margins_intact());
     }
 }
 
 // Exponents that put the gates on the flat ends, in the middle and near 0;
-// small items make every check warn, any items saturate the sums.
+// small items make every check warn, any items saturate the sums. The first
+// row is the digits example's shape; each other reaches branches no other does.
 INSTANTIATE_TEST_SUITE_P(Cases, LstmQComposedTest,
                          testing::Values(QCase{"digits_shape", 1, 8, 32, 0, true, -15, -15, -15, 0, 0, false},
-                                         QCase{"no_bias", 1, 8, 32, 0, false, -15, -15, -15, 0, 0, false},
                                          QCase{"odd_rows_views_extra_columns", 3, 5, 7, 3, true, -14, -11, -16, 2, 0,
                                                true},
                                          QCase{"bias_finer", 2, 4, 5, 0, true, -12, -20, -31, 0, 0, false},
                                          QCase{"large_gates", 1, 6, 9, 1, true, -8, -9, 2, 0, 0, false},
-                                         QCase{"tiny_items", 2, 3, 4, 0, true, -15, -15, -15, 0, 8, false},
                                          QCase{"tiny_no_bias", 1, 3, 4, 0, false, -15, -15, -15, 3, 8, true},
                                          QCase{"coarse_state", 1, 8, 16, 0, true, -15, -3, 10, 19, 0, false}),
                          CaseName());

@@ -5,6 +5,8 @@
 #ifndef DL_LIB_TEST_REFERENCE_H
 #define DL_LIB_TEST_REFERENCE_H
 
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -25,6 +27,16 @@ inline void PrintTo(Isa isa, std::ostream *os) { *os << isa_name(isa); }
 namespace ref {
 
 using Rng = std::mt19937;
+
+// A test of one product path or instruction-set kernel, parameterised by
+// the path: skipped where the path is not built or the processor lacks it.
+class IsaTest : public testing::TestWithParam<dl::Isa> {
+  protected:
+    void SetUp() override
+    {
+        if (!dl::isa_usable(GetParam())) GTEST_SKIP() << dl::isa_name(GetParam()) << " not built or not supported here";
+    }
+};
 
 // The float product of k terms: a float accumulator from 0.0, ascending
 // index, each step rounded as acc = a(j) * b(j) + acc.

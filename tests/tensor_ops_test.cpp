@@ -226,45 +226,54 @@ std::vector<float> ref_qweight(const ConvCase &k, const Geometry &g, bool dw, co
 
 // ---- Every convolution path against the reference ---------------------------
 
-// Names a case by the kernel it checks and its shape.
+// Names a case by the kernel it checks, its shape and its kind.
 struct PathName {
     template <class Info>
     std::string operator()(const Info &info) const
     {
-        return std::string(dl::isa_name(std::get<0>(info.param))) + "_" + std::get<1>(info.param).name;
+        return std::string(dl::isa_name(std::get<0>(info.param))) + "_" + std::get<1>(info.param).name +
+               (std::get<2>(info.param) ? "_depthwise" : "");
     }
 };
 
-class ConvPathTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};
+// The path, the shape, and whether the layers are the depthwise ones.
+class ConvPathTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase, bool>> {};
 
+// The float, quantised-weight and fixed-point layers against the reference
+// loops, and the convolution's image forms (bytes read as b / 256). The
+// depthwise layers' last round puts an infinite and a NaN weight in: a
+// padded place then adds NaN (infinity times 0.0) where the window reaches
+// the padding.
 TEST_P(ConvPathTest, SameBitsAsReference)
 {
-    const auto [isa, k] = GetParam();
+    const auto [isa, k, dw] = GetParam();
     if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
-    const std::string what = std::string(dl::isa_name(isa)) + " " + k.name;
+    const std::string what = std::string(dl::isa_name(isa)) + " " + k.name + (dw ? " depthwise" : "");
     const Geometry g = geometry(k.w, k.h, k.kw, k.kh, k.sx, k.sy, k.pad);
     const auto fv = [](float v) { return v; };
     const auto iv = [](qtp_t v) { return static_cast<int32_t>(v); };
     const auto bf = [](uc_t b) { return static_cast<float>(b) / 256.0f; };
     const auto bi = [](uc_t b) { return static_cast<int32_t>(b) * 128; };
-    Rng rng(7);
-    for (int round = 0; round < 3; round++) {
-        Operands o(rng, k, false);
-        const dl_padding_t *pad = &k.pad;
-        T3 f = own(dl::conv_layer(isa, o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, pad, nullptr));
-        expect_floats(ref_float(k, g, false, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(),
-                      what + " float");
-
+    const dl_padding_t *pad = &k.pad;
+// The layer of the kind under test, by the path under test.
+#define LAYER(name, ...) own(dw ? dl::depthwise_##name(isa, __VA_ARGS__) : dl::name(isa, __VA_ARGS__))
+    Rng rng(dw ? 13 : 7);
+    for (int round = 0; round < (dw ? 4 : 3); round++) {
+        Operands o(rng, k, dw);
+        if (dw && round == 3) {
+            o.ffilter->item[0] = INFINITY;
+            o.ffilter->item[count(o.ffilter.get()) - 1] = NAN;
+        }
+        T3 f = LAYER(conv_layer, o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, pad, nullptr);
+        expect_floats(ref_float(k, g, dw, o.fin->item, fv, o.ffilter.get(), o.fbias.get()), f.get(), what + " float");
         T3q qin = own(dl_matrixq_from_matrix3d(o.fin.get()));
-        T3 fq = own(dl::conv_layer_quantised_weight(isa, o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx, k.sy, pad,
-                                                    nullptr));
-        expect_floats(ref_qweight(k, g, false, qin->item, qin->exponent, iv, o), fq.get(), what + " quantised_weight");
+        T3 fq =
+            LAYER(conv_layer_quantised_weight, o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx, k.sy, pad, nullptr);
+        expect_floats(ref_qweight(k, g, dw, qin->item, qin->exponent, iv, o), fq.get(), what + " quantised_weight");
+        T3q q = LAYER(conv_layer_q, o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift);
+        expect_items(ref_q(k, g, dw, o.qin->item, o.qin->exponent, iv, o), q.get(), what + " q");
+        if (dw) continue;
 
-        T3q q =
-            own(dl::conv_layer_q(isa, o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift));
-        expect_items(ref_q(k, g, false, o.qin->item, o.qin->exponent, iv, o), q.get(), what + " q");
-
-        // The image forms read bytes as b / 256.
         T3 fu = own(dl::conv_layer(isa, o.image.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, pad, nullptr));
         expect_floats(ref_float(k, g, false, o.image->item, bf, o.ffilter.get(), o.fbias.get()), fu.get(),
                       what + " image float");
@@ -275,11 +284,12 @@ TEST_P(ConvPathTest, SameBitsAsReference)
             dl::conv_layer_q(isa, o.image.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, pad, nullptr, o.shift));
         expect_items(ref_q(k, g, false, o.image->item, -15, bi, o), qu.get(), what + " image q");
     }
+#undef LAYER
 }
 
-INSTANTIATE_TEST_SUITE_P(Paths, ConvPathTest,
-                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
-                                          testing::ValuesIn(kCases)),
+const auto kPaths = testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp);
+
+INSTANTIATE_TEST_SUITE_P(Paths, ConvPathTest, testing::Combine(kPaths, testing::ValuesIn(kCases), testing::Bool()),
                          PathName());
 
 // ---- Hand-checked goldens -------------------------------------------------------
@@ -353,11 +363,10 @@ TEST(PaddingSame, SplitsTheTotal)
     for (const SameCase &c : cases) {
         const dl_padding_t after = dl_padding_same(c.size, 1, c.f, 1, c.s, 1, 1);
         const dl_padding_t before = dl_padding_same(c.size, 1, c.f, 1, c.s, 1, 0);
-        EXPECT_EQ(after.left, c.before_if_odd_after) << c.size << " " << c.f << " " << c.s;
-        EXPECT_EQ(after.right, c.after_if_odd_after) << c.size << " " << c.f << " " << c.s;
-        EXPECT_EQ(before.left, c.after_if_odd_after);
-        EXPECT_EQ(before.right, c.before_if_odd_after);
-        EXPECT_EQ(after.top, 0);
+        EXPECT_EQ(
+            std::tuple(after.left, after.right, after.top, before.left, before.right),
+            std::tuple(c.before_if_odd_after, c.after_if_odd_after, 0, c.after_if_odd_after, c.before_if_odd_after))
+            << c.size << " " << c.f << " " << c.s;
         // The padding gives ceil(size / stride) windows.
         EXPECT_EQ((after.left + c.size + after.right - c.f) / c.s + 1, (c.size + c.s - 1) / c.s);
     }
@@ -488,46 +497,8 @@ const ConvCase kDepthwiseCases[] = {
     {"rows_strided", 9, 9, 8, 3, 3, 8, 1, 2, {0, 0, 1, 1}, false},
 };
 
-class DepthwiseKernelTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase>> {};
-
-// The last round puts an infinite and a NaN weight in: a padded place then
-// adds NaN (infinity times 0.0) where the window reaches the padding.
-TEST_P(DepthwiseKernelTest, SameBitsAsReference)
-{
-    const auto [isa, k] = GetParam();
-    if (!dl::isa_usable(isa)) GTEST_SKIP() << dl::isa_name(isa) << " kernel not built or not supported here";
-    const std::string what = std::string(dl::isa_name(isa)) + " " + k.name;
-    const Geometry g = geometry(k.w, k.h, k.kw, k.kh, k.sx, k.sy, k.pad);
-    const auto iv = [](qtp_t v) { return static_cast<int32_t>(v); };
-    Rng rng(13);
-    for (int round = 0; round < 4; round++) {
-        Operands o(rng, k, true);
-        if (round == 3) {
-            o.ffilter->item[0] = INFINITY;
-            o.ffilter->item[count(o.ffilter.get()) - 1] = NAN;
-        }
-        T3 f = own(
-            dl::depthwise_conv_layer(isa, o.fin.get(), o.ffilter.get(), o.fbias.get(), k.sx, k.sy, &k.pad, nullptr));
-        expect_floats(ref_float(
-                          k, g, true, o.fin->item, [](float v) { return v; }, o.ffilter.get(), o.fbias.get()),
-                      f.get(), what + " float");
-        T3q qin = own(dl_matrixq_from_matrix3d(o.fin.get()));
-        T3 fq = own(dl::depthwise_conv_layer_quantised_weight(isa, o.fin.get(), o.qfilter.get(), o.fbias.get(), k.sx,
-                                                              k.sy, &k.pad, nullptr));
-        expect_floats(ref_qweight(k, g, true, qin->item, qin->exponent, iv, o), fq.get(), what + " quantised_weight");
-        T3q q = own(dl::depthwise_conv_layer_q(isa, o.qin.get(), o.qfilter.get(), o.qbias.get(), k.sx, k.sy, &k.pad,
-                                               nullptr, o.shift));
-        expect_items(ref_q(k, g, true, o.qin->item, o.qin->exponent, iv, o), q.get(), what + " q");
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Paths, DepthwiseKernelTest,
-                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
-                                          testing::ValuesIn(kCases)),
-                         PathName());
-INSTANTIATE_TEST_SUITE_P(Kernels, DepthwiseKernelTest,
-                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
-                                          testing::ValuesIn(kDepthwiseCases)),
+INSTANTIATE_TEST_SUITE_P(Depthwise, ConvPathTest,
+                         testing::Combine(kPaths, testing::ValuesIn(kDepthwiseCases), testing::Values(true)),
                          PathName());
 
 // Convolution shapes at the kernels' edges: twelve output channels (a
@@ -539,8 +510,7 @@ const ConvCase kKernelEdgeCases[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(KernelEdges, ConvPathTest,
-                         testing::Combine(testing::Values(dl::Isa::none, dl::Isa::avx2, dl::Isa::avx512, dl::Isa::dsp),
-                                          testing::ValuesIn(kKernelEdgeCases)),
+                         testing::Combine(kPaths, testing::ValuesIn(kKernelEdgeCases), testing::Values(false)),
                          PathName());
 
 }  // namespace
