@@ -185,20 +185,30 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     DL_ASSERT(filter->h==filter_w*filter_h);
     DL_ASSERT(filter->w==out_channels);
 
-    // One block holds the sums of a row of positions, the packed weights and
-    // the quantised input in its zero frame (column-major, columns of an
-    // even count of items), with one spare item at the end for the last
-    // run's read past its window.
+    // On x86-64 a row of positions is one product of its windows (flattened
+    // at the input's exponent) with the filter, which the vector pair kernel
+    // takes where the processor has it and whose plain loop is faster there
+    // than the window sums'; elsewhere the window sums run over the framed
+    // input directly. Both give the same exact sums, rounded and scaled the
+    // same way.
+    constexpr bool by_product = dl::kVectorKernels;
+    const int places = filter_w * filter_h, wo = geo.x.n;
+
+    // One block holds the sums of a row of positions and the packed weights
+    // (or a row's windows for the product), and the quantised input in its
+    // zero frame (column-major, columns of an even count of items), with one
+    // spare item at the end for the last run's read past its window.
     const int run = filter_h + (filter_h & 1);
     const int column = geo.y.padded + (geo.y.padded & 1);
-    const size_t row_sums = static_cast<size_t>(out_channels) * geo.x.n;
-    const size_t weights = static_cast<size_t>(out_channels) * filter_w * run;
+    const size_t row_sums = by_product ? 0 : static_cast<size_t>(out_channels) * wo;
+    const size_t scratch =
+        by_product ? static_cast<size_t>(places) * wo : static_cast<size_t>(out_channels) * filter_w * run;
     const size_t framed = static_cast<size_t>(geo.x.padded) * column + 1;
-    void *block = dl::mem_calloc(1, sizeof(int64_t) * row_sums + sizeof(qtp_t) * (weights + framed));
+    void *block = dl::mem_calloc(1, sizeof(int64_t) * row_sums + sizeof(qtp_t) * (scratch + framed));
     DL_ASSERT_ALLOCATED(block);
     int64_t *sums = static_cast<int64_t *>(block);
     qtp_t *packed = reinterpret_cast<qtp_t *>(sums + row_sums);
-    qtp_t *frame = packed + weights;
+    qtp_t *frame = packed + scratch;
 
     // The input quantised as a whole, as dl_matrixq_from_matrix2d does it:
     // one exponent for the largest magnitude, half a unit added before
@@ -215,11 +225,12 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
         }
     }
     // The filter's place dy * filter_w + dx goes to run dx, item dy.
-    for (int oc = 0; oc < out_channels; oc++)
-        for (int dy = 0; dy < filter_h; dy++)
-            for (int dx = 0; dx < filter_w; dx++)
-                packed[static_cast<size_t>(run) * (filter_w * oc + dx) + dy] =
-                    filter->itemq[(dy * filter_w + dx) + filter->stride * oc];
+    if (!by_product)
+        for (int oc = 0; oc < out_channels; oc++)
+            for (int dy = 0; dy < filter_h; dy++)
+                for (int dx = 0; dx < filter_w; dx++)
+                    packed[static_cast<size_t>(run) * (filter_w * oc + dx) + dy] =
+                        filter->itemq[(dy * filter_w + dx) + filter->stride * oc];
 
     // Each position's channels are exact sums, rounded once to float and
     // scaled, then the bias is added.
@@ -228,33 +239,26 @@ dl_matrix2d_t *dl_basic_conv_layer_quantised_weight(const dl_matrix2d_t *in, con
     const fptp_t *b = bias->item;
     fptp_t *o = out->item;
     const int step = column * stride_x;
-    // On x86-64 a row of positions is one product of its windows (flattened
-    // at the input's exponent) with the filter instead, which the vector pair
-    // kernel takes where the processor has it and whose plain loop is faster
-    // there than the window sums': the same exact sums, rounded and scaled the
-    // same way.
-    dl_matrix2dq_t *windows = dl::kVectorKernels ? dl_matrixq_alloc(filter_w * filter_h, geo.x.n) : nullptr;
+    const dl_matrix2dq_t windows = {places, wo, wo, DL_MF_FOREIGNDATA, e_in, packed};
     for (int oy = 0; oy < geo.y.n; oy++) {
         const qtp_t *first = frame + static_cast<size_t>(column) * geo.x.offset + (oy * stride_y + geo.y.offset);
-        if (windows) {
-            windows->exponent = e_in;
-            for (int ox = 0; ox < geo.x.n; ox++)
+        if (by_product) {
+            for (int ox = 0; ox < wo; ox++)
                 for (int dy = 0; dy < filter_h; dy++)
                     for (int dx = 0; dx < filter_w; dx++)
-                        windows->itemq[ox + windows->stride * (dy * filter_w + dx)] =
+                        packed[ox + wo * (dy * filter_w + dx)] =
                             first[static_cast<size_t>(step) * ox + static_cast<size_t>(column) * dx + dy];
-            dl_matrix2d_t row = view_of(o, out_channels, geo.x.n, out_channels);
-            dl_matrixq_dot_matrix_out(windows, filter, &row);
-            for (int ox = 0; ox < geo.x.n; ox++, o += out_channels)
+            dl_matrix2d_t row = view_of(o, out_channels, wo, out_channels);
+            dl_matrixq_dot_matrix_out(&windows, filter, &row);
+            for (int ox = 0; ox < wo; ox++, o += out_channels)
                 for (int oc = 0; oc < out_channels; oc++) o[oc] = o[oc] + b[oc];
-            continue;
+        } else {
+            dl::window_sums(layout, first, wo, step, sums);
+            const int64_t *s = sums;
+            for (int ox = 0; ox < wo; ox++, s += out_channels, o += out_channels)
+                for (int oc = 0; oc < out_channels; oc++) o[oc] = to_float(s[oc]) * factor + b[oc];
         }
-        dl::window_sums(layout, first, geo.x.n, step, sums);
-        const int64_t *s = sums;
-        for (int ox = 0; ox < geo.x.n; ox++, s += out_channels, o += out_channels)
-            for (int oc = 0; oc < out_channels; oc++) o[oc] = to_float(s[oc]) * factor + b[oc];
     }
-    dl_matrixq_free(windows);
     dl::mem_free(block);
     return out;
 }

@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include "dl_lib_types.h"
+#include "kernels_internal.h"
 
 namespace dl {
 
@@ -44,7 +45,7 @@ struct WindowLayout {
  * oc] for window p and channel oc. The plain loop: */
 void window_sums_plain(const WindowLayout &l, const qtp_t *first, int count, int step, int64_t *sums);
 
-#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
+#if DL_DSP_KERNELS
 namespace dsp {
 /* The same sums by SMLALD, two channels a step (kernels_dsp.cpp). */
 void window_sums(const WindowLayout &l, const qtp_t *first, int count, int step, int64_t *sums);
@@ -54,7 +55,7 @@ void window_sums(const WindowLayout &l, const qtp_t *first, int count, int step,
 /* The sums by the DSP kernel where the target has it, else the plain loop. */
 inline void window_sums(const WindowLayout &l, const qtp_t *first, int count, int step, int64_t *sums)
 {
-#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
+#if DL_DSP_KERNELS
     dsp::window_sums(l, first, count, step, sums);
 #else
     window_sums_plain(l, first, count, step, sums);

@@ -17,11 +17,6 @@ bool matrixq_dot(const dl_matrix2dq_t *a, const dl_matrix2dq_t *b, const QDotOut
 #else
 #define DL_X86_KERNELS 0
 #endif
-#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
-#define DL_DSP_KERNELS 1
-#else
-#define DL_DSP_KERNELS 0
-#endif
 
 namespace dl {
 

@@ -15,7 +15,7 @@
 #include "conv_internal.h"
 #include "kernels_internal.h"
 
-#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
+#if DL_DSP_KERNELS
 #include <string.h>
 
 namespace dl::dsp {

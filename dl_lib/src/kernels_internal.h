@@ -18,6 +18,15 @@
 
 #include "dl_lib_types.h"
 
+/* The DSP kernels are built where the target has the extension (32-bit ARM
+ * cores such as the Cortex-M4 and M7), and then always used for the
+ * fixed-point sums. */
+#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
+#define DL_DSP_KERNELS 1
+#else
+#define DL_DSP_KERNELS 0
+#endif
+
 namespace dl {
 
 /* Instruction sets with a kernel. `none` is the plain loop. The x86-64 ones

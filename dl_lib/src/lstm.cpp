@@ -194,7 +194,27 @@ inline bool back_to_back(int w, int h, size_t stride) { return w <= 1 || stride 
     return {hi, lo};
 }
 
+// Where the processor has a vector kernel for the Q15 activations, the
+// gates are activated whole, in place in out_data (the step's own scratch),
+// before the passes, which then only multiply and add (Activated = true);
+// the new cell's tanh goes into gate i, spent by then, between the update's
+// two halves. Items, exponents and extremes are the same either way.
+
+// The alignment shift of a kernel for items of exponent e, when it has one:
+// right shifts stop at 31 as ToQ15's do.
+bool kernel_shift(int e, int *s)
+{
+    *s = e + 15 < -31 ? -31 : e + 15;
+    return dl::activation_q15_kernel(dl::detected_isa(), dl::Activation::sigmoid, nullptr, nullptr, 0, *s);
+}
+
+void activate(dl::Activation act, const qtp_t *in, qtp_t *out, int n, int s)
+{
+    dl::activation_q15_kernel(dl::detected_isa(), act, in, out, n, s);
+}
+
 // c * sigmoid(f) in place (exponent e_c - 15 + 16); returns c's extremes.
+template <bool Activated>
 [[gnu::noinline]] Extremes keep(dl_matrix2dq_t *c, const dl_matrix2dq_t *f)
 {
     const ToQ15 q15(f->exponent);
@@ -204,7 +224,7 @@ inline bool back_to_back(int w, int h, size_t stride) { return w <= 1 || stride 
         qtp_t *pc = c->itemq + static_cast<size_t>(c->stride) * x;
         const qtp_t *pf = f->itemq + static_cast<size_t>(f->stride) * x;
         for (const qtp_t *end = pc + walk.len; pc != end; pc++, pf++) {
-            const int32_t r = mul_item(*pc, sigmoid_item(*pf, q15));
+            const int32_t r = mul_item(*pc, Activated ? *pf : sigmoid_item(*pf, q15));
             *pc = static_cast<qtp_t>(r);
             hi = r > hi ? r : hi;
             lo = r < lo ? r : lo;
@@ -217,7 +237,7 @@ inline bool back_to_back(int w, int h, size_t stride) { return w <= 1 || stride 
 // The gates i, g and o: columns of out_data, `column` items apart, at one
 // exponent.
 struct GateColumns {
-    const qtp_t *i, *g, *o;
+    qtp_t *i, *g, *o;
     size_t column;
     int exponent;
 };
@@ -228,18 +248,17 @@ struct GateColumns {
                               Extremes *out)
 {
     const AlignedSum sum(c->exponent, -14);
+    int32_t c_hi = 0, c_lo = 0, h_hi = 0, h_lo = 0;
     const int e_c = c->exponent > -14 ? c->exponent : -14;
     const ToQ15 q15_c(e_c), q15_gates(gates.exponent);
     const Walk walk(c->w, c->h, dl::is_flat(c) && dl::is_flat(h) && back_to_back(c->w, c->h, gates.column));
-    int32_t c_hi = 0, c_lo = 0, h_hi = 0, h_lo = 0;
     for (int x = 0; x < walk.runs; x++) {
         qtp_t *pc = c->itemq + static_cast<size_t>(c->stride) * x;
         qtp_t *ph = h->itemq + static_cast<size_t>(h->stride) * x;
         const size_t at = gates.column * x;
         const qtp_t *pi = gates.i + at, *pg = gates.g + at, *po = gates.o + at;
         for (int k = 0; k < walk.len; k++) {
-            const int32_t ig = mul_item(sigmoid_item(pi[k], q15_gates), tanh_item(pg[k], q15_gates));
-            const int32_t ct = sum(pc[k], ig);
+            const int32_t ct = sum(pc[k], mul_item(sigmoid_item(pi[k], q15_gates), tanh_item(pg[k], q15_gates)));
             pc[k] = static_cast<qtp_t>(ct);
             c_hi = ct > c_hi ? ct : c_hi;
             c_lo = ct < c_lo ? ct : c_lo;
@@ -255,56 +274,23 @@ struct GateColumns {
     *out = {h_hi, h_lo};
 }
 
-// The same passes where the processor has a vector kernel for the Q15
-// activations: the gates are activated whole, in place in out_data (the
-// step's own scratch), before the passes, which then only multiply and add;
-// the new cell's tanh goes into gate i, spent by then, between the update's
-// two halves. Items, exponents and extremes are those of keep and update.
-struct ActivatedGates {
-    qtp_t *f, *i, *g, *o;
-    int n;  // items of a gate, one run
-};
-
-// The alignment shift of a kernel for items of exponent e, when it has one:
-// right shifts stop at 31 as ToQ15's do.
-bool kernel_shift(int e, int *s)
-{
-    *s = e + 15 < -31 ? -31 : e + 15;
-    return dl::activation_q15_kernel(dl::detected_isa(), dl::Activation::sigmoid, nullptr, nullptr, 0, *s);
-}
-
-void activate(dl::Activation act, const qtp_t *in, qtp_t *out, int n, int s)
-{
-    dl::activation_q15_kernel(dl::detected_isa(), act, in, out, n, s);
-}
-
-[[gnu::noinline]] Extremes keep_activated(dl_matrix2dq_t *c, const ActivatedGates &a)
-{
-    int32_t hi = 0, lo = 0;
-    for (int k = 0; k < a.n; k++) {
-        const int32_t r = mul_item(c->itemq[k], a.f[k]);
-        c->itemq[k] = static_cast<qtp_t>(r);
-        hi = r > hi ? r : hi;
-        lo = r < lo ? r : lo;
-    }
-    c->exponent += 1;
-    return {hi, lo};
-}
-
-[[gnu::noinline]] void update_activated(const ActivatedGates &a, int s_c, dl_matrix2dq_t *c, dl_matrix2dq_t *h,
+// The same on activated gates and records of one run each; s_c is the
+// kernel's shift for the new cell's exponent.
+[[gnu::noinline]] void update_activated(const GateColumns &gates, int s_c, dl_matrix2dq_t *c, dl_matrix2dq_t *h,
                                         Extremes *cell, Extremes *out)
 {
     const AlignedSum sum(c->exponent, -14);
     int32_t c_hi = 0, c_lo = 0, h_hi = 0, h_lo = 0;
-    for (int k = 0; k < a.n; k++) {
-        const int32_t ct = sum(c->itemq[k], mul_item(a.i[k], a.g[k]));
+    const int n = c->w * c->h;
+    for (int k = 0; k < n; k++) {
+        const int32_t ct = sum(c->itemq[k], mul_item(gates.i[k], gates.g[k]));
         c->itemq[k] = static_cast<qtp_t>(ct);
         c_hi = ct > c_hi ? ct : c_hi;
         c_lo = ct < c_lo ? ct : c_lo;
     }
-    activate(dl::Activation::tanh, c->itemq, a.i, a.n, s_c);
-    for (int k = 0; k < a.n; k++) {
-        const int32_t ht = mul_item(a.i[k], a.o[k]);
+    activate(dl::Activation::tanh, c->itemq, gates.i, n, s_c);
+    for (int k = 0; k < n; k++) {
+        const int32_t ht = mul_item(gates.i[k], gates.o[k]);
         h->itemq[k] = static_cast<qtp_t>(ht);
         h_hi = ht > h_hi ? ht : h_hi;
         h_lo = ht < h_lo ? ht : h_lo;
@@ -396,18 +382,16 @@ dl_matrix2dq_t *dl_basic_lstm_layer_q(const dl_matrix2dq_t *in, dl_matrix2dq_t *
     const bool by_kernels = dl::kVectorKernels && dl::is_flat(state_c) && dl::is_flat(state_h) &&
                             back_to_back(q, rows, column) && kernel_shift(gate_f.exponent, &s_f) &&
                             kernel_shift(out_data->exponent, &s_gates) && kernel_shift(e_c, &s_c);
-    const ActivatedGates activated = {gate_f.itemq, out_data->itemq, out_data->itemq + quarter,
-                                      out_data->itemq + 3 * quarter, units};
     if (by_kernels) {
-        activate(dl::Activation::sigmoid, activated.f, activated.f, units, s_f);
-        activate(dl::Activation::sigmoid, activated.i, activated.i, units, s_gates);
-        activate(dl::Activation::tanh, activated.g, activated.g, units, s_gates);
-        activate(dl::Activation::sigmoid, activated.o, activated.o, units, s_gates);
+        activate(dl::Activation::sigmoid, gate_f.itemq, gate_f.itemq, units, s_f);
+        activate(dl::Activation::sigmoid, gates.i, gates.i, units, s_gates);
+        activate(dl::Activation::tanh, gates.g, gates.g, units, s_gates);
+        activate(dl::Activation::sigmoid, gates.o, gates.o, units, s_gates);
     }
-    check_if_needed(by_kernels ? keep_activated(state_c, activated) : keep(state_c, &gate_f), state_c,
+    check_if_needed(by_kernels ? keep<true>(state_c, &gate_f) : keep<false>(state_c, &gate_f), state_c,
                     "lstm state_c after mul");
     Extremes cell, out;
-    if (by_kernels) update_activated(activated, s_c, state_c, state_h, &cell, &out);
+    if (by_kernels) update_activated(gates, s_c, state_c, state_h, &cell, &out);
     else update(gates, state_c, state_h, &cell, &out);
     check_if_needed(cell, state_c, "lstm state_c after add");
 

@@ -25,13 +25,6 @@ bool conv_float_few_channels(const dl_matrix3du_t *in, const Windows &g, const f
 #else
 #define DL_X86_KERNELS 0
 #endif
-// The DSP kernels are built where the target has the extension, and then
-// always used for the fixed-point sums.
-#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
-#define DL_DSP_KERNELS 1
-#else
-#define DL_DSP_KERNELS 0
-#endif
 
 namespace {
 

@@ -15,7 +15,7 @@
 // allocates.
 #include "tensor_ops_internal.h"
 
-#if defined(__ARM_FEATURE_DSP) && defined(__arm__)
+#if DL_DSP_KERNELS
 #include <arm_acle.h>
 #include <stddef.h>
 
