@@ -21,6 +21,25 @@ constexpr int kLanes = 8;
 // Lanes 0 to n-1 selected, for the masked loads and stores.
 __m256i first8(int n) { return _mm256_cmpgt_epi32(_mm256_set1_epi32(n), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7)); }
 
+// The NV vectors of a run of channels whose last vector is a part of `part`
+// lanes when Part is set: only that one is loaded and stored masked.
+template <int NV, bool Part>
+struct ChannelRun {
+    __m256i mask;
+    explicit ChannelRun(int part) : mask(first8(part)) {}
+    __m256 load(const float *p, int j) const
+    {
+        return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
+    }
+    // Vector j of a result, plus the bias's where there is one.
+    void store(float *p, const float *bias, int j, __m256 v) const
+    {
+        if (bias) v = _mm256_add_ps(v, load(bias, j));
+        if (Part && j == NV - 1) _mm256_maskstore_ps(p + kLanes * j, mask, v);
+        else _mm256_storeu_ps(p + kLanes * j, v);
+    }
+};
+
 // ---- Float convolution on few input channels --------------------------------
 //
 // Without gathering the windows: the input is first laid out as floats with
@@ -84,10 +103,8 @@ template <int NV, bool Part>
 void conv_tile(const float *const *corner, size_t row_floats, int c, const Windows &g, const float *wt, int out_c,
                const float *bias, float *out, int np, int oc0, int part)
 {
-    const __m256i mask = first8(part);
-    auto load = [&](const float *p, int j) {
-        return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
-    };
+    const ChannelRun<NV, Part> run(part);
+    auto load = [&](const float *p, int j) { return run.load(p, j); };
     __m256 acc[kPositions][NV];
 #pragma GCC unroll 8
     for (int i = 0; i < kPositions; i++)
@@ -119,12 +136,7 @@ void conv_tile(const float *const *corner, size_t row_floats, int c, const Windo
         if (i >= np) break;
         float *o = out + static_cast<size_t>(i) * out_c + oc0;
 #pragma GCC unroll 8
-        for (int j = 0; j < NV; j++) {
-            __m256 v = acc[i][j];
-            if (bias) v = _mm256_add_ps(v, load(bias + oc0, j));
-            if (Part && j == NV - 1) _mm256_maskstore_ps(o + kLanes * j, mask, v);
-            else _mm256_storeu_ps(o + kLanes * j, v);
-        }
+        for (int j = 0; j < NV; j++) run.store(o, bias ? bias + oc0 : nullptr, j, acc[i][j]);
     }
 }
 
@@ -192,10 +204,8 @@ struct DwPlaces {
 template <int NP, int NV, bool Part>
 void dw_tile(const DwTile &t, const DwPlaces &pl, const float *bias, int c0, int part)
 {
-    const __m256i mask = first8(part);
-    auto load = [&](const float *p, int j) {
-        return Part && j == NV - 1 ? _mm256_maskload_ps(p + kLanes * j, mask) : _mm256_loadu_ps(p + kLanes * j);
-    };
+    const ChannelRun<NV, Part> run(part);
+    auto load = [&](const float *p, int j) { return run.load(p, j); };
     __m256 acc[NP][NV];
 #pragma GCC unroll 8
     for (int i = 0; i < NP; i++)
@@ -220,12 +230,7 @@ void dw_tile(const DwTile &t, const DwPlaces &pl, const float *bias, int c0, int
     for (int i = 0; i < NP; i++) {
         float *o = t.out[i] + c0;
 #pragma GCC unroll 8
-        for (int j = 0; j < NV; j++) {
-            __m256 v = acc[i][j];
-            if (bias) v = _mm256_add_ps(v, load(bias + c0, j));
-            if (Part && j == NV - 1) _mm256_maskstore_ps(o + kLanes * j, mask, v);
-            else _mm256_storeu_ps(o + kLanes * j, v);
-        }
+        for (int j = 0; j < NV; j++) run.store(o, bias ? bias + c0 : nullptr, j, acc[i][j]);
     }
 }
 
