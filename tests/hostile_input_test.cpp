@@ -284,17 +284,4 @@ TEST(TableNames, KeywordsAndTakenNamesAreRefused)
         EXPECT_EQ(kelvane::name_problem(name), "") << name;
 }
 
-TEST(FloatItem, ValuesWithoutLiteralAsPrintedOrAsConstantExpressions)
-{
-    // "%ff" writes "inff" and "nanf", which do not compile; -strict writes
-    // constant expressions of the same values.
-    MemStream classic, strict;
-    for (float v : {0.5f, INFINITY, -INFINITY, NAN, -NAN, -0.0f}) {
-        kelvane::emit_float_item(classic.get(), v, kelvane::NonFinite::as_printed);
-        kelvane::emit_float_item(strict.get(), v, kelvane::NonFinite::as_expression);
-    }
-    EXPECT_EQ(classic.str(), "0.500000f, inff, -inff, nanf, -nanf, -0.000000f, ");
-    EXPECT_EQ(strict.str(), "0.500000f, (1.0f/0.0f), (-1.0f/0.0f), (0.0f/0.0f), -(0.0f/0.0f), -0.000000f, ");
-}
-
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <fstream>
-#include <limits>
 #include <regex>
 
 #include "convert.h"
@@ -18,12 +17,6 @@ using namespace testutil;
 namespace {
 
 // ---- helpers ----------------------------------------------------------------
-
-// A file of one row of '<f4' values in a model directory.
-void write_row(const TempDir &dir, const std::string &name, const std::vector<float> &values)
-{
-    dir.write(name, f4("(" + std::to_string(values.size()) + ",)", raw(values)));
-}
 
 struct RunResult {
     int status;
@@ -62,9 +55,6 @@ ModelReport analyse(const std::string &dir, const std::vector<const char *> &opt
     EXPECT_TRUE(s && analyse_model(s->convert, r, err.get())) << err.str();
     return r;
 }
-
-const float kNaN = std::numeric_limits<float>::quiet_NaN();
-const float kInf = std::numeric_limits<float>::infinity();
 
 // ---- figures worked out by hand -----------------------------------------------
 
@@ -130,70 +120,17 @@ const FigureCase kFigureCases[] = {
 INSTANTIATE_TEST_SUITE_P(Table, FigureTest, testing::ValuesIn(kFigureCases),
                          [](const auto &info) { return test_name(info.param.what); });
 
-// ---- warnings, each from a tiny directory ---------------------------------------
-
-struct WarningCase {
-    const char *what;
-    const char *file;
-    std::vector<float> values;
-    std::vector<const char *> opts;
-    std::vector<std::string> codes;
-};
-
-void PrintTo(const WarningCase &c, std::ostream *os) { *os << c.what; }
-
-class WarningTest : public testing::TestWithParam<WarningCase> {};
-
-TEST_P(WarningTest, Directory)
-{
-    const WarningCase &c = GetParam();
-    TempDir dir;
-    write_row(dir, c.file, c.values);
-    const ModelReport r = analyse(dir.path(), c.opts);
-    ASSERT_EQ(r.tables.size(), 1u);
-    std::vector<std::string> codes;
-    for (const Warning &w : r.tables[0].warnings) codes.push_back(w.code);
-    EXPECT_EQ(codes, c.codes);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, WarningTest,
-    testing::Values(
-        WarningCase{"clean", "w.npy", {0.5f, -0.25f, 0.125f, 0.3f}, {}, {}},
-        WarningCase{"NaN", "w.npy", {0.5f, kNaN, 0.25f}, {}, {"non_finite"}},
-        WarningCase{"infinity in a float table", "w.npy", {0.5f, kInf}, {"-no-quantized"}, {"non_finite"}},
-        // Roots 10000.00005 and 0.0316: exponent -1 leaves the second item 0
-        // (pop_var, a batch-norm matrix by default, in the golden case report_text).
-        WarningCase{"root of a chosen bn matrix", "v.npy", {1e8f, 0.0f}, {"-bnmatrices", "v"}, {"zero_root"}},
-        WarningCase{"same values, not a bn matrix", "v.npy", {1e8f, 0.0f}, {}, {}},
-        WarningCase{"negative variance, float", "pop_var.npy", {-1.0f, 1.0f}, {"-no-quantized"}, {"zero_root"}},
-        // 1000 sets exponent -5: each 1.0 becomes item 32, six bits.
-        WarningCase{"outliers", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f}, {}, {"outliers"}},
-        WarningCase{"outliers, half only", "w.npy", {1000.0f, 900.0f, 1.0f, 1.0f}, {}, {}},
-        WarningCase{"outliers in a float table", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f}, {"-no-quantized"}, {}},
-        WarningCase{"outliers in an -exclude table",
-                    "w.npy",
-                    {1000.0f, 1.0f, 1.0f, 1.0f},
-                    {"-no-quantized", "-exclude", "(w)"},
-                    {"outliers"}},
-        WarningCase{"outliers in a tensor", "w.npy", {1000.0f, 1.0f, 1.0f, 1.0f}, {"-3d"}, {"outliers"}},
-        WarningCase{"lists ignored for a tensor",
-                    "pop_var.npy",
-                    {1.0f},
-                    {"-3d", "-exclude", "(pop_var)"},
-                    {"ignored_option", "ignored_option"}}),
-    [](const auto &info) { return test_name(info.param.what); });
-
 // ---- JSON, status and messages ---------------------------------------------------
 
-// The exact text and JSON outputs are golden cases (tests/cli/report_*).
+// The exact text and JSON outputs, and each warning, are golden cases
+// (tests/cli/report_*).
 // File names may hold any bytes: the document stays valid JSON and keeps
 // them (bytes that are no UTF-8 become U+FFFD).
 TEST(Json, NamesWithQuotesBackslashesAndControlBytesParse)
 {
     TempDir dir;
     const std::string odd = "q\"b\\s\x01\x1f.npy";
-    write_row(dir, odd, {1.0f, -0.5f});
+    dir.write(odd, f4("(2,)", raw<float>({1.0f, -0.5f})));
     dir.write("junk.\x7f\xff", "not a numpy file");
     const RunResult res = run({dir.path().c_str(), "--json"});
     ASSERT_EQ(res.status, 0) << res.err;

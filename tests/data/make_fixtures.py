@@ -122,6 +122,10 @@ def cli_case_models():
 
     d = model("info_empty_field")
     write(f"{d}/_MODEL_INFO_", "m_v1_word__0.5_0.5\n")
+    write(f"{model('info_trailing_underscore')}/_MODEL_INFO_", "a_b_w_1_1_\n")
+    # Seven and eight fields are no count of 2 + 4k; a line longer than the
+    # read buffer arrives in pieces, and its tail is judged as a line of its own.
+    write(f"{model('info_long_line')}/_MODEL_INFO_", "a_b_c_d_e_f_g\na_b_c_d_e_f_g_h\n" + "a" * 2047 + "x_b_w_12_1_1\n")
 
     d = model("bad_files")
     save(f"{d}/good.npy", np.array([[1, 2], [3, 4]], dtype=np.float32))
@@ -151,6 +155,20 @@ def report_cases(model):
     save(f"{d}/b.npy", np.array([1.0, 0.5], dtype=np.float32))
     write(f"{d}/junk.txt", "not a numpy file")
     write(f"{d}/_MODEL_INFO_", "kws_v1_hey_3_0.80_0.60\n")
+    # Each warning from a table of its own. 1000 sets exponent -5: each 1.0
+    # becomes item 32, six bits. Roots 10000.00005 and 0.0316: exponent -1
+    # leaves the second item 0, in a chosen batch-norm matrix only.
+    outliers, roots = np.array([1000, 1, 1, 1], dtype=np.float32), np.array([1e8, 0], dtype=np.float32)
+    d = model("report_warnings")
+    for name, values in (("clean", [0.5, -0.25, 0.125, 0.3]), ("nan", [0.5, np.nan, 0.25]), ("v", roots),
+                         ("u", roots), ("outliers", outliers), ("half", [1000, 900, 1, 1])):
+        save(f"{d}/{name}.npy", np.array(values, dtype=np.float32))
+    d = model("report_warnings_float")  # -exclude (o): o is quantised
+    for name, values in (("inf", [0.5, np.inf]), ("pop_var", [-1, 1]), ("w", outliers), ("o", outliers)):
+        save(f"{d}/{name}.npy", np.array(values, dtype=np.float32))
+    d = model("report_warnings_tensor")  # -exclude (pop_var): both lists ignored for it
+    save(f"{d}/w.npy", outliers)
+    save(f"{d}/pop_var.npy", np.array([1.0], dtype=np.float32))
 
 
 def npy_bytes(header, data=b""):
@@ -166,10 +184,12 @@ def strict_cases(model):
     does not compile, in the two runs that pin it (classic_values) and in the
     runs that -strict refuses or writes exactly (strict_*)."""
     d = model("classic_values")
-    save(f"{d}/w.npy", np.array([np.inf, -np.inf, np.nan, 0.5], dtype=np.float32))
+    # Nine items break the line after eight; 1e-7 shows what six decimals leave.
+    w = np.array([np.inf, -np.inf, np.nan, -np.nan, 0.5, -0.0, 1e-7, 2, -3], dtype=np.float32)
+    save(f"{d}/w.npy", w)
     write(f"{d}/_MODEL_INFO_", b"m_v1_say_3_nan_abc_go_7_inf_0.5\r\n")
     d = model("strict_ok")
-    save(f"{d}/w.npy", np.array([np.inf, -np.inf, np.nan, 0.5], dtype=np.float32))
+    save(f"{d}/w.npy", w)
     save(f"{d}/q.npy", np.array([[1.0, -0.5]], dtype=np.float32))
     write(f"{d}/_MODEL_INFO_", b"m_v1_say??=_3_0.5_0.25\r\n")
 

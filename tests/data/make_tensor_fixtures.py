@@ -57,6 +57,7 @@ def cli_case_models():
     # Named in the default -bnmatrices: a tensor is written unchanged.
     save(f"{d}/pop_var.npy", np.array([0.25, 4.0], dtype=np.float32))
     save(f"{d}/cube.npy", np.zeros((2, 3, 4), dtype=np.float32))
+    save(f"{d}/eight.npy", (np.arange(8, dtype=np.float32) - 4).reshape(2, 2, 1, 2))  # one full line
 
     d = fresh_dir("tests/cli/tensor_f/model")
     save(f"{d}/conv.npy", (np.arange(12, dtype=np.float32) * 0.25 - 1.5).reshape(2, 1, 2, 3))

@@ -7,18 +7,13 @@
  * raw variance, which shows that the record is what made the difference.
  */
 #include <math.h>
-#include <stdio.h>
 
+#include "check.h"
 #include "rec_f.h"
 #include "rec_q.h"
 #include "rec_qw.h"
 #include "rec_raw.h"
 #include "rec_cnn.h"
-
-static int failures;
-
-#define CHECK(cond) \
-    ((cond) ? (void)0 : (void)(failures++, fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond)))
 
 /* Item i of a one-row table, float or fixed point, NAN when absent. */
 static float float_item(const dl_matrix2d_t *m, int i) { return m && m->w == 3 ? m->item[i] : NAN; }
@@ -43,6 +38,5 @@ int main(void)
     CHECK(get_coeff_rec_qw.getter_f("fc_w", NULL, 0) == NULL);
     const dl_matrix3dq_t *conv = get_coeff_rec_cnn.getter_3dq ? get_coeff_rec_cnn.getter_3dq("conv1_w", NULL, 0) : NULL;
     CHECK(conv != NULL && conv->c == 1 && conv->n == 2);
-    if (failures) fprintf(stderr, "%d checks failed\n", failures);
-    return failures != 0;
+    return check_status();
 }
