@@ -10,8 +10,10 @@ signal-to-noise ratio and scaled by a random gain.
 
 Whole voices are held out: a voice belongs to exactly one of train,
 validation and test, so the held-out scores measure speakers the network
-never heard. Everything random comes from fixed seeds; the same packages give
-the same files.
+never heard. Everything random comes from fixed seeds (sox's dither too); the
+same packages give the same files. The committed data was written before
+sox's dither had a seed: a rerun differs from it by a unit or two in some
+samples, and a trimmed word can come out a sample longer or shorter.
 
 Needs espeak-ng, flite and sox (Debian); writes, under the output directory:
   train.npz, val.npz, test.npz   audio (int16, clips x 16000), label (int8),
@@ -70,10 +72,11 @@ def read_wav(data):
 
 
 def resample(data, rate):
-    """To 16 kHz through sox (deterministic), as 16-bit samples."""
+    """To 16 kHz through sox, as 16-bit samples; -R seeds its dither with a fixed
+    number, so that every run gives the same samples."""
     if rate == RATE:
         return read_wav(data)[1]
-    out = subprocess.run(["sox", "-t", "wav", "-", "-t", "wav", "-r", str(RATE), "-b", "16", "-"],
+    out = subprocess.run(["sox", "-R", "-t", "wav", "-", "-t", "wav", "-r", str(RATE), "-b", "16", "-"],
                          input=data, capture_output=True, check=True).stdout
     return read_wav(out)[1]
 
