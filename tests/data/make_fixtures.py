@@ -125,7 +125,8 @@ def cli_case_models():
     write(f"{model('info_trailing_underscore')}/_MODEL_INFO_", "a_b_w_1_1_\n")
     # Seven and eight fields are no count of 2 + 4k; a line longer than the
     # read buffer arrives in pieces, and its tail is judged as a line of its own.
-    write(f"{model('info_long_line')}/_MODEL_INFO_", "a_b_c_d_e_f_g\na_b_c_d_e_f_g_h\n" + "a" * 2047 + "x_b_w_12_1_1\n")
+    write(f"{model('info_long_line')}/_MODEL_INFO_",
+          "a_b_c_d_e_f_g\na_b_c_d_e_f_g_h\n" + "a" * 2047 + "x_b_w_12_1_1_v_0_1_1\n")
 
     d = model("bad_files")
     save(f"{d}/good.npy", np.array([[1, 2], [3, 4]], dtype=np.float32))
