@@ -241,9 +241,8 @@ class ConvPathTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase,
 
 // The float, quantised-weight and fixed-point layers against the reference
 // loops, and the convolution's image forms (bytes read as b / 256). The
-// depthwise layers' last round puts an infinite and a NaN weight in: a
-// padded place then adds NaN (infinity times 0.0) where the window reaches
-// the padding.
+// last round puts an infinite and a NaN float weight in: a padded place
+// then adds NaN (infinity times 0.0) where the window reaches the padding.
 TEST_P(ConvPathTest, SameBitsAsReference)
 {
     const auto [isa, k, dw] = GetParam();
@@ -258,9 +257,9 @@ TEST_P(ConvPathTest, SameBitsAsReference)
 // The layer of the kind under test, by the path under test.
 #define LAYER(name, ...) own(dw ? dl::depthwise_##name(isa, __VA_ARGS__) : dl::name(isa, __VA_ARGS__))
     Rng rng(dw ? 13 : 7);
-    for (int round = 0; round < (dw ? 4 : 3); round++) {
+    for (int round = 0; round < 4; round++) {
         Operands o(rng, k, dw);
-        if (dw && round == 3) {
+        if (round == 3) {
             o.ffilter->item[0] = INFINITY;
             o.ffilter->item[count(o.ffilter.get()) - 1] = NAN;
         }

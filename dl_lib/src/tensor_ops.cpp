@@ -5,6 +5,9 @@
 #include "matrix_internal.h"
 #include "tensor_ops_internal.h"
 
+#include <cmath>
+#include <utility>
+
 // The instruction-set kernels are built on x86-64 only, each in its own file
 // with its own target flags; every other target runs the portable loops.
 #if defined(DL_LIB_X86_KERNELS) && defined(__x86_64__)
@@ -214,6 +217,219 @@ void conv_direct_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, int
     }
 }
 
+// ---- Float convolutions: the sums of a tile in registers ---------------------
+//
+// The direct loops keep one sum at a time, so every multiply-accumulate loads
+// a weight and an input item. The loops below keep the sums of a tile in
+// registers, NP neighbouring positions times NC output channels, so that an
+// input item serves NC sums and a weight NP; each sum still runs over its
+// window's places in ascending order with one rounding per product and per
+// sum, then gets its bias.
+//
+// They visit only the places inside the input. That gives the direct loops'
+// bits when every weight is finite: a padded place adds w * 0.0 = +-0.0 to a
+// sum that starts at +0.0 and so is never -0.0, which leaves it as it was.
+// With an infinite or NaN weight the direct loop runs instead.
+
+// The window places d0 .. d1-1 (none when d1 == d0) along one axis of window
+// o, which starts at o * s - before, that fall inside the input's n items.
+struct Span {
+    int d0, d1;
+    bool operator==(const Span &) const = default;
+};
+
+Span inside_span(int o, int s, int before, int k, int n)
+{
+    const int start = o * s - before;
+    const int d0 = start < 0 ? -start : 0;
+    const int d1 = n - start < k ? n - start : k;
+    return {d0, d1 > d0 ? d1 : d0};
+}
+
+bool all_finite(const fptp_t *v, size_t n)
+{
+    for (size_t i = 0; i < n; i++)
+        if (!std::isfinite(v[i])) return false;
+    return true;
+}
+
+// What the positions of a tile share: the rectangle of window places inside
+// the input, and where each position's first place and outputs lie.
+template <class T>
+struct Tile {
+    int np;             // positions: 1 or 2
+    int rows, cols;     // window rows and columns inside the input
+    size_t place;       // the first of them in the window: dy * kw + dx
+    const T *first[2];  // each position's input item at that place
+    fptp_t *out[2];     // each position's output channels
+};
+
+// Calls tile(t) for every position in raster order, two at a time where a
+// position and the next one have the same places inside the input (the
+// interior of a row, every position of an unpadded layer).
+template <class T, class Fn>
+void each_tile(const Plane<T> &in, const Geo &g, int out_c, fptp_t *out, Fn tile)
+{
+    const int P = g.wo * g.ho;
+    auto spans = [&](int p) {
+        return std::pair{inside_span(p / g.wo, g.sy, g.top, g.kh, in.h),
+                         inside_span(p % g.wo, g.sx, g.left, g.kw, in.w)};
+    };
+    for (int p = 0; p < P;) {
+        const auto [ys, xs] = spans(p);
+        Tile<T> t;
+        t.np = p + 1 < P && spans(p + 1) == std::pair{ys, xs} ? 2 : 1;
+        t.rows = ys.d1 - ys.d0;
+        t.cols = xs.d1 - xs.d0;
+        t.place = static_cast<size_t>(ys.d0) * g.kw + xs.d0;
+        for (int q = 0; q < t.np; q++) {
+            const int y = (p + q) / g.wo * g.sy - g.top + ys.d0, x = (p + q) % g.wo * g.sx - g.left + xs.d0;
+            // A window wholly in the padding reads nothing.
+            t.first[q] = t.rows && t.cols ? in.item + (static_cast<size_t>(y) * in.w + x) * in.c : in.item;
+            t.out[q] = out + static_cast<size_t>(p + q) * out_c;
+        }
+        tile(t);
+        p += t.np;
+    }
+}
+
+// Where a tile's window rows lie: the items of one inside row (a run of
+// neighbouring input items, and the same run of each filter's places), and
+// the items from the end of one run to the start of the next row's.
+struct TileRows {
+    int rows, run;
+    size_t in_skip, filter_skip;
+};
+
+template <class T>
+TileRows tile_rows(const Tile<T> &t, const Geo &g, int in_w, int c)
+{
+    const int run = t.cols * c;
+    return {t.rows, run, static_cast<size_t>(in_w) * c - run, static_cast<size_t>(g.kw) * c - run};
+}
+
+// Convolution: sums (p, j) of positions p < NP and filters j < NC, the
+// filters K items apart from f, each at the tile's first place. Kept out of
+// line (as the depthwise tile is): inlined into the layer, its pointers were
+// kept on the stack around the inner loop.
+template <int NP, int NC, class T>
+[[gnu::noinline]] void conv_tile(const Tile<T> &t, const TileRows &s, const fptp_t *f, size_t K, const fptp_t *bias,
+                                 int oc)
+{
+    fptp_t acc[NP][NC] = {};
+    const T *x[NP];
+    const fptp_t *w[NC];
+#pragma GCC unroll 2
+    for (int p = 0; p < NP; p++) x[p] = t.first[p];
+#pragma GCC unroll 4
+    for (int j = 0; j < NC; j++) w[j] = f + j * K;
+    // One loop over the tile's places, a row ending every `run` of them:
+    // GCC at -Os keeps every pointer in a register in this form, where two
+    // nested loops made it keep copies of them and spill.
+    int i = s.run, r = s.run > 0 ? s.rows : 0;
+    while (r > 0) {
+        fptp_t v[NP];
+#pragma GCC unroll 2
+        for (int p = 0; p < NP; p++) v[p] = value(*x[p]++);
+#pragma GCC unroll 4
+        for (int j = 0; j < NC; j++) {
+            const fptp_t wj = *w[j]++;
+#pragma GCC unroll 2
+            for (int p = 0; p < NP; p++) acc[p][j] = acc[p][j] + wj * v[p];
+        }
+        if (--i == 0) {
+            i = s.run;
+            r--;
+#pragma GCC unroll 2
+            for (int p = 0; p < NP; p++) x[p] += s.in_skip;
+#pragma GCC unroll 4
+            for (int j = 0; j < NC; j++) w[j] += s.filter_skip;
+        }
+    }
+#pragma GCC unroll 2
+    for (int p = 0; p < NP; p++)
+#pragma GCC unroll 4
+        for (int j = 0; j < NC; j++) t.out[p][oc + j] = bias ? acc[p][j] + bias[oc + j] : acc[p][j];
+}
+
+template <int NP, class T>
+void conv_tile_channels(const Tile<T> &t, const TileRows &s, const fptp_t *f, size_t K, int out_c, const fptp_t *bias)
+{
+    int oc = 0;
+    for (; oc + 4 <= out_c; oc += 4) conv_tile<NP, 4>(t, s, f + oc * K, K, bias, oc);
+    for (; oc < out_c; oc++) conv_tile<NP, 1>(t, s, f + oc * K, K, bias, oc);
+}
+
+// The convolution with finite weights, bias (NULL for none) included.
+template <class T>
+void conv_tiled_float(const Plane<T> &in, const Geo &g, const fptp_t *filter, int out_c, const fptp_t *bias,
+                      fptp_t *out)
+{
+    const size_t K = static_cast<size_t>(g.kh) * g.kw * in.c;
+    each_tile(in, g, out_c, out, [&](const Tile<T> &t) {
+        const TileRows s = tile_rows(t, g, in.w, in.c);
+        const fptp_t *f = filter + t.place * in.c;
+        if (t.np == 2) conv_tile_channels<2>(t, s, f, K, out_c, bias);
+        else conv_tile_channels<1>(t, s, f, K, out_c, bias);
+    });
+}
+
+// Depthwise: sums (p, j) of positions p < NP and channels ch + j, j < NC,
+// for every ch in steps of NC from ch0 while NC channels remain; returns
+// where it stopped.
+template <int NP, int NC>
+[[gnu::always_inline]] inline int depthwise_channels(const Tile<fptp_t> &t, const TileRows &s, const fptp_t *f, int c,
+                                                     const fptp_t *bias, int ch0)
+{
+    int ch = ch0;
+    for (; ch + NC <= c; ch += NC) {
+        fptp_t acc[NP][NC] = {};
+        const fptp_t *x[NP];
+        const fptp_t *w = f + ch;
+#pragma GCC unroll 2
+        for (int p = 0; p < NP; p++) x[p] = t.first[p] + ch;
+        for (int r = t.cols > 0 ? t.rows : 0; r > 0; r--) {
+            int k = t.cols;
+            do {
+#pragma GCC unroll 4
+                for (int j = 0; j < NC; j++)
+#pragma GCC unroll 2
+                    for (int p = 0; p < NP; p++) acc[p][j] = acc[p][j] + w[j] * x[p][j];
+                w += c;
+#pragma GCC unroll 2
+                for (int p = 0; p < NP; p++) x[p] += c;
+            } while (--k > 0);
+            w += s.filter_skip;
+#pragma GCC unroll 2
+            for (int p = 0; p < NP; p++) x[p] += s.in_skip;
+        }
+#pragma GCC unroll 2
+        for (int p = 0; p < NP; p++)
+#pragma GCC unroll 4
+            for (int j = 0; j < NC; j++) t.out[p][ch + j] = bias ? acc[p][j] + bias[ch + j] : acc[p][j];
+    }
+    return ch;
+}
+
+template <int NP>
+[[gnu::noinline]] void depthwise_tile(const Tile<fptp_t> &t, const TileRows &s, const fptp_t *f, int c,
+                                      const fptp_t *bias)
+{
+    depthwise_channels<NP, 1>(t, s, f, c, bias, depthwise_channels<NP, 4>(t, s, f, c, bias, 0));
+}
+
+// The depthwise convolution with finite weights, bias (NULL for none)
+// included.
+void depthwise_tiled_float(const Plane<fptp_t> &in, const Geo &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out)
+{
+    each_tile(in, g, in.c, out, [&](const Tile<fptp_t> &t) {
+        const TileRows s = tile_rows(t, g, in.w, in.c);
+        const fptp_t *f = filter + t.place * in.c;
+        if (t.np == 2) depthwise_tile<2>(t, s, f, in.c, bias);
+        else depthwise_tile<1>(t, s, f, in.c, bias);
+    });
+}
+
 // ---- Convolution: windows gathered for the product kernels -------------------
 
 // The windows of positions p0 .. p1-1, place k of position p at
@@ -413,6 +629,10 @@ dl_matrix3d_t *conv_float(Isa isa, const Tensor *input, const dl_matrix3d_t *fil
     out = output(out, g.wo, g.ho, filter->n, dl_matrix3d_alloc);
     if (!out) return nullptr;
     if (conv_float_kernel(isa, input, in, g, filter, bias, padding, out->item)) return out;
+    if (all_finite(filter->item, static_cast<size_t>(filter->n) * g.kh * g.kw * in.c)) {
+        conv_tiled_float(in, g, filter->item, filter->n, bias ? bias->item : nullptr, out->item);
+        return out;
+    }
     const int P = g.wo * g.ho;
     conv_direct_float(in, g, filter->item, filter->n, out->item, 0, P);
     add_bias(out->item, P, bias);
@@ -727,6 +947,10 @@ dl_matrix3d_t *depthwise_conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_m
 #else
     (void)isa;
 #endif
+    if (all_finite(filter->item, static_cast<size_t>(g.kh) * g.kw * in->c)) {
+        depthwise_tiled_float(p, g, filter->item, bias ? bias->item : nullptr, out->item);
+        return out;
+    }
     depthwise_float(p, g, filter->item, out->item);
     add_bias(out->item, g.wo * g.ho, bias);
     return out;
