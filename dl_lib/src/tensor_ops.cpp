@@ -6,7 +6,6 @@
 #include "tensor_ops_internal.h"
 
 #include <cmath>
-#include <utility>
 
 // The instruction-set kernels are built on x86-64 only, each in its own file
 // with its own target flags; every other target runs the portable loops.
@@ -264,32 +263,47 @@ struct Tile {
     fptp_t *out[2];     // each position's output channels
 };
 
-// Calls tile(t) for every position in raster order, two at a time where a
-// position and the next one have the same places inside the input (the
-// interior of a row, every position of an unpadded layer).
+// Calls tile(t) for every position, two at a time where two positions have
+// the same places inside the input: the same column of two rows whose
+// windows cover the same input rows (all but the rows next to the padding),
+// else neighbours in a row (its interior).
 template <class T, class Fn>
 void each_tile(const Plane<T> &in, const Geo &g, int out_c, fptp_t *out, Fn tile)
 {
-    const int P = g.wo * g.ho;
-    auto spans = [&](int p) {
-        return std::pair{inside_span(p / g.wo, g.sy, g.top, g.kh, in.h),
-                         inside_span(p % g.wo, g.sx, g.left, g.kw, in.w)};
-    };
-    for (int p = 0; p < P;) {
-        const auto [ys, xs] = spans(p);
+    auto x_span = [&](int ox) { return inside_span(ox, g.sx, g.left, g.kw, in.w); };
+    auto emit = [&](int np, const Span &ys, const Span &xs, const int(*at)[2]) {
         Tile<T> t;
-        t.np = p + 1 < P && spans(p + 1) == std::pair{ys, xs} ? 2 : 1;
+        t.np = np;
         t.rows = ys.d1 - ys.d0;
         t.cols = xs.d1 - xs.d0;
         t.place = static_cast<size_t>(ys.d0) * g.kw + xs.d0;
-        for (int q = 0; q < t.np; q++) {
-            const int y = (p + q) / g.wo * g.sy - g.top + ys.d0, x = (p + q) % g.wo * g.sx - g.left + xs.d0;
+        for (int q = 0; q < np; q++) {
+            const int oy = at[q][0], ox = at[q][1];
+            const int y = oy * g.sy - g.top + ys.d0, x = ox * g.sx - g.left + xs.d0;
             // A window wholly in the padding reads nothing.
             t.first[q] = t.rows && t.cols ? in.item + (static_cast<size_t>(y) * in.w + x) * in.c : in.item;
-            t.out[q] = out + static_cast<size_t>(p + q) * out_c;
+            t.out[q] = out + (static_cast<size_t>(oy) * g.wo + ox) * out_c;
         }
         tile(t);
-        p += t.np;
+    };
+    for (int oy = 0; oy < g.ho;) {
+        const Span ys = inside_span(oy, g.sy, g.top, g.kh, in.h);
+        if (oy + 1 < g.ho && inside_span(oy + 1, g.sy, g.top, g.kh, in.h) == ys) {
+            for (int ox = 0; ox < g.wo; ox++) {
+                const int at[2][2] = {{oy, ox}, {oy + 1, ox}};
+                emit(2, ys, x_span(ox), at);
+            }
+            oy += 2;
+            continue;
+        }
+        for (int ox = 0; ox < g.wo;) {
+            const Span xs = x_span(ox);
+            const int np = ox + 1 < g.wo && x_span(ox + 1) == xs ? 2 : 1;
+            const int at[2][2] = {{oy, ox}, {oy, ox + 1}};
+            emit(np, ys, xs, at);
+            ox += np;
+        }
+        oy++;
     }
 }
 
@@ -388,24 +402,27 @@ template <int NP, int NC>
         const fptp_t *w = f + ch;
 #pragma GCC unroll 2
         for (int p = 0; p < NP; p++) x[p] = t.first[p] + ch;
-        for (int r = t.cols > 0 ? t.rows : 0; r > 0; r--) {
-            int k = t.cols;
-            do {
-#pragma GCC unroll 4
-                for (int j = 0; j < NC; j++)
+        // One loop over the places, as in the convolution's tile.
+        int k = t.cols, r = t.cols > 0 ? t.rows : 0;
+        while (r > 0) {
+#pragma GCC unroll 8
+            for (int j = 0; j < NC; j++)
 #pragma GCC unroll 2
-                    for (int p = 0; p < NP; p++) acc[p][j] = acc[p][j] + w[j] * x[p][j];
-                w += c;
+                for (int p = 0; p < NP; p++) acc[p][j] = acc[p][j] + w[j] * x[p][j];
+            w += c;
 #pragma GCC unroll 2
-                for (int p = 0; p < NP; p++) x[p] += c;
-            } while (--k > 0);
-            w += s.filter_skip;
+            for (int p = 0; p < NP; p++) x[p] += c;
+            if (--k == 0) {
+                k = t.cols;
+                r--;
+                w += s.filter_skip;
 #pragma GCC unroll 2
-            for (int p = 0; p < NP; p++) x[p] += s.in_skip;
+                for (int p = 0; p < NP; p++) x[p] += s.in_skip;
+            }
         }
 #pragma GCC unroll 2
         for (int p = 0; p < NP; p++)
-#pragma GCC unroll 4
+#pragma GCC unroll 8
             for (int j = 0; j < NC; j++) t.out[p][ch + j] = bias ? acc[p][j] + bias[ch + j] : acc[p][j];
     }
     return ch;
@@ -415,7 +432,8 @@ template <int NP>
 [[gnu::noinline]] void depthwise_tile(const Tile<fptp_t> &t, const TileRows &s, const fptp_t *f, int c,
                                       const fptp_t *bias)
 {
-    depthwise_channels<NP, 1>(t, s, f, c, bias, depthwise_channels<NP, 4>(t, s, f, c, bias, 0));
+    depthwise_channels<NP, 1>(
+        t, s, f, c, bias, depthwise_channels<NP, 4>(t, s, f, c, bias, depthwise_channels<NP, 8>(t, s, f, c, bias, 0)));
 }
 
 // The depthwise convolution with finite weights, bias (NULL for none)
