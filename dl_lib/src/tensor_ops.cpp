@@ -6,6 +6,7 @@
 #include "tensor_ops_internal.h"
 
 #include <cmath>
+#include <type_traits>
 
 // The instruction-set kernels are built on x86-64 only, each in its own file
 // with its own target flags; every other target runs the portable loops.
@@ -220,15 +221,22 @@ void conv_direct_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, int
 //
 // The direct loops keep one sum at a time, so every multiply-accumulate loads
 // a weight and an input item. The loops below keep the sums of a tile in
-// registers, NP neighbouring positions times NC output channels, so that an
-// input item serves NC sums and a weight NP; each sum still runs over its
-// window's places in ascending order with one rounding per product and per
-// sum, then gets its bias.
+// registers, two positions times four output channels (eight channels of a
+// depthwise layer), so that each input item loaded serves several sums and
+// each weight two. Every sum still runs over its window's places in
+// ascending order with one rounding per product and per sum, then gets its
+// bias.
 //
 // They visit only the places inside the input. That gives the direct loops'
 // bits when every weight is finite: a padded place adds w * 0.0 = +-0.0 to a
 // sum that starts at +0.0 and so is never -0.0, which leaves it as it was.
 // With an infinite or NaN weight the direct loop runs instead.
+//
+// The two positions of a tile have the same window places inside the input:
+// the same column of two rows whose windows cover the same input rows (every
+// row pair away from the padding), else neighbours in a row. A position
+// without such a partner makes a tile with itself: its sums are formed and
+// stored twice, with the same bits, which costs less code than tiles of one.
 
 // The window places d0 .. d1-1 (none when d1 == d0) along one axis of window
 // o, which starts at o * s - before, that fall inside the input's n items.
@@ -252,200 +260,136 @@ bool all_finite(const fptp_t *v, size_t n)
     return true;
 }
 
-// What the positions of a tile share: the rectangle of window places inside
-// the input, and where each position's first place and outputs lie.
+// A tile's two positions and the rectangle of window places inside the input
+// that they share: `rows` runs of `run` neighbouring items (`cols` places of
+// c channels), in the input and in each filter.
 template <class T>
 struct Tile {
-    int np;             // positions: 1 or 2
-    int rows, cols;     // window rows and columns inside the input
-    size_t place;       // the first of them in the window: dy * kw + dx
-    const T *first[2];  // each position's input item at that place
-    fptp_t *out[2];     // each position's output channels
+    const T *first[2];            // each position's input item at the first place
+    fptp_t *out[2];               // each position's output channels
+    int rows, cols, run;          //
+    size_t in_skip, filter_skip;  // items from the end of a run to the next one
 };
 
-// Calls tile(t) for every position, two at a time where two positions have
-// the same places inside the input: the same column of two rows whose
-// windows cover the same input rows (all but the rows next to the padding),
-// else neighbours in a row (its interior).
-template <class T, class Fn>
-void each_tile(const Plane<T> &in, const Geo &g, int out_c, fptp_t *out, Fn tile)
+// Convolution: sums (p, j) of the positions p and filters oc + j, j < NC,
+// filter oc + j's first place at f + j * K. Kept out of line (as is the
+// depthwise tile): inlined into the layer, its pointers went to the stack.
+template <int NC, class T>
+[[gnu::noinline]] void conv_tile(const Tile<T> &t, const fptp_t *f, size_t K, const fptp_t *bias, int oc)
 {
-    auto x_span = [&](int ox) { return inside_span(ox, g.sx, g.left, g.kw, in.w); };
-    auto emit = [&](int np, const Span &ys, const Span &xs, const int(*at)[2]) {
-        Tile<T> t;
-        t.np = np;
-        t.rows = ys.d1 - ys.d0;
-        t.cols = xs.d1 - xs.d0;
-        t.place = static_cast<size_t>(ys.d0) * g.kw + xs.d0;
-        for (int q = 0; q < np; q++) {
-            const int oy = at[q][0], ox = at[q][1];
-            const int y = oy * g.sy - g.top + ys.d0, x = ox * g.sx - g.left + xs.d0;
-            // A window wholly in the padding reads nothing.
-            t.first[q] = t.rows && t.cols ? in.item + (static_cast<size_t>(y) * in.w + x) * in.c : in.item;
-            t.out[q] = out + (static_cast<size_t>(oy) * g.wo + ox) * out_c;
-        }
-        tile(t);
-    };
-    for (int oy = 0; oy < g.ho;) {
-        const Span ys = inside_span(oy, g.sy, g.top, g.kh, in.h);
-        if (oy + 1 < g.ho && inside_span(oy + 1, g.sy, g.top, g.kh, in.h) == ys) {
-            for (int ox = 0; ox < g.wo; ox++) {
-                const int at[2][2] = {{oy, ox}, {oy + 1, ox}};
-                emit(2, ys, x_span(ox), at);
-            }
-            oy += 2;
-            continue;
-        }
-        for (int ox = 0; ox < g.wo;) {
-            const Span xs = x_span(ox);
-            const int np = ox + 1 < g.wo && x_span(ox + 1) == xs ? 2 : 1;
-            const int at[2][2] = {{oy, ox}, {oy, ox + 1}};
-            emit(np, ys, xs, at);
-            ox += np;
-        }
-        oy++;
-    }
-}
-
-// Where a tile's window rows lie: the items of one inside row (a run of
-// neighbouring input items, and the same run of each filter's places), and
-// the items from the end of one run to the start of the next row's.
-struct TileRows {
-    int rows, run;
-    size_t in_skip, filter_skip;
-};
-
-template <class T>
-TileRows tile_rows(const Tile<T> &t, const Geo &g, int in_w, int c)
-{
-    const int run = t.cols * c;
-    return {t.rows, run, static_cast<size_t>(in_w) * c - run, static_cast<size_t>(g.kw) * c - run};
-}
-
-// Convolution: sums (p, j) of positions p < NP and filters j < NC, the
-// filters K items apart from f, each at the tile's first place. Kept out of
-// line (as the depthwise tile is): inlined into the layer, its pointers were
-// kept on the stack around the inner loop.
-template <int NP, int NC, class T>
-[[gnu::noinline]] void conv_tile(const Tile<T> &t, const TileRows &s, const fptp_t *f, size_t K, const fptp_t *bias,
-                                 int oc)
-{
-    fptp_t acc[NP][NC] = {};
-    const T *x[NP];
+    fptp_t acc[2][NC] = {};
+    const T *x[2] = {t.first[0], t.first[1]};
     const fptp_t *w[NC];
-#pragma GCC unroll 2
-    for (int p = 0; p < NP; p++) x[p] = t.first[p];
 #pragma GCC unroll 4
     for (int j = 0; j < NC; j++) w[j] = f + j * K;
     // One loop over the tile's places, a row ending every `run` of them:
     // GCC at -Os keeps every pointer in a register in this form, where two
     // nested loops made it keep copies of them and spill.
-    int i = s.run, r = s.run > 0 ? s.rows : 0;
+    int i = t.run, r = t.run > 0 ? t.rows : 0;
     while (r > 0) {
-        fptp_t v[NP];
-#pragma GCC unroll 2
-        for (int p = 0; p < NP; p++) v[p] = value(*x[p]++);
+        const fptp_t v[2] = {value(*x[0]++), value(*x[1]++)};
 #pragma GCC unroll 4
         for (int j = 0; j < NC; j++) {
             const fptp_t wj = *w[j]++;
-#pragma GCC unroll 2
-            for (int p = 0; p < NP; p++) acc[p][j] = acc[p][j] + wj * v[p];
+            acc[0][j] = acc[0][j] + wj * v[0];
+            acc[1][j] = acc[1][j] + wj * v[1];
         }
         if (--i == 0) {
-            i = s.run;
+            i = t.run;
             r--;
-#pragma GCC unroll 2
-            for (int p = 0; p < NP; p++) x[p] += s.in_skip;
+            x[0] += t.in_skip;
+            x[1] += t.in_skip;
 #pragma GCC unroll 4
-            for (int j = 0; j < NC; j++) w[j] += s.filter_skip;
+            for (int j = 0; j < NC; j++) w[j] += t.filter_skip;
         }
     }
 #pragma GCC unroll 2
-    for (int p = 0; p < NP; p++)
+    for (int p = 0; p < 2; p++)
 #pragma GCC unroll 4
         for (int j = 0; j < NC; j++) t.out[p][oc + j] = bias ? acc[p][j] + bias[oc + j] : acc[p][j];
 }
 
-template <int NP, class T>
-void conv_tile_channels(const Tile<T> &t, const TileRows &s, const fptp_t *f, size_t K, int out_c, const fptp_t *bias)
+// Depthwise: sums (p, j) of the positions p and channels ch + j, j < NC.
+template <int NC>
+[[gnu::noinline]] void depthwise_tile(const Tile<fptp_t> &t, const fptp_t *f, int c, const fptp_t *bias, int ch)
 {
-    int oc = 0;
-    for (; oc + 4 <= out_c; oc += 4) conv_tile<NP, 4>(t, s, f + oc * K, K, bias, oc);
-    for (; oc < out_c; oc++) conv_tile<NP, 1>(t, s, f + oc * K, K, bias, oc);
-}
-
-// The convolution with finite weights, bias (NULL for none) included.
-template <class T>
-void conv_tiled_float(const Plane<T> &in, const Geo &g, const fptp_t *filter, int out_c, const fptp_t *bias,
-                      fptp_t *out)
-{
-    const size_t K = static_cast<size_t>(g.kh) * g.kw * in.c;
-    each_tile(in, g, out_c, out, [&](const Tile<T> &t) {
-        const TileRows s = tile_rows(t, g, in.w, in.c);
-        const fptp_t *f = filter + t.place * in.c;
-        if (t.np == 2) conv_tile_channels<2>(t, s, f, K, out_c, bias);
-        else conv_tile_channels<1>(t, s, f, K, out_c, bias);
-    });
-}
-
-// Depthwise: sums (p, j) of positions p < NP and channels ch + j, j < NC,
-// for every ch in steps of NC from ch0 while NC channels remain; returns
-// where it stopped.
-template <int NP, int NC>
-[[gnu::always_inline]] inline int depthwise_channels(const Tile<fptp_t> &t, const TileRows &s, const fptp_t *f, int c,
-                                                     const fptp_t *bias, int ch0)
-{
-    int ch = ch0;
-    for (; ch + NC <= c; ch += NC) {
-        fptp_t acc[NP][NC] = {};
-        const fptp_t *x[NP];
-        const fptp_t *w = f + ch;
-#pragma GCC unroll 2
-        for (int p = 0; p < NP; p++) x[p] = t.first[p] + ch;
-        // One loop over the places, as in the convolution's tile.
-        int k = t.cols, r = t.cols > 0 ? t.rows : 0;
-        while (r > 0) {
+    fptp_t acc[2][NC] = {};
+    const fptp_t *x[2] = {t.first[0] + ch, t.first[1] + ch};
+    const fptp_t *w = f + ch;
+    // One loop over the places, as in the convolution's tile.
+    int k = t.cols, r = t.cols > 0 ? t.rows : 0;
+    while (r > 0) {
 #pragma GCC unroll 8
-            for (int j = 0; j < NC; j++)
-#pragma GCC unroll 2
-                for (int p = 0; p < NP; p++) acc[p][j] = acc[p][j] + w[j] * x[p][j];
-            w += c;
-#pragma GCC unroll 2
-            for (int p = 0; p < NP; p++) x[p] += c;
-            if (--k == 0) {
-                k = t.cols;
-                r--;
-                w += s.filter_skip;
-#pragma GCC unroll 2
-                for (int p = 0; p < NP; p++) x[p] += s.in_skip;
-            }
+        for (int j = 0; j < NC; j++) {
+            acc[0][j] = acc[0][j] + w[j] * x[0][j];
+            acc[1][j] = acc[1][j] + w[j] * x[1][j];
         }
-#pragma GCC unroll 2
-        for (int p = 0; p < NP; p++)
-#pragma GCC unroll 8
-            for (int j = 0; j < NC; j++) t.out[p][ch + j] = bias ? acc[p][j] + bias[ch + j] : acc[p][j];
+        w += c;
+        x[0] += c;
+        x[1] += c;
+        if (--k == 0) {
+            k = t.cols;
+            r--;
+            w += t.filter_skip;
+            x[0] += t.in_skip;
+            x[1] += t.in_skip;
+        }
     }
-    return ch;
+#pragma GCC unroll 2
+    for (int p = 0; p < 2; p++)
+#pragma GCC unroll 8
+        for (int j = 0; j < NC; j++) t.out[p][ch + j] = bias ? acc[p][j] + bias[ch + j] : acc[p][j];
 }
 
-template <int NP>
-[[gnu::noinline]] void depthwise_tile(const Tile<fptp_t> &t, const TileRows &s, const fptp_t *f, int c,
-                                      const fptp_t *bias)
+// The convolution with finite weights, bias (NULL for none) included, or the
+// depthwise one (one filter, place k of channel ch at filter[k * c + ch];
+// out_c == c).
+template <class T>
+void conv_tiled_float(const Plane<T> &in, const Geo &g, const fptp_t *filter, int out_c, bool depthwise,
+                      const fptp_t *bias, fptp_t *out)
 {
-    depthwise_channels<NP, 1>(
-        t, s, f, c, bias, depthwise_channels<NP, 4>(t, s, f, c, bias, depthwise_channels<NP, 8>(t, s, f, c, bias, 0)));
-}
-
-// The depthwise convolution with finite weights, bias (NULL for none)
-// included.
-void depthwise_tiled_float(const Plane<fptp_t> &in, const Geo &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out)
-{
-    each_tile(in, g, in.c, out, [&](const Tile<fptp_t> &t) {
-        const TileRows s = tile_rows(t, g, in.w, in.c);
-        const fptp_t *f = filter + t.place * in.c;
-        if (t.np == 2) depthwise_tile<2>(t, s, f, in.c, bias);
-        else depthwise_tile<1>(t, s, f, in.c, bias);
-    });
+    const int c = in.c;
+    const size_t K = static_cast<size_t>(g.kh) * g.kw * c;
+    auto x_span = [&](int ox) { return inside_span(ox, g.sx, g.left, g.kw, in.w); };
+    for (int oy = 0; oy < g.ho;) {
+        const Span ys = inside_span(oy, g.sy, g.top, g.kh, in.h);
+        const bool two_rows = oy + 1 < g.ho && inside_span(oy + 1, g.sy, g.top, g.kh, in.h) == ys;
+        for (int ox = 0; ox < g.wo;) {
+            const Span xs = x_span(ox);
+            const bool pair = two_rows || (ox + 1 < g.wo && x_span(ox + 1) == xs);
+            Tile<T> t;
+            t.rows = ys.d1 - ys.d0;
+            t.cols = xs.d1 - xs.d0;
+            t.run = t.cols * c;
+            t.in_skip = static_cast<size_t>(in.w) * c - t.run;
+            t.filter_skip = static_cast<size_t>(g.kw) * c - t.run;
+            for (int q = 0; q < 2; q++) {
+                const int n = pair ? q : 0;
+                const int qy = two_rows ? oy + n : oy, qx = two_rows ? ox : ox + n;
+                const int y = qy * g.sy - g.top + ys.d0, x = qx * g.sx - g.left + xs.d0;
+                // A window wholly in the padding reads nothing.
+                t.first[q] = t.rows && t.cols ? in.item + (static_cast<size_t>(y) * in.w + x) * c : in.item;
+                t.out[q] = out + (static_cast<size_t>(qy) * g.wo + qx) * out_c;
+            }
+            const fptp_t *f = filter + (static_cast<size_t>(ys.d0) * g.kw + xs.d0) * c;
+            if constexpr (std::is_same_v<T, fptp_t>) {
+                if (depthwise && c < 8) {
+                    for (int ch = 0; ch < c; ch++) depthwise_tile<1>(t, f, c, bias, ch);
+                } else if (depthwise) {
+                    // The last eight channels may overlap the eight before:
+                    // their sums are formed again, to the same bits.
+                    for (int ch = 0; ch < c; ch += 8) depthwise_tile<8>(t, f, c, bias, ch + 8 <= c ? ch : c - 8);
+                }
+            }
+            if (!depthwise) {
+                int oc = 0;
+                for (; oc + 4 <= out_c; oc += 4) conv_tile<4>(t, f + oc * K, K, bias, oc);
+                for (; oc < out_c; oc++) conv_tile<1>(t, f + oc * K, K, bias, oc);
+            }
+            ox += pair && !two_rows ? 2 : 1;
+        }
+        oy += two_rows ? 2 : 1;
+    }
 }
 
 // ---- Convolution: windows gathered for the product kernels -------------------
@@ -648,7 +592,7 @@ dl_matrix3d_t *conv_float(Isa isa, const Tensor *input, const dl_matrix3d_t *fil
     if (!out) return nullptr;
     if (conv_float_kernel(isa, input, in, g, filter, bias, padding, out->item)) return out;
     if (all_finite(filter->item, static_cast<size_t>(filter->n) * g.kh * g.kw * in.c)) {
-        conv_tiled_float(in, g, filter->item, filter->n, bias ? bias->item : nullptr, out->item);
+        conv_tiled_float(in, g, filter->item, filter->n, false, bias ? bias->item : nullptr, out->item);
         return out;
     }
     const int P = g.wo * g.ho;
@@ -966,7 +910,7 @@ dl_matrix3d_t *depthwise_conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_m
     (void)isa;
 #endif
     if (all_finite(filter->item, static_cast<size_t>(g.kh) * g.kw * in->c)) {
-        depthwise_tiled_float(p, g, filter->item, bias ? bias->item : nullptr, out->item);
+        conv_tiled_float(p, g, filter->item, in->c, true, bias ? bias->item : nullptr, out->item);
         return out;
     }
     depthwise_float(p, g, filter->item, out->item);
