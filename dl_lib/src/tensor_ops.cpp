@@ -14,7 +14,7 @@
 #define DL_X86_KERNELS 1
 namespace dl::avx2 {
 // The depthwise convolution, bias (NULL for none) included. False, with
-// nothing written, when a weight is infinite or NaN (the portable loop then
+// nothing written, when a weight is infinite or NaN (the direct loop then
 // adds its products with the padding).
 bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
 // The convolution of an input of few channels from a padded copy of it,
@@ -449,8 +449,8 @@ constexpr int kFewChannels = 8;
 // channels, the windows gathered as rows make the float product kernel's
 // left-hand side, the filter bank transposed to places x channels its
 // right-hand side, and the result rows are out's positions. False (nothing
-// useful written) when no kernel can run; the caller then runs the direct
-// loop.
+// useful written) when no kernel can run; the caller then runs the portable
+// loops.
 template <class T, class Tensor>
 bool conv_float_kernel(Isa isa, const Tensor *input, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
                        const dl_matrix3d_t *bias, const dl_padding_t *padding, fptp_t *out)
@@ -644,9 +644,10 @@ dl_matrix3dq_t *conv_sums_q(Isa isa, const Plane<T> &in, int in_exponent, const 
 
 // ---- Depthwise convolution ---------------------------------------------------
 //
-// One loop for all targets: the channels run innermost, each keeping its own
-// sum in the order of the window's places, so a vectorising compiler may
-// take several channels at once without changing a bit.
+// The float form's direct loop, which runs when a weight is infinite or NaN
+// (the tiles above and the AVX2 kernel give its bits otherwise): the
+// channels run innermost, each keeping its own sum in the order of the
+// window's places.
 
 template <class T>
 void depthwise_float(const Plane<T> &in, const Geo &g, const fptp_t *filter, fptp_t *out)
