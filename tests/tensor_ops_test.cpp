@@ -501,11 +501,13 @@ INSTANTIATE_TEST_SUITE_P(Depthwise, ConvPathTest,
                          PathName());
 
 // Convolution shapes at the kernels' edges: twelve output channels (a
-// vector and part of a second), and a window too long for the DSP kernel's
-// stack copy whose rows are short.
+// vector and part of a second), a window too long for the DSP kernel's
+// stack copy whose rows are short, and windows wholly in the padding beside
+// windows of one place.
 const ConvCase kKernelEdgeCases[] = {
     {"partial_second_vector", 11, 7, 2, 3, 3, 12, 1, 1, {1, 1, 1, 1}, true},
     {"long_window_short_rows", 14, 14, 2, 13, 13, 3, 1, 1, {6, 6, 6, 6}, false},
+    {"windows_in_padding", 3, 2, 3, 2, 2, 6, 1, 1, {2, 1, 1, 2}, true},
 };
 
 INSTANTIATE_TEST_SUITE_P(KernelEdges, ConvPathTest,
