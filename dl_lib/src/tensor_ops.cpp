@@ -285,23 +285,25 @@ template <int NC, class T>
     // One loop over the tile's places, a row ending every `run` of them:
     // GCC at -Os keeps every pointer in a register in this form, where two
     // nested loops made it keep copies of them and spill.
-    int i = t.run, r = t.run > 0 ? t.rows : 0;
-    while (r > 0) {
-        const fptp_t v[2] = {value(*x[0]++), value(*x[1]++)};
+    if (t.run > 0 && t.rows > 0) {
+        int i = t.run, r = t.rows;
+        do {
+            const fptp_t v[2] = {value(*x[0]++), value(*x[1]++)};
 #pragma GCC unroll 4
-        for (int j = 0; j < NC; j++) {
-            const fptp_t wj = *w[j]++;
-            acc[0][j] = acc[0][j] + wj * v[0];
-            acc[1][j] = acc[1][j] + wj * v[1];
-        }
-        if (--i == 0) {
-            i = t.run;
-            r--;
-            x[0] += t.in_skip;
-            x[1] += t.in_skip;
+            for (int j = 0; j < NC; j++) {
+                const fptp_t wj = *w[j]++;
+                acc[0][j] = acc[0][j] + wj * v[0];
+                acc[1][j] = acc[1][j] + wj * v[1];
+            }
+            if (--i == 0) {
+                i = t.run;
+                r--;
+                x[0] += t.in_skip;
+                x[1] += t.in_skip;
 #pragma GCC unroll 4
-            for (int j = 0; j < NC; j++) w[j] += t.filter_skip;
-        }
+                for (int j = 0; j < NC; j++) w[j] += t.filter_skip;
+            }
+        } while (r > 0);
     }
 #pragma GCC unroll 2
     for (int p = 0; p < 2; p++)
@@ -317,23 +319,25 @@ template <int NC>
     const fptp_t *x[2] = {t.first[0] + ch, t.first[1] + ch};
     const fptp_t *w = f + ch;
     // One loop over the places, as in the convolution's tile.
-    int k = t.cols, r = t.cols > 0 ? t.rows : 0;
-    while (r > 0) {
+    if (t.cols > 0 && t.rows > 0) {
+        int k = t.cols, r = t.rows;
+        do {
 #pragma GCC unroll 8
-        for (int j = 0; j < NC; j++) {
-            acc[0][j] = acc[0][j] + w[j] * x[0][j];
-            acc[1][j] = acc[1][j] + w[j] * x[1][j];
-        }
-        w += c;
-        x[0] += c;
-        x[1] += c;
-        if (--k == 0) {
-            k = t.cols;
-            r--;
-            w += t.filter_skip;
-            x[0] += t.in_skip;
-            x[1] += t.in_skip;
-        }
+            for (int j = 0; j < NC; j++) {
+                acc[0][j] = acc[0][j] + w[j] * x[0][j];
+                acc[1][j] = acc[1][j] + w[j] * x[1][j];
+            }
+            w += c;
+            x[0] += c;
+            x[1] += c;
+            if (--k == 0) {
+                k = t.cols;
+                r--;
+                w += t.filter_skip;
+                x[0] += t.in_skip;
+                x[1] += t.in_skip;
+            }
+        } while (r > 0);
     }
 #pragma GCC unroll 2
     for (int p = 0; p < 2; p++)
