@@ -289,12 +289,13 @@ template <int NC, class T>
         int i = t.run, r = t.rows;
         do {
             const fptp_t v[2] = {value(*x[0]++), value(*x[1]++)};
+            fptp_t wv[NC];
 #pragma GCC unroll 4
-            for (int j = 0; j < NC; j++) {
-                const fptp_t wj = *w[j]++;
-                acc[0][j] = acc[0][j] + wj * v[0];
-                acc[1][j] = acc[1][j] + wj * v[1];
-            }
+            for (int j = 0; j < NC; j++) wv[j] = *w[j]++;
+#pragma GCC unroll 2
+            for (int p = 0; p < 2; p++)
+#pragma GCC unroll 4
+                for (int j = 0; j < NC; j++) acc[p][j] = acc[p][j] + wv[j] * v[p];
             if (--i == 0) {
                 i = t.run;
                 r--;
@@ -322,11 +323,10 @@ template <int NC>
     if (t.cols > 0 && t.rows > 0) {
         int k = t.cols, r = t.rows;
         do {
+#pragma GCC unroll 2
+            for (int p = 0; p < 2; p++)
 #pragma GCC unroll 8
-            for (int j = 0; j < NC; j++) {
-                acc[0][j] = acc[0][j] + w[j] * x[0][j];
-                acc[1][j] = acc[1][j] + w[j] * x[1][j];
-            }
+                for (int j = 0; j < NC; j++) acc[p][j] = acc[p][j] + w[j] * x[p][j];
             w += c;
             x[0] += c;
             x[1] += c;
