@@ -1,9 +1,10 @@
 // The tensor convolutions at the layer shapes of a keyword-spotting CNN
 // (49 x 10 spectrogram: 10 x 4 and 3 x 3 windows, 64 channels, depthwise
 // 3 x 3, pointwise 1 x 1) and of a small vision CNN (32 x 32 x 3 image, 3 x 3
-// windows, 16 and 32 channels, stride 2). Each form runs by its direct loop
-// ("plain", what a microcontroller runs) and by the public function (the
-// product kernel this machine chose), beside the matrix product of the same
+// windows, 16 and 32 channels, stride 2). Each form runs by its portable
+// loops ("plain", what a microcontroller runs: register tiles for float, the
+// direct loops for fixed point) and by the public function (the product
+// kernel this machine chose), beside the matrix product of the same
 // number of multiply-accumulates: positions x places times places x
 // channels. Rates are multiply-accumulates per second ("MAC/s"); beside each
 // layer, "of_product" is its rate over the product's, measured in

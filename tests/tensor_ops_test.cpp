@@ -241,9 +241,8 @@ class ConvPathTest : public testing::TestWithParam<std::tuple<dl::Isa, ConvCase,
 
 // The float, quantised-weight and fixed-point layers against the reference
 // loops, and the convolution's image forms (bytes read as b / 256). The
-// depthwise layers' last round puts an infinite and a NaN weight in: a
-// padded place then adds NaN (infinity times 0.0) where the window reaches
-// the padding.
+// last round puts an infinite and a NaN float weight in: a padded place
+// then adds NaN (infinity times 0.0) where the window reaches the padding.
 TEST_P(ConvPathTest, SameBitsAsReference)
 {
     const auto [isa, k, dw] = GetParam();
@@ -258,9 +257,9 @@ TEST_P(ConvPathTest, SameBitsAsReference)
 // The layer of the kind under test, by the path under test.
 #define LAYER(name, ...) own(dw ? dl::depthwise_##name(isa, __VA_ARGS__) : dl::name(isa, __VA_ARGS__))
     Rng rng(dw ? 13 : 7);
-    for (int round = 0; round < (dw ? 4 : 3); round++) {
+    for (int round = 0; round < 4; round++) {
         Operands o(rng, k, dw);
-        if (dw && round == 3) {
+        if (round == 3) {
             o.ffilter->item[0] = INFINITY;
             o.ffilter->item[count(o.ffilter.get()) - 1] = NAN;
         }
@@ -502,11 +501,13 @@ INSTANTIATE_TEST_SUITE_P(Depthwise, ConvPathTest,
                          PathName());
 
 // Convolution shapes at the kernels' edges: twelve output channels (a
-// vector and part of a second), and a window too long for the DSP kernel's
-// stack copy whose rows are short.
+// vector and part of a second), a window too long for the DSP kernel's
+// stack copy whose rows are short, and windows wholly in the padding beside
+// windows of one place.
 const ConvCase kKernelEdgeCases[] = {
     {"partial_second_vector", 11, 7, 2, 3, 3, 12, 1, 1, {1, 1, 1, 1}, true},
     {"long_window_short_rows", 14, 14, 2, 13, 13, 3, 1, 1, {6, 6, 6, 6}, false},
+    {"windows_in_padding", 3, 2, 3, 2, 2, 6, 1, 1, {2, 1, 1, 2}, true},
 };
 
 INSTANTIATE_TEST_SUITE_P(KernelEdges, ConvPathTest,

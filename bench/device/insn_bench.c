@@ -376,13 +376,15 @@ static void convolution(void)
  * channels (the middle of a small depthwise-separable network), in fixed
  * point and float; the first layer of that network (10 x 4 windows at
  * stride 2 over a 49 x 10 spectrogram) and of a small vision network (3 x 3
- * windows over a 32 x 32 RGB image), in fixed point. */
+ * windows over a 32 x 32 RGB image), in fixed point and float. */
 struct tensor_conv {
     dl_matrix3dq_t *in, *dw, *pw, *k3, *out;
-    dl_matrix3d_t *fin, *fdw, *fpw, *fout;
+    dl_matrix3d_t *fin, *fdw, *fpw, *fk3, *fout;
     dl_matrix3dq_t *spectrogram, *k10x4, *first_out;
+    dl_matrix3d_t *fspectrogram, *fk10x4;
     dl_matrix3du_t *image;
     dl_matrix3dq_t *k_rgb, *image_out;
+    dl_matrix3d_t *fk_rgb, *fimage_out;
 };
 
 static const dl_padding_t same3 = {1, 1, 1, 1};
@@ -436,6 +438,25 @@ static void run_pointwise_f(void *ctx)
     dl_matrix3d_conv_layer(t->fin, t->fpw, NULL, 1, 1, NULL, t->fout);
 }
 
+static void run_conv3x3_f(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    dl_matrix3d_conv_layer(t->fin, t->fk3, NULL, 1, 1, &same3, t->fout);
+}
+
+static void run_first_layer_f(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    const dl_padding_t same = dl_padding_same(10, 49, 4, 10, 2, 2, 1);
+    dl_matrix3d_conv_layer(t->fspectrogram, t->fk10x4, NULL, 2, 2, &same, t->fout);
+}
+
+static void run_image_f(void *ctx)
+{
+    struct tensor_conv *t = ctx;
+    dl_matrix3du_conv_layer(t->image, t->fk_rgb, NULL, 1, 1, &same3, t->fimage_out);
+}
+
 static void fill_tensor(dl_matrix3dq_t *m, uint32_t seed)
 {
     const int count = m->n * m->h * m->w * m->c;
@@ -472,6 +493,11 @@ static void tensor_convolutions(void)
     t.k_rgb = dl_matrix3dq_alloc(16, 3, 3, 3, -15);
     fill_tensor(t.k_rgb, 14u);
     t.image_out = dl_matrix3dq_alloc(1, 32, 32, 16, 0);
+    t.fk3 = dl_matrix3d_from_matrixq(t.k3);
+    t.fspectrogram = dl_matrix3d_from_matrixq(t.spectrogram);
+    t.fk10x4 = dl_matrix3d_from_matrixq(t.k10x4);
+    t.fk_rgb = dl_matrix3d_from_matrixq(t.k_rgb);
+    t.fimage_out = dl_matrix3d_alloc(1, 32, 32, 16);
     report("tensor depthwise 25x5x32 3x3 dl_matrix3dq_depthwise_conv_layer_q", run_depthwise_q, &t,
            (long)W * H * C * 9);
     report("tensor depthwise 25x5x32 3x3 dl_matrix3d_depthwise_conv_layer", run_depthwise_f, &t, (long)W * H * C * 9);
@@ -480,9 +506,13 @@ static void tensor_convolutions(void)
     report("tensor depthwise 25x5x32 3x3 dl_matrix3d_depthwise_conv_layer_quantised_weight", run_depthwise_qw, &t,
            (long)W * H * C * 9);
     report("tensor conv 25x5x32 3x3x32 dl_matrix3dq_conv_layer_q", run_conv3x3_q, &t, (long)W * H * C * 9 * C);
+    report("tensor conv 25x5x32 3x3x32 dl_matrix3d_conv_layer", run_conv3x3_f, &t, (long)W * H * C * 9 * C);
     report("tensor conv 49x10x1 10x4 stride 2 to 32 dl_matrix3dq_conv_layer_q", run_first_layer_q, &t,
            (long)W * H * C * 40);
+    report("tensor conv 49x10x1 10x4 stride 2 to 32 dl_matrix3d_conv_layer", run_first_layer_f, &t,
+           (long)W * H * C * 40);
     report("tensor conv 32x32x3 image 3x3 to 16 dl_matrix3du_conv_layer_q", run_image_q, &t, 32L * 32 * 16 * 27);
+    report("tensor conv 32x32x3 image 3x3 to 16 dl_matrix3du_conv_layer", run_image_f, &t, 32L * 32 * 16 * 27);
     dl_matrix3dq_free(t.in);
     dl_matrix3dq_free(t.dw);
     dl_matrix3dq_free(t.pw);
@@ -498,6 +528,11 @@ static void tensor_convolutions(void)
     dl_matrix3d_free(t.fdw);
     dl_matrix3d_free(t.fpw);
     dl_matrix3d_free(t.fout);
+    dl_matrix3d_free(t.fk3);
+    dl_matrix3d_free(t.fspectrogram);
+    dl_matrix3d_free(t.fk10x4);
+    dl_matrix3d_free(t.fk_rgb);
+    dl_matrix3d_free(t.fimage_out);
 }
 
 /* ---- Whole networks ---------------------------------------------------- */

@@ -5,13 +5,16 @@
 #include "matrix_internal.h"
 #include "tensor_ops_internal.h"
 
+#include <cmath>
+#include <type_traits>
+
 // The instruction-set kernels are built on x86-64 only, each in its own file
 // with its own target flags; every other target runs the portable loops.
 #if defined(DL_LIB_X86_KERNELS) && defined(__x86_64__)
 #define DL_X86_KERNELS 1
 namespace dl::avx2 {
 // The depthwise convolution, bias (NULL for none) included. False, with
-// nothing written, when a weight is infinite or NaN (the portable loop then
+// nothing written, when a weight is infinite or NaN (the direct loop then
 // adds its products with the padding).
 bool depthwise_float(const dl_matrix3d_t *in, const Windows &g, const fptp_t *filter, const fptp_t *bias, fptp_t *out);
 // The convolution of an input of few channels from a padded copy of it,
@@ -214,6 +217,185 @@ void conv_direct_sums(const Plane<T> &in, const Geo &g, const qtp_t *filter, int
     }
 }
 
+// ---- Float convolutions: the sums of a tile in registers ---------------------
+//
+// The direct loops keep one sum at a time, so every multiply-accumulate loads
+// a weight and an input item. The loops below keep the sums of a tile in
+// registers, two positions times four output channels (eight channels of a
+// depthwise layer), so that each input item loaded serves several sums and
+// each weight two. Every sum still runs over its window's places in
+// ascending order with one rounding per product and per sum, then gets its
+// bias.
+//
+// They visit only the places inside the input. That gives the direct loops'
+// bits when every weight is finite: a padded place adds w * 0.0 = +-0.0 to a
+// sum that starts at +0.0 and so is never -0.0, which leaves it as it was.
+// With an infinite or NaN weight the direct loop runs instead.
+//
+// The two positions of a tile have the same window places inside the input:
+// the same column of two rows whose windows cover the same input rows (every
+// row pair away from the padding), else neighbours in a row. A position
+// without such a partner makes a tile with itself: its sums are formed and
+// stored twice, with the same bits, which costs less code than tiles of one.
+
+// The window places d0 .. d1-1 (none when d1 == d0) along one axis of window
+// o, which starts at o * s - before, that fall inside the input's n items.
+struct Span {
+    int d0, d1;
+    bool operator==(const Span &) const = default;
+};
+
+Span inside_span(int o, int s, int before, int k, int n)
+{
+    const int start = o * s - before;
+    const int d0 = start < 0 ? -start : 0;
+    const int d1 = n - start < k ? n - start : k;
+    return {d0, d1 > d0 ? d1 : d0};
+}
+
+bool all_finite(const fptp_t *v, size_t n)
+{
+    for (size_t i = 0; i < n; i++)
+        if (!std::isfinite(v[i])) return false;
+    return true;
+}
+
+// A tile's two positions and the rectangle of window places inside the input
+// that they share: `rows` runs of `run` neighbouring items (`cols` places of
+// c channels), in the input and in each filter.
+template <class T>
+struct Tile {
+    const T *first[2];            // each position's input item at the first place
+    fptp_t *out[2];               // each position's output channels
+    int rows, cols, run;          //
+    size_t in_skip, filter_skip;  // items from the end of a run to the next one
+};
+
+// Convolution: sums (p, j) of the positions p and filters oc + j, j < NC,
+// filter oc + j's first place at f + j * K. Kept out of line (as is the
+// depthwise tile): inlined into the layer, its pointers went to the stack.
+template <int NC, class T>
+[[gnu::noinline]] void conv_tile(const Tile<T> &t, const fptp_t *f, size_t K, const fptp_t *bias, int oc)
+{
+    fptp_t acc[2][NC] = {};
+    const T *x[2] = {t.first[0], t.first[1]};
+    const fptp_t *w[NC];
+#pragma GCC unroll 4
+    for (int j = 0; j < NC; j++) w[j] = f + j * K;
+    // One loop over the tile's places, a row ending every `run` of them:
+    // GCC at -Os keeps every pointer in a register in this form, where two
+    // nested loops made it keep copies of them and spill.
+    if (t.run > 0 && t.rows > 0) {
+        int i = t.run, r = t.rows;
+        do {
+            const fptp_t v[2] = {value(*x[0]++), value(*x[1]++)};
+            fptp_t wv[NC];
+#pragma GCC unroll 4
+            for (int j = 0; j < NC; j++) wv[j] = *w[j]++;
+#pragma GCC unroll 2
+            for (int p = 0; p < 2; p++)
+#pragma GCC unroll 4
+                for (int j = 0; j < NC; j++) acc[p][j] = acc[p][j] + wv[j] * v[p];
+            if (--i == 0) {
+                i = t.run;
+                r--;
+                x[0] += t.in_skip;
+                x[1] += t.in_skip;
+#pragma GCC unroll 4
+                for (int j = 0; j < NC; j++) w[j] += t.filter_skip;
+            }
+        } while (r > 0);
+    }
+#pragma GCC unroll 2
+    for (int p = 0; p < 2; p++)
+#pragma GCC unroll 4
+        for (int j = 0; j < NC; j++) t.out[p][oc + j] = bias ? acc[p][j] + bias[oc + j] : acc[p][j];
+}
+
+// Depthwise: sums (p, j) of the positions p and channels ch + j, j < NC.
+template <int NC>
+[[gnu::noinline]] void depthwise_tile(const Tile<fptp_t> &t, const fptp_t *f, int c, const fptp_t *bias, int ch)
+{
+    fptp_t acc[2][NC] = {};
+    const fptp_t *x[2] = {t.first[0] + ch, t.first[1] + ch};
+    const fptp_t *w = f + ch;
+    // One loop over the places, as in the convolution's tile.
+    if (t.cols > 0 && t.rows > 0) {
+        int k = t.cols, r = t.rows;
+        do {
+#pragma GCC unroll 2
+            for (int p = 0; p < 2; p++)
+#pragma GCC unroll 8
+                for (int j = 0; j < NC; j++) acc[p][j] = acc[p][j] + w[j] * x[p][j];
+            w += c;
+            x[0] += c;
+            x[1] += c;
+            if (--k == 0) {
+                k = t.cols;
+                r--;
+                w += t.filter_skip;
+                x[0] += t.in_skip;
+                x[1] += t.in_skip;
+            }
+        } while (r > 0);
+    }
+#pragma GCC unroll 2
+    for (int p = 0; p < 2; p++)
+#pragma GCC unroll 8
+        for (int j = 0; j < NC; j++) t.out[p][ch + j] = bias ? acc[p][j] + bias[ch + j] : acc[p][j];
+}
+
+// The convolution with finite weights, bias (NULL for none) included, or the
+// depthwise one (one filter, place k of channel ch at filter[k * c + ch];
+// out_c == c).
+template <class T>
+void conv_tiled_float(const Plane<T> &in, const Geo &g, const fptp_t *filter, int out_c, bool depthwise,
+                      const fptp_t *bias, fptp_t *out)
+{
+    const int c = in.c;
+    const size_t K = static_cast<size_t>(g.kh) * g.kw * c;
+    auto x_span = [&](int ox) { return inside_span(ox, g.sx, g.left, g.kw, in.w); };
+    for (int oy = 0; oy < g.ho;) {
+        const Span ys = inside_span(oy, g.sy, g.top, g.kh, in.h);
+        const bool two_rows = oy + 1 < g.ho && inside_span(oy + 1, g.sy, g.top, g.kh, in.h) == ys;
+        for (int ox = 0; ox < g.wo;) {
+            const Span xs = x_span(ox);
+            const bool pair = two_rows || (ox + 1 < g.wo && x_span(ox + 1) == xs);
+            Tile<T> t;
+            t.rows = ys.d1 - ys.d0;
+            t.cols = xs.d1 - xs.d0;
+            t.run = t.cols * c;
+            t.in_skip = static_cast<size_t>(in.w) * c - t.run;
+            t.filter_skip = static_cast<size_t>(g.kw) * c - t.run;
+            for (int q = 0; q < 2; q++) {
+                const int n = pair ? q : 0;
+                const int qy = two_rows ? oy + n : oy, qx = two_rows ? ox : ox + n;
+                const int y = qy * g.sy - g.top + ys.d0, x = qx * g.sx - g.left + xs.d0;
+                // A window wholly in the padding reads nothing.
+                t.first[q] = t.rows && t.cols ? in.item + (static_cast<size_t>(y) * in.w + x) * c : in.item;
+                t.out[q] = out + (static_cast<size_t>(qy) * g.wo + qx) * out_c;
+            }
+            const fptp_t *f = filter + (static_cast<size_t>(ys.d0) * g.kw + xs.d0) * c;
+            if constexpr (std::is_same_v<T, fptp_t>) {
+                if (depthwise && c < 8) {
+                    for (int ch = 0; ch < c; ch++) depthwise_tile<1>(t, f, c, bias, ch);
+                } else if (depthwise) {
+                    // The last eight channels may overlap the eight before:
+                    // their sums are formed again, to the same bits.
+                    for (int ch = 0; ch < c; ch += 8) depthwise_tile<8>(t, f, c, bias, ch + 8 <= c ? ch : c - 8);
+                }
+            }
+            if (!depthwise) {
+                int oc = 0;
+                for (; oc + 4 <= out_c; oc += 4) conv_tile<4>(t, f + oc * K, K, bias, oc);
+                for (; oc < out_c; oc++) conv_tile<1>(t, f + oc * K, K, bias, oc);
+            }
+            ox += pair && !two_rows ? 2 : 1;
+        }
+        oy += two_rows ? 2 : 1;
+    }
+}
+
 // ---- Convolution: windows gathered for the product kernels -------------------
 
 // The windows of positions p0 .. p1-1, place k of position p at
@@ -271,8 +453,8 @@ constexpr int kFewChannels = 8;
 // channels, the windows gathered as rows make the float product kernel's
 // left-hand side, the filter bank transposed to places x channels its
 // right-hand side, and the result rows are out's positions. False (nothing
-// useful written) when no kernel can run; the caller then runs the direct
-// loop.
+// useful written) when no kernel can run; the caller then runs the portable
+// loops.
 template <class T, class Tensor>
 bool conv_float_kernel(Isa isa, const Tensor *input, const Plane<T> &in, const Geo &g, const dl_matrix3d_t *filter,
                        const dl_matrix3d_t *bias, const dl_padding_t *padding, fptp_t *out)
@@ -413,6 +595,10 @@ dl_matrix3d_t *conv_float(Isa isa, const Tensor *input, const dl_matrix3d_t *fil
     out = output(out, g.wo, g.ho, filter->n, dl_matrix3d_alloc);
     if (!out) return nullptr;
     if (conv_float_kernel(isa, input, in, g, filter, bias, padding, out->item)) return out;
+    if (all_finite(filter->item, static_cast<size_t>(filter->n) * g.kh * g.kw * in.c)) {
+        conv_tiled_float(in, g, filter->item, filter->n, false, bias ? bias->item : nullptr, out->item);
+        return out;
+    }
     const int P = g.wo * g.ho;
     conv_direct_float(in, g, filter->item, filter->n, out->item, 0, P);
     add_bias(out->item, P, bias);
@@ -462,9 +648,10 @@ dl_matrix3dq_t *conv_sums_q(Isa isa, const Plane<T> &in, int in_exponent, const 
 
 // ---- Depthwise convolution ---------------------------------------------------
 //
-// One loop for all targets: the channels run innermost, each keeping its own
-// sum in the order of the window's places, so a vectorising compiler may
-// take several channels at once without changing a bit.
+// The float form's direct loop, which runs when a weight is infinite or NaN
+// (the tiles above and the AVX2 kernel give its bits otherwise): the
+// channels run innermost, each keeping its own sum in the order of the
+// window's places.
 
 template <class T>
 void depthwise_float(const Plane<T> &in, const Geo &g, const fptp_t *filter, fptp_t *out)
@@ -727,6 +914,10 @@ dl_matrix3d_t *depthwise_conv_layer(Isa isa, const dl_matrix3d_t *in, const dl_m
 #else
     (void)isa;
 #endif
+    if (all_finite(filter->item, static_cast<size_t>(g.kh) * g.kw * in->c)) {
+        conv_tiled_float(p, g, filter->item, in->c, true, bias ? bias->item : nullptr, out->item);
+        return out;
+    }
     depthwise_float(p, g, filter->item, out->item);
     add_bias(out->item, g.wo * g.ho, bias);
     return out;
