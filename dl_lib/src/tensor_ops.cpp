@@ -265,9 +265,9 @@ bool all_finite(const fptp_t *v, size_t n)
 // c channels), in the input and in each filter.
 template <class T>
 struct Tile {
-    const T *first[2];            // each position's input item at the first place
-    fptp_t *out[2];               // each position's output channels
-    int rows, cols, run;          //
+    const T *first[2];  // each position's input item at the first place
+    fptp_t *out[2];     // each position's output channels
+    int rows, cols, run;
     size_t in_skip, filter_skip;  // items from the end of a run to the next one
 };
 

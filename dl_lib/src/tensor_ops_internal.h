@@ -5,13 +5,14 @@
  * Isa::none runs the portable loops, which allocate nothing: the float forms
  * keep the sums of two positions times a few channels in registers (the
  * direct loops, window by window, when a float weight is infinite or NaN),
- * the fixed-point ones run the direct loops. On x86-64, the float convolution of few input channels and the float
- * depthwise one have AVX2 kernels of their own (tensor_ops_avx2.cpp); every
- * other x86 form gathers the windows of a block of positions into a matrix
- * for that set's product kernel (kernels_internal.h). Isa::dsp (32-bit ARM
- * with the DSP extension, what a Cortex-M4 runs) forms the fixed-point sums
- * by its own kernels (tensor_ops_dsp.cpp), which allocate nothing either,
- * and the float forms as Isa::none does.
+ * the fixed-point ones run the direct loops. On x86-64, the float
+ * convolution of few input channels and the float depthwise one have AVX2
+ * kernels of their own (tensor_ops_avx2.cpp); every other x86 form gathers
+ * the windows of a block of positions into a matrix for that set's product
+ * kernel (kernels_internal.h). Isa::dsp (32-bit ARM with the DSP extension,
+ * what a Cortex-M4 runs) forms the fixed-point sums by its own kernels
+ * (tensor_ops_dsp.cpp), which allocate nothing either, and the float forms
+ * as Isa::none does.
  * All give the same bits: a float sum keeps its ascending order with
  * separate roundings, and the fixed-point sums are the same exact 64-bit
  * sums. The public functions pass detected_isa(); the tests pass each set in
