@@ -138,20 +138,39 @@ void dl_matrix_div(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t
 
 namespace dl {
 
+namespace {
+
+// Items x .. x+N-1 of one row of the product: N sums, each in a register of
+// its own, so that every item of a's row is loaded once for N of them.
+template <int N>
+[[gnu::noinline]] void dot_columns(const fptp_t *arow, const fptp_t *bcol, int k_count, int bstride, fptp_t *out)
+{
+    fptp_t sum[N] = {};
+    for (int k = 0; k < k_count; k++, bcol += bstride) {
+        const fptp_t v = arow[k];
+#pragma GCC unroll 8
+        for (int j = 0; j < N; j++) sum[j] = v * bcol[j] + sum[j];
+    }
+#pragma GCC unroll 8
+    for (int j = 0; j < N; j++) out[j] = sum[j];
+}
+
+}  // namespace
+
 // The product: each item of res sums its products in ascending k, starting
 // from 0.0, with the multiplication and the addition rounded apart. Only that
-// order fixes the bits, so the sum stays in a register and is stored once,
-// rather than res being read and written once per multiply-accumulate.
+// order fixes the bits, so the sums stay in registers and are stored once,
+// rather than res being read and written once per multiply-accumulate; four
+// columns at a time share the loads of a's items.
 void matrix_dot_plain(const dl_matrix2d_t *a, const dl_matrix2d_t *b, dl_matrix2d_t *res)
 {
     for (int y = 0; y < a->h; y++) {
         const fptp_t *arow = a->item + a->stride * y;
-        for (int x = 0; x < b->w; x++) {
-            const fptp_t *bcol = b->item + x;
-            fptp_t sum = 0.0f;
-            for (int k = 0; k < b->h; k++) sum = arow[k] * bcol[b->stride * k] + sum;
-            res->item[x + res->stride * y] = sum;
-        }
+        fptp_t *out = res->item + res->stride * y;
+        int x = 0;
+        for (; x + 8 <= b->w; x += 8) dot_columns<8>(arow, b->item + x, b->h, b->stride, out + x);
+        for (; x + 4 <= b->w; x += 4) dot_columns<4>(arow, b->item + x, b->h, b->stride, out + x);
+        for (; x < b->w; x++) dot_columns<1>(arow, b->item + x, b->h, b->stride, out + x);
     }
 }
 
