@@ -271,6 +271,17 @@ struct Tile {
     size_t in_skip, filter_skip;  // items from the end of a run to the next one
 };
 
+// A tile's sums (p, j) as output channels first + j of its two positions,
+// each with its bias added.
+template <int NC, class T>
+inline void store_tile(const Tile<T> &t, const fptp_t (&acc)[2][NC], const fptp_t *bias, int first)
+{
+#pragma GCC unroll 2
+    for (int p = 0; p < 2; p++)
+#pragma GCC unroll 8
+        for (int j = 0; j < NC; j++) t.out[p][first + j] = bias ? acc[p][j] + bias[first + j] : acc[p][j];
+}
+
 // Convolution: sums (p, j) of the positions p and filters oc + j, j < NC,
 // filter oc + j's first place at f + j * K. Kept out of line (as is the
 // depthwise tile): inlined into the layer, its pointers went to the stack.
@@ -306,10 +317,7 @@ template <int NC, class T>
             }
         } while (r > 0);
     }
-#pragma GCC unroll 2
-    for (int p = 0; p < 2; p++)
-#pragma GCC unroll 4
-        for (int j = 0; j < NC; j++) t.out[p][oc + j] = bias ? acc[p][j] + bias[oc + j] : acc[p][j];
+    store_tile(t, acc, bias, oc);
 }
 
 // Depthwise: sums (p, j) of the positions p and channels ch + j, j < NC.
@@ -339,10 +347,7 @@ template <int NC>
             }
         } while (r > 0);
     }
-#pragma GCC unroll 2
-    for (int p = 0; p < 2; p++)
-#pragma GCC unroll 8
-        for (int j = 0; j < NC; j++) t.out[p][ch + j] = bias ? acc[p][j] + bias[ch + j] : acc[p][j];
+    store_tile(t, acc, bias, ch);
 }
 
 // The convolution with finite weights, bias (NULL for none) included, or the
